@@ -1,0 +1,165 @@
+// Lumen tables: typed hash tables in POSIX shared memory, written by one
+// process and read, lock-free, by any number of others that map them by path.
+//
+// Ownership: a table's files live under Lumen::root(); the Writer bound to a
+// path owns them while it is attached (an exclusive flock on the control file;
+// a dead writer's lock is released by the kernel, so the next writer takes
+// over). Content outlives writers: detaching or dying leaves it in place.
+//
+// Threading: a Writer is used from one thread. A Reader is used from one
+// thread (its lookups and dispatch()); it runs one internal thread that only
+// turns shared-memory wake-ups into readiness of fd(). Readers never take a
+// lock the writer could hold and the writer never waits for readers.
+//
+// Invariants: records are trivially copyable and stored by value (no
+// pointers in shared memory); every index read from shared memory is bounds
+// checked; a reader never returns a record copied while the writer changed it
+// (per-slot sequence word, re-checked after the copy, plus a table-wide
+// generation re-checked after every probe so a miss can be trusted).
+// Segment layout: docs/lumen-format.md.
+#pragma once
+
+#include "platform/lumen/CorruptionDetectedException.h"
+#include "platform/lumen/Options.h"
+#include "platform/lumen/internal/Segment.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+namespace Lumen {
+
+template< class Record >
+class Writer {
+ public:
+   using Key = std::decay_t< decltype( std::declval< const Record& >().key() ) >;
+   static_assert( std::is_trivially_copyable_v< Record >, "Lumen records are copied as bytes" );
+   static_assert( std::is_trivially_copyable_v< Key >, "Lumen keys are copied as bytes" );
+
+   // Unattached: entries live in process memory until attach().
+   explicit Writer( const Record& defaultValue = Record{}, Options options = {} );
+   ~Writer();   // detaches; the segment and its content stay for the next writer
+   Writer( const Writer& ) = delete;
+   Writer& operator=( const Writer& ) = delete;
+
+   // Creates the table at `path` or takes it over (validating what is there);
+   // existing content is kept, then entries written while unattached are merged
+   // in (they win). Throws WriterConflictException if a live writer holds it.
+   void attach( const std::string& path );
+   // Keeps a process-memory copy of the content; the segment stays.
+   void detach();
+   bool attached() const { return control_ != nullptr; }
+   const std::string& path() const { return path_; }
+
+   void write( const Record& r );                 // insert or replace
+   std::optional< Record > remove( const Key& k );
+   Record lookup( const Key& k ) const;
+   bool contains( const Key& k ) const;
+   uint32_t count() const;
+   uint32_t capacity() const;
+
+   // Memory for editing k's record in place, holding its current value (or the
+   // default value with key k). The edit becomes visible, in one piece, at
+   // commit( ptr ); until then readers keep seeing the committed value.
+   Record* slotFor( const Key& k );
+   void commit( const Record* inPlace );
+
+   // First entry at or after `from`, in slot order, with the hint of the slot
+   // after it. Removing the returned entry and continuing from that hint
+   // neither skips nor repeats entries (removals never move entries).
+   std::optional< std::pair< Record, Hint > > next( Hint from = {} ) const;
+
+   void corruptionHandlerIs( CorruptionHandler h ) { corruptionHandler_ = std::move( h ); }
+   // Walks every slot and probe sequence; throws CorruptionDetectedException.
+   void sanityCheck() const;
+
+ private:
+   using Ops = internal::SlotOps< Record >;
+   void insertNew( const Record& r, const Key& k, uint32_t slot );   // slot: where find() put k
+   void rebuild( uint32_t newCapacity );
+   void publish( const Key& k );
+   uint32_t shrinkTarget() const;
+
+   Record default_;
+   Options options_;
+   std::string path_;
+   CorruptionHandler corruptionHandler_;
+   internal::RecordLayout layout_;
+   internal::SlotArray table_;                    // current generation
+   std::unique_ptr< internal::Control > control_; // set while attached
+   std::vector< std::unique_ptr< Record > > staged_;   // slotFor() images
+};
+
+template< class Record >
+class Reader {
+ public:
+   using Key = std::decay_t< decltype( std::declval< const Record& >().key() ) >;
+   static_assert( std::is_trivially_copyable_v< Record >, "Lumen records are copied as bytes" );
+   static_assert( std::is_trivially_copyable_v< Key >, "Lumen keys are copied as bytes" );
+
+   // Never throws for a missing table: mountStatus() is then waitingForWriter
+   // and the table is picked up when a writer creates it.
+   explicit Reader( const std::string& path, const Record& defaultValue = Record{} );
+   ~Reader();
+   Reader( const Reader& ) = delete;
+   Reader& operator=( const Reader& ) = delete;
+
+   Record lookup( const Key& k ) const;
+   bool contains( const Key& k ) const;
+   uint32_t count() const;
+   std::optional< std::pair< Record, Hint > > next( Hint from = {} ) const;
+   // Looks up n keys, overlapping their memory accesses.
+   void lookupBatch( const Key* keys, Record* out, size_t n ) const;
+
+   MountStatus mountStatus() const;
+   const std::string& path() const { return path_; }
+
+   int fd() const;       // readable when dispatch() has work
+   void dispatch();      // runs pending callbacks on the caller's thread
+   void onKeyIs( std::function< void ( const Key& ) > f ) { onKey_ = std::move( f ); }
+   void onQuiescedIs( std::function< void ( bool ) > f ) { onQuiesced_ = std::move( f ); }
+   void onMountStatusIs( std::function< void ( MountStatus ) > f ) { onMountStatus_ = std::move( f ); }
+   void corruptionHandlerIs( CorruptionHandler h ) { corruptionHandler_ = std::move( h ); }
+
+ private:
+   using Ops = internal::SlotOps< Record >;
+   struct KeyHash {
+      size_t operator()( const Key& k ) const { return k.hash(); }
+   };
+   using KeySet = std::unordered_set< Key, KeyHash >;
+
+   bool mount() const;                 // maps the control segment if it exists
+   const internal::SlotArray* current() const;   // current generation or null
+   KeySet presentKeys() const;
+   bool readFeed( std::vector< Key >& keys );    // false: lapped
+
+   std::string path_;
+   Record default_;
+   internal::RecordLayout layout_;
+   CorruptionHandler corruptionHandler_;
+   std::function< void ( const Key& ) > onKey_;
+   std::function< void ( bool ) > onQuiesced_;
+   std::function< void ( MountStatus ) > onMountStatus_;
+
+   mutable std::unique_ptr< internal::Control > control_;
+   mutable internal::SlotArray current_;
+   mutable internal::SlotArray previous_;   // kept so an iteration can finish
+   std::unique_ptr< internal::Notifier > notifier_;
+
+   // Dispatch state, touched only by dispatch() and the constructor.
+   uint64_t cursor_ = 0;           // next feed sequence to read
+   bool synced_ = false;           // known_ reflects a full pass
+   KeySet known_;
+   MountStatus reportedStatus_ = MountStatus::unmounted;
+   bool dispatching_ = false;
+};
+
+}  // namespace Lumen
+
+#include "platform/lumen/internal/TableImpl.h"

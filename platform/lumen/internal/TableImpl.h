@@ -1,0 +1,797 @@
+// Lumen table templates: typed probing over a SlotArray, and the Writer and
+// Reader members. Included by platform/lumen/Table.h only.
+//
+// Table scheme: open addressing with linear probing. A key's home slot is the
+// top bits of its mixed hash, so slot order follows hash order and a cursor
+// can be scaled from one generation's size to another's. Removal leaves a
+// tombstone and never moves an entry, which is what makes a miss trustworthy
+// within a generation and iteration stable under removal. Tombstones and size
+// changes are handled by rebuilding into a new generation.
+#pragma once
+
+#include "platform/lumen/internal/Segment.h"
+#include "platform/mox/Assert.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+namespace Lumen::internal {
+
+inline constexpr uint32_t noSlot = ~0u;
+
+// Hint bits: generation tag (24) | slot shift (6) | slot index (34).
+inline uint64_t generationTag( uint64_t generation ) {
+   return generation % 0xffffffULL + 1;
+}
+
+inline Hint makeHint( const SlotArray& t, uint64_t slot ) {
+   return Hint{ generationTag( t.generation() ) << 40 | uint64_t( t.shift() ) << 34 | slot };
+}
+
+// Where `hint` points in `t`: itself if it was made for t's generation, else
+// the same relative position (slot order is hash order in every generation).
+inline uint64_t hintSlot( const SlotArray& t, Hint hint ) {
+   uint64_t tag = hint.value >> 40;
+   uint64_t shift = ( hint.value >> 34 ) & 0x3f;
+   uint64_t slot = hint.value & ( ( uint64_t( 1 ) << 34 ) - 1 );
+   if ( tag == 0 || ( tag == generationTag( t.generation() ) && shift == t.shift() ) ) {
+      return slot;
+   }
+   return shift >= t.shift() ? slot >> ( shift - t.shift() ) : slot << ( t.shift() - shift );
+}
+
+inline bool hintIsFor( const SlotArray& t, Hint hint ) {
+   return t && ( hint.value >> 40 ) == generationTag( t.generation() ) &&
+          ( ( hint.value >> 34 ) & 0x3f ) == t.shift();
+}
+
+template< class Record >
+struct SlotOps {
+   using Key = std::decay_t< decltype( std::declval< const Record& >().key() ) >;
+
+   static RecordLayout layout() {
+      return RecordLayout{ uint32_t( sizeof( Record ) ), uint32_t( alignof( Record ) ),
+                           uint32_t( sizeof( Key ) ), RecordTraits< Record >::name };
+   }
+
+   static Record recordAt( const SlotArray& t, uint32_t i ) {
+      Record r;
+      std::memcpy( static_cast< void* >( &r ), t.record( i ), sizeof( Record ) );
+      return r;
+   }
+
+   static Record withKey( const Record& defaultValue, const Key& k ) {
+      if constexpr ( requires( Record r ) { r.keyIs( k ); } ) {
+         Record r = defaultValue;
+         r.keyIs( k );
+         return r;
+      } else {
+         static_assert( std::is_constructible_v< Record, const Key& >,
+                        "slotFor() needs Record( key ) or Record::keyIs( key )" );
+         (void)defaultValue;
+         return Record( k );
+      }
+   }
+
+   struct Found {
+      bool present;
+      uint32_t slot;   // the key's slot, or where it would go
+   };
+
+   // Writer-side probe: the writer is the only mutator, so no retries.
+   static Found find( const SlotArray& t, const Key& k, const std::string& path,
+                      const CorruptionHandler& handler ) {
+      uint32_t mask = t.slotCount() - 1;
+      uint32_t i = t.home( k.hash() );
+      uint32_t freeSlot = noSlot;
+      for ( uint32_t n = 0; n < t.slotCount(); ++n, i = ( i + 1 ) & mask ) {
+         uint32_t state = t.word( i ).load( std::memory_order_relaxed ) & 3;
+         if ( state == slotEmpty ) {
+            return { false, freeSlot != noSlot ? freeSlot : i };
+         }
+         if ( state == slotTombstone ) {
+            freeSlot = freeSlot != noSlot ? freeSlot : i;
+         } else if ( state == slotBusy ) {
+            raiseCorruption( handler, fmt::format( "Lumen table {}: slot {} was left mid-update",
+                                                   path, i ) );
+         } else if ( recordAt( t, i ).key() == k ) {
+            return { true, i };
+         }
+      }
+      raiseCorruption( handler, fmt::format( "Lumen table {}: probe from slot {} never ends", path,
+                                             t.home( k.hash() ) ) );
+   }
+
+   // Seqlock write: readers that overlap see the busy state or a changed word.
+   static void store( const SlotArray& t, uint32_t i, const Record* r, uint32_t state ) {
+      auto& word = t.word( i );
+      uint32_t version = word.load( std::memory_order_relaxed ) >> 2;
+      word.store( ( version + 1 ) << 2 | slotBusy, std::memory_order_relaxed );
+      std::atomic_thread_fence( std::memory_order_release );
+      if ( r ) {
+         std::memcpy( t.record( i ), static_cast< const void* >( r ), sizeof( Record ) );
+      }
+      word.store( ( version + 2 ) << 2 | state, std::memory_order_release );
+   }
+
+   // Reader-side slot read. `stuck` runs now and then while the slot stays
+   // busy; it throws if the writer died mid-update.
+   template< class Stuck >
+   static uint32_t read( const SlotArray& t, uint32_t i, Record& out, Stuck&& stuck ) {
+      const auto& word = t.word( i );
+      for ( uint32_t spins = 1;; ++spins ) {
+         uint32_t before = word.load( std::memory_order_acquire );
+         uint32_t state = before & 3;
+         if ( state == slotEmpty || state == slotTombstone ) {
+            return state;
+         }
+         if ( state == slotLive ) {
+            std::memcpy( static_cast< void* >( &out ), t.record( i ), sizeof( Record ) );
+            std::atomic_thread_fence( std::memory_order_acquire );
+            if ( word.load( std::memory_order_relaxed ) == before ) {
+               return slotLive;
+            }
+         }
+         if ( spins % 64 == 0 ) {
+            std::this_thread::yield();
+         }
+         if ( spins % 4096 == 0 ) {
+            stuck( i );
+         }
+      }
+   }
+
+   template< class Stuck >
+   static bool probeFrom( const SlotArray& t, uint32_t i, const Key& k, Record& out,
+                          Stuck&& stuck, const std::string& path,
+                          const CorruptionHandler& handler ) {
+      uint32_t mask = t.slotCount() - 1;
+      for ( uint32_t n = 0; n < t.slotCount(); ++n, i = ( i + 1 ) & mask ) {
+         uint32_t state = read( t, i, out, stuck );
+         if ( state == slotEmpty ) {
+            return false;
+         }
+         if ( state == slotLive && out.key() == k ) {
+            return true;
+         }
+      }
+      raiseCorruption( handler, fmt::format( "Lumen table {}: probe from slot {} never ends", path,
+                                             t.home( k.hash() ) ) );
+   }
+};
+
+}  // namespace Lumen::internal
+
+namespace Lumen {
+
+// ---------------------------------------------------------------- Writer
+
+template< class Record >
+Writer< Record >::Writer( const Record& defaultValue, Options options )
+   : default_( defaultValue ), options_( options ), layout_( Ops::layout() ) {
+   options_.maxCapacity = std::max( options_.maxCapacity, 1u );
+   options_.initialCapacity =
+      std::clamp( options_.initialCapacity, 1u, options_.maxCapacity );
+   table_ = internal::SlotArray::createAnonymous( layout_, options_.initialCapacity, 1 );
+}
+
+template< class Record >
+Writer< Record >::~Writer() {
+   if ( control_ ) {
+      control_->markDetached();
+      control_->wake();
+   }
+}
+
+template< class Record >
+void Writer< Record >::attach( const std::string& path ) {
+   if ( !hardwareSupportsAtomics() ) {
+      MOX_THROW( Mox::Exception, "Hardware does not support Atomics" );
+   }
+   if ( attached() ) {
+      detach();
+   }
+   auto control =
+      internal::Control::openForWriter( path, layout_, options_.feedCapacity, corruptionHandler_ );
+   uint64_t oldGeneration = control->header().generation.load( std::memory_order_acquire );
+   internal::SlotArray old;
+   if ( oldGeneration != 0 ) {
+      old = internal::SlotArray::openFile( path, layout_, oldGeneration, corruptionHandler_ );
+      if ( !old ) {
+         internal::raiseCorruption(
+            corruptionHandler_,
+            fmt::format( "Lumen table {}: segment of generation {} is missing", path,
+                         oldGeneration ) );
+      }
+   }
+   // Rebuilding rather than adopting the old generation in place drops
+   // whatever a writer that died mid-update left behind.
+   uint64_t entries = uint64_t( table_.header().count.load() ) +
+                      ( old ? std::min( old.header().count.load(), old.slotCount() ) : 0 );
+   uint64_t capacity = options_.initialCapacity;
+   while ( capacity < entries && capacity < options_.maxCapacity ) {
+      capacity *= 2;
+   }
+   capacity = std::min< uint64_t >( capacity, options_.maxCapacity );
+   auto next = internal::SlotArray::createFile( path, layout_, uint32_t( capacity ),
+                                                oldGeneration + 1 );
+   uint32_t count = 0;
+   auto copyFrom = [ & ]( const internal::SlotArray& from, bool checkBusy ) {
+      for ( uint32_t i = 0; i < from.slotCount(); ++i ) {
+         if ( ( from.word( i ).load( std::memory_order_acquire ) & 3 ) != internal::slotLive ) {
+            continue;   // a busy slot here is a dead writer's torn record
+         }
+         Record r = Ops::recordAt( from, i );
+         auto f = Ops::find( next, r.key(), path, corruptionHandler_ );
+         if ( !f.present ) {
+            if ( count == next.capacity() ) {
+               next.unlinkFile();
+               MOX_THROW( TableFullException, "Lumen table full (occupancy:{} tableSize:{}) {}",
+                          count, next.capacity(), path );
+            }
+            ++count;
+         }
+         Ops::store( next, f.slot, &r, internal::slotLive );
+      }
+      (void)checkBusy;
+   };
+   if ( old ) {
+      copyFrom( old, true );
+   }
+   copyFrom( table_, false );
+   next.header().count.store( count, std::memory_order_relaxed );
+
+   control->header().generation.store( next.generation(), std::memory_order_release );
+   if ( old ) {
+      old.unlinkFile();
+   }
+   control->markAttached();
+   // Readers rescan: the previous writer may have died between changing a
+   // slot and announcing its key, and unattached entries were merged in.
+   control->forceResync();
+   control->wake();
+   control_ = std::move( control );
+   table_ = std::move( next );
+   path_ = path;
+}
+
+template< class Record >
+void Writer< Record >::detach() {
+   if ( !control_ ) {
+      return;
+   }
+   auto copy = internal::SlotArray::createAnonymous( layout_, table_.capacity(),
+                                                     table_.generation() );
+   uint32_t count = 0;
+   for ( uint32_t i = 0; i < table_.slotCount(); ++i ) {
+      if ( ( table_.word( i ).load( std::memory_order_relaxed ) & 3 ) == internal::slotLive ) {
+         Record r = Ops::recordAt( table_, i );
+         auto f = Ops::find( copy, r.key(), path_, corruptionHandler_ );
+         Ops::store( copy, f.slot, &r, internal::slotLive );
+         ++count;
+      }
+   }
+   copy.header().count.store( count, std::memory_order_relaxed );
+   control_->markDetached();
+   control_->wake();
+   control_.reset();
+   table_ = std::move( copy );
+}
+
+template< class Record >
+void Writer< Record >::publish( const Key& k ) {
+   if ( control_ ) {
+      control_->publish( &k );
+   }
+}
+
+template< class Record >
+uint32_t Writer< Record >::shrinkTarget() const {
+   uint64_t live = uint64_t( table_.header().count.load( std::memory_order_relaxed ) ) + 1;
+   uint32_t target = table_.capacity();
+   if ( live * 8 <= target ) {
+      while ( target / 2 >= options_.initialCapacity && live * 4 <= target / 2 ) {
+         target /= 2;
+      }
+   }
+   return target;
+}
+
+template< class Record >
+void Writer< Record >::rebuild( uint32_t newCapacity ) {
+   uint64_t generation = table_.generation() + 1;
+   auto next = control_ ? internal::SlotArray::createFile( path_, layout_, newCapacity, generation )
+                        : internal::SlotArray::createAnonymous( layout_, newCapacity, generation );
+   uint32_t count = 0;
+   for ( uint32_t i = 0; i < table_.slotCount(); ++i ) {
+      if ( ( table_.word( i ).load( std::memory_order_relaxed ) & 3 ) == internal::slotLive ) {
+         Record r = Ops::recordAt( table_, i );
+         auto f = Ops::find( next, r.key(), path_, corruptionHandler_ );
+         Ops::store( next, f.slot, &r, internal::slotLive );
+         ++count;
+      }
+   }
+   next.header().count.store( count, std::memory_order_relaxed );
+   if ( control_ ) {
+      // Readers see the new generation from here on; ones still probing the
+      // old mapping re-check the generation afterwards and retry.
+      control_->header().generation.store( generation, std::memory_order_release );
+      table_.unlinkFile();
+   }
+   table_ = std::move( next );
+}
+
+template< class Record >
+void Writer< Record >::insertNew( const Record& r, const Key& k, uint32_t slot ) {
+   uint32_t live = table_.header().count.load( std::memory_order_relaxed );
+   uint64_t generation = table_.generation();
+   if ( live >= table_.capacity() ) {
+      if ( table_.capacity() >= options_.maxCapacity ) {
+         MOX_THROW( TableFullException, "Lumen table full (occupancy:{} tableSize:{}) {}", live,
+                    table_.capacity(), path_ );
+      }
+      rebuild( uint32_t(
+         std::min< uint64_t >( uint64_t( table_.capacity() ) * 2, options_.maxCapacity ) ) );
+   } else if ( uint32_t target = shrinkTarget(); target < table_.capacity() ) {
+      rebuild( target );
+   }
+   if ( table_.generation() != generation ) {
+      slot = Ops::find( table_, k, path_, corruptionHandler_ ).slot;
+   }
+   auto& h = table_.header();
+   bool reusesTombstone =
+      ( table_.word( slot ).load( std::memory_order_relaxed ) & 3 ) == internal::slotTombstone;
+   if ( !reusesTombstone && h.count.load() + h.tombstones.load() + 1 > table_.usedLimit() ) {
+      rebuild( table_.capacity() );   // sweeps tombstones so probes stay short
+      slot = Ops::find( table_, k, path_, corruptionHandler_ ).slot;
+   }
+   Ops::store( table_, slot, &r, internal::slotLive );
+   if ( reusesTombstone ) {
+      table_.header().tombstones.fetch_sub( 1, std::memory_order_relaxed );
+   }
+   table_.header().count.fetch_add( 1, std::memory_order_relaxed );
+}
+
+template< class Record >
+void Writer< Record >::write( const Record& r ) {
+   Key k = r.key();
+   auto f = Ops::find( table_, k, path_, corruptionHandler_ );
+   if ( f.present ) {
+      Ops::store( table_, f.slot, &r, internal::slotLive );
+   } else {
+      insertNew( r, k, f.slot );
+   }
+   publish( k );
+}
+
+template< class Record >
+std::optional< Record > Writer< Record >::remove( const Key& k ) {
+   auto f = Ops::find( table_, k, path_, corruptionHandler_ );
+   if ( !f.present ) {
+      return std::nullopt;
+   }
+   Record old = Ops::recordAt( table_, f.slot );
+   Ops::store( table_, f.slot, nullptr, internal::slotTombstone );
+   table_.header().count.fetch_sub( 1, std::memory_order_relaxed );
+   table_.header().tombstones.fetch_add( 1, std::memory_order_relaxed );
+   publish( k );
+   return old;
+}
+
+template< class Record >
+Record Writer< Record >::lookup( const Key& k ) const {
+   auto f = Ops::find( table_, k, path_, corruptionHandler_ );
+   return f.present ? Ops::recordAt( table_, f.slot ) : default_;
+}
+
+template< class Record >
+bool Writer< Record >::contains( const Key& k ) const {
+   return Ops::find( table_, k, path_, corruptionHandler_ ).present;
+}
+
+template< class Record >
+uint32_t Writer< Record >::count() const {
+   return table_.header().count.load( std::memory_order_relaxed );
+}
+
+template< class Record >
+uint32_t Writer< Record >::capacity() const {
+   return table_.capacity();
+}
+
+template< class Record >
+Record* Writer< Record >::slotFor( const Key& k ) {
+   for ( auto& staged : staged_ ) {
+      if ( staged->key() == k ) {
+         return staged.get();
+      }
+   }
+   auto f = Ops::find( table_, k, path_, corruptionHandler_ );
+   if ( !f.present && count() >= table_.capacity() && table_.capacity() >= options_.maxCapacity ) {
+      MOX_THROW( TableFullException, "Lumen table full (occupancy:{} tableSize:{}) {}", count(),
+                 table_.capacity(), path_ );
+   }
+   Record image = f.present ? Ops::recordAt( table_, f.slot ) : Ops::withKey( default_, k );
+   staged_.push_back( std::make_unique< Record >( image ) );
+   return staged_.back().get();
+}
+
+template< class Record >
+void Writer< Record >::commit( const Record* inPlace ) {
+   auto it = std::find_if( staged_.begin(), staged_.end(),
+                           [ inPlace ]( const auto& s ) { return s.get() == inPlace; } );
+   if ( it == staged_.end() ) {
+      write( *inPlace );
+      return;
+   }
+   Record r = **it;
+   staged_.erase( it );
+   write( r );
+}
+
+template< class Record >
+std::optional< std::pair< Record, Hint > > Writer< Record >::next( Hint from ) const {
+   for ( uint64_t i = internal::hintSlot( table_, from ); i < table_.slotCount(); ++i ) {
+      uint32_t slot = uint32_t( i );
+      if ( ( table_.word( slot ).load( std::memory_order_relaxed ) & 3 ) == internal::slotLive ) {
+         return std::make_pair( Ops::recordAt( table_, slot ), internal::makeHint( table_, i + 1 ) );
+      }
+   }
+   return std::nullopt;
+}
+
+template< class Record >
+void Writer< Record >::sanityCheck() const {
+   auto fail = [ this ]( std::string what ) {
+      internal::raiseCorruption( corruptionHandler_,
+                                 fmt::format( "Lumen table {}: {}", path_, what ) );
+   };
+   uint32_t live = 0;
+   uint32_t tombstones = 0;
+   uint32_t empty = 0;
+   for ( uint32_t i = 0; i < table_.slotCount(); ++i ) {
+      uint32_t state = table_.word( i ).load( std::memory_order_relaxed ) & 3;
+      if ( state == internal::slotBusy ) {
+         fail( fmt::format( "slot {} was left mid-update", i ) );
+      } else if ( state == internal::slotTombstone ) {
+         ++tombstones;
+      } else if ( state == internal::slotEmpty ) {
+         ++empty;
+      } else {
+         ++live;
+         Key k = Ops::recordAt( table_, i ).key();
+         auto f = Ops::find( table_, k, path_, corruptionHandler_ );
+         if ( !f.present || f.slot != i ) {
+            fail( fmt::format( "entry in slot {} is not reachable from its home slot {}", i,
+                               table_.home( k.hash() ) ) );
+         }
+      }
+   }
+   const auto& h = table_.header();
+   if ( live != h.count.load() || tombstones != h.tombstones.load() ) {
+      fail( fmt::format( "header counts {} live and {} tombstones, slots hold {} and {}",
+                         h.count.load(), h.tombstones.load(), live, tombstones ) );
+   }
+   if ( live > table_.capacity() || empty == 0 ) {
+      fail( fmt::format( "{} live entries, {} empty slots for capacity {}", live, empty,
+                         table_.capacity() ) );
+   }
+   if ( control_ &&
+        control_->header().generation.load( std::memory_order_relaxed ) != table_.generation() ) {
+      fail( fmt::format( "control names generation {} but the writer holds {}",
+                         control_->header().generation.load(), table_.generation() ) );
+   }
+}
+
+// ---------------------------------------------------------------- Reader
+
+template< class Record >
+Reader< Record >::Reader( const std::string& path, const Record& defaultValue )
+   : path_( path ), default_( defaultValue ), layout_( Ops::layout() ) {
+   internal::controlFileName( path );   // rejects a malformed path up front
+   try {
+      if ( mount() ) {
+         cursor_ = control_->header().feedHead.load( std::memory_order_acquire );
+         known_ = presentKeys();
+         synced_ = true;
+      }
+   } catch ( const Fable::CorruptionDetectedException& ) {
+      // Reported again, to the handler, by the first operation that needs it.
+      control_.reset();
+   }
+   reportedStatus_ = mountStatus();
+   notifier_ = std::make_unique< internal::Notifier >( path_, control_ ? cursor_ : 0,
+                                                       reportedStatus_ );
+}
+
+template< class Record >
+Reader< Record >::~Reader() = default;
+
+template< class Record >
+bool Reader< Record >::mount() const {
+   if ( !control_ ) {
+      control_ = internal::Control::openForReader( path_, layout_, corruptionHandler_ );
+   }
+   return control_ != nullptr;
+}
+
+template< class Record >
+const internal::SlotArray* Reader< Record >::current() const {
+   if ( !mount() ) {
+      return nullptr;
+   }
+   for ( int attempt = 0;; ++attempt ) {
+      uint64_t generation = control_->header().generation.load( std::memory_order_acquire );
+      if ( generation == 0 ) {
+         return nullptr;
+      }
+      if ( current_ && current_.generation() == generation ) {
+         return &current_;
+      }
+      auto opened = internal::SlotArray::openFile( path_, layout_, generation, corruptionHandler_ );
+      if ( opened ) {
+         previous_ = std::move( current_ );
+         current_ = std::move( opened );
+         return &current_;
+      }
+      // The writer may have flipped again and removed it meanwhile.
+      if ( attempt > 100 &&
+           control_->header().generation.load( std::memory_order_acquire ) == generation ) {
+         internal::raiseCorruption(
+            corruptionHandler_,
+            fmt::format( "Lumen table {}: segment of generation {} is missing", path_,
+                         generation ) );
+      }
+      std::this_thread::yield();
+   }
+}
+
+namespace internal {
+
+// Throws when a slot stays busy because its writer is gone, detached, or has
+// not finished one record's update in a whole second (a healthy writer holds
+// a slot busy for one copy of a record).
+inline auto stuckCheck( const Control& control, const std::string& path,
+                        const CorruptionHandler& handler ) {
+   return [ &control, &path, &handler,
+            since = std::chrono::steady_clock::time_point{} ]( uint32_t slot ) mutable {
+      const ControlHeader& h = control.header();
+      auto now = std::chrono::steady_clock::now();
+      if ( since == std::chrono::steady_clock::time_point{} ) {
+         since = now;
+      }
+      const char* why = nullptr;
+      if ( h.writerState.load( std::memory_order_acquire ) != uint32_t( WriterState::attached ) ) {
+         why = "no writer is attached";
+      } else if ( !processAlive( h.writerPid.load( std::memory_order_relaxed ) ) ) {
+         why = "its writer is gone";
+      } else if ( now - since > std::chrono::seconds( 1 ) ) {
+         why = "it stayed busy for a second";
+      }
+      if ( why ) {
+         raiseCorruption( handler, fmt::format( "Lumen table {}: slot {} was left mid-update ({})",
+                                                path, slot, why ) );
+      }
+   };
+}
+
+}  // namespace internal
+
+template< class Record >
+Record Reader< Record >::lookup( const Key& k ) const {
+   Record out;
+   for ( ;; ) {
+      const internal::SlotArray* t = current();
+      if ( !t ) {
+         return default_;
+      }
+      bool hit = Ops::probeFrom( *t, t->home( k.hash() ), k, out,
+                                 internal::stuckCheck( *control_, path_, corruptionHandler_ ),
+                                 path_, corruptionHandler_ );
+      // The probe is only trusted if the writer did not move to another
+      // generation meanwhile (it never changes an old one after the flip).
+      if ( control_->header().generation.load( std::memory_order_acquire ) == t->generation() ) {
+         return hit ? out : default_;
+      }
+   }
+}
+
+template< class Record >
+bool Reader< Record >::contains( const Key& k ) const {
+   Record out;
+   for ( ;; ) {
+      const internal::SlotArray* t = current();
+      if ( !t ) {
+         return false;
+      }
+      bool hit = Ops::probeFrom( *t, t->home( k.hash() ), k, out,
+                                 internal::stuckCheck( *control_, path_, corruptionHandler_ ),
+                                 path_, corruptionHandler_ );
+      if ( control_->header().generation.load( std::memory_order_acquire ) == t->generation() ) {
+         return hit;
+      }
+   }
+}
+
+template< class Record >
+void Reader< Record >::lookupBatch( const Key* keys, Record* out, size_t n ) const {
+   constexpr size_t window = 16;
+   size_t done = 0;
+   while ( done < n ) {
+      const internal::SlotArray* t = current();
+      if ( !t ) {
+         std::fill( out + done, out + n, default_ );
+         return;
+      }
+      auto stuck = internal::stuckCheck( *control_, path_, corruptionHandler_ );
+      size_t m = std::min( window, n - done );
+      uint32_t homes[ window ];
+      for ( size_t j = 0; j < m; ++j ) {
+         homes[ j ] = t->home( keys[ done + j ].hash() );
+         __builtin_prefetch( t->slot( homes[ j ] ) );
+      }
+      for ( size_t j = 0; j < m; ++j ) {
+         if ( !Ops::probeFrom( *t, homes[ j ], keys[ done + j ], out[ done + j ], stuck, path_,
+                               corruptionHandler_ ) ) {
+            out[ done + j ] = default_;
+         }
+      }
+      if ( control_->header().generation.load( std::memory_order_acquire ) == t->generation() ) {
+         done += m;
+      }
+   }
+}
+
+template< class Record >
+uint32_t Reader< Record >::count() const {
+   const internal::SlotArray* t = current();
+   if ( !t ) {
+      return 0;
+   }
+   uint32_t n = t->header().count.load( std::memory_order_relaxed );
+   if ( n > t->slotCount() ) {
+      internal::raiseCorruption(
+         corruptionHandler_,
+         fmt::format( "Lumen table {}: count {} exceeds {} slots", path_, n, t->slotCount() ) );
+   }
+   return n;
+}
+
+template< class Record >
+std::optional< std::pair< Record, Hint > > Reader< Record >::next( Hint from ) const {
+   const internal::SlotArray* latest = current();
+   // An iteration begun on an older generation finishes on it: the mapping
+   // outlives the file, and the writer no longer changes it.
+   const internal::SlotArray* t = hintIsFor( previous_, from ) ? &previous_ : latest;
+   if ( !t ) {
+      return std::nullopt;
+   }
+   auto stuck = internal::stuckCheck( *control_, path_, corruptionHandler_ );
+   Record r;
+   for ( uint64_t i = internal::hintSlot( *t, from ); i < t->slotCount(); ++i ) {
+      if ( Ops::read( *t, uint32_t( i ), r, stuck ) == internal::slotLive ) {
+         return std::make_pair( r, internal::makeHint( *t, i + 1 ) );
+      }
+   }
+   return std::nullopt;
+}
+
+template< class Record >
+MountStatus Reader< Record >::mountStatus() const {
+   try {
+      if ( !mount() ) {
+         return MountStatus::waitingForWriter;
+      }
+   } catch ( const Fable::CorruptionDetectedException& ) {
+      return MountStatus::unmounted;
+   }
+   return control_->status();
+}
+
+template< class Record >
+int Reader< Record >::fd() const {
+   return notifier_->fd();
+}
+
+template< class Record >
+typename Reader< Record >::KeySet Reader< Record >::presentKeys() const {
+   KeySet keys;
+   Hint h;
+   while ( auto e = next( h ) ) {
+      keys.insert( e->first.key() );
+      h = e->second;
+   }
+   return keys;
+}
+
+template< class Record >
+bool Reader< Record >::readFeed( std::vector< Key >& keys ) {
+   uint64_t head = control_->header().feedHead.load( std::memory_order_acquire );
+   if ( head < cursor_ || head - cursor_ > control_->feedCapacity() ) {
+      return false;
+   }
+   for ( uint64_t seq = cursor_; seq < head; ++seq ) {
+      Key k;
+      if ( !control_->readFeed( seq, &k ) ) {
+         return false;
+      }
+      keys.push_back( k );
+   }
+   cursor_ = head;
+   return true;
+}
+
+template< class Record >
+void Reader< Record >::dispatch() {
+   if ( dispatching_ ) {
+      return;   // a callback called dispatch(): the outer call delivers
+   }
+   dispatching_ = true;
+   struct Reset {
+      bool& flag;
+      ~Reset() { flag = false; }
+   } reset{ dispatching_ };
+
+   notifier_->drain();
+   std::vector< Key > keys;
+   bool resync = false;
+   MountStatus status = mountStatus();
+   bool statusChanged = status != reportedStatus_;
+   reportedStatus_ = status;
+   if ( control_ ) {
+      resync = !synced_ || !readFeed( keys );
+   }
+   if ( resync ) {
+      cursor_ = control_->header().feedHead.load( std::memory_order_acquire );
+      KeySet present = presentKeys();
+      keys.assign( present.begin(), present.end() );
+      for ( const Key& k : known_ ) {
+         if ( !present.count( k ) ) {
+            keys.push_back( k );
+         }
+      }
+      known_ = std::move( present );
+      synced_ = true;
+   } else if ( !keys.empty() ) {
+      // One callback per changed key, in the order of first change.
+      KeySet seen;
+      size_t kept = 0;
+      for ( const Key& k : keys ) {
+         if ( seen.insert( k ).second ) {
+            keys[ kept++ ] = k;
+            if ( contains( k ) ) {
+               known_.insert( k );
+            } else {
+               known_.erase( k );
+            }
+         }
+      }
+      keys.resize( kept );
+   }
+   notifier_->dispatched();
+
+   // Copies, so a callback may replace any hook while it runs.
+   auto onMountStatus = onMountStatus_;
+   auto onQuiesced = onQuiesced_;
+   auto onKey = onKey_;
+   if ( statusChanged && onMountStatus ) {
+      onMountStatus( status );
+   }
+   if ( resync && onQuiesced ) {
+      onQuiesced( true );
+   }
+   if ( onKey ) {
+      for ( const Key& k : keys ) {
+         onKey( k );
+      }
+   }
+   if ( resync && onQuiesced ) {
+      onQuiesced( false );
+   }
+}
+
+}  // namespace Lumen

@@ -1,0 +1,29 @@
+#include "platform/model/VniFdbStatusV2.h"
+
+namespace VxlanController {
+
+void VniFdbStatusV2::moxDescribe( Mox::TypeBuilder< VniFdbStatusV2 >& b ) {
+   using C = VniFdbStatusV2;
+   describeMacVtepTables( b );
+   b.scalar( "vni", &C::vni );
+   b.creator( static_cast< Mox::Ptr< C > ( * )( const Mox::String& ) >( &C::VniFdbStatusV2Is ) );
+}
+
+VniFdbStatusV2::VniFdbStatusV2( Vxlan::Vni vni )
+      : MacVtepTables( Vxlan::valueToStrep( vni ) ), vni_( vni ) {}
+
+Mox::Ptr< VniFdbStatusV2 > VniFdbStatusV2::VniFdbStatusV2Is( const Mox::String& name ) {
+   return VniFdbStatusV2Is( Mox::strepToValue< Vxlan::Vni >( name ) );
+}
+
+Mox::Ptr< VniFdbStatusV2 > VniFdbStatusV2::VniFdbStatusV2Is( Vxlan::Vni vni ) {
+   Mox::Ptr< VniFdbStatusV2 > p( new VniFdbStatusV2( vni ) );
+   p->hasNotificationActiveIs( true );
+   return p;
+}
+
+const Mox::Type* VniFdbStatusV2::fwkType() const {
+   return &Mox::TypeImpl< VniFdbStatusV2 >::instance();
+}
+
+}  // namespace VxlanController

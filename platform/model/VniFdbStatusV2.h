@@ -1,0 +1,42 @@
+// VxlanController::VniFdbStatusV2: the controller's forwarding status of
+// one VNI.
+//
+// Filed in the controller's VNI directory (a Mox::Dir) under its VNI in
+// decimal; the VNI is fixed at construction. Holds the three per-MAC
+// collections of MacVtepTables: what the controller learnt (MAC to VTEP),
+// multi-path sets and flood lists. Written by the controller service; the
+// export side reads it and reacts to its notifications.
+//
+// Attribute ids (entity range): macVtepTable 258, macVtepMultiPathTable
+// 259, macVtepFloodListTable 260, vni 261. Readers compare against the ids
+// the registry reports, never against these literals.
+// Threading: the notification thread only.
+#pragma once
+
+#include "platform/model/MacVtepTables.h"
+#include "platform/values/Vni.h"
+
+namespace VxlanController {
+
+class VniFdbStatusV2 : public MacVtepTables< VniFdbStatusV2 > {
+   MOX_ALLOC_TRACKED( VniFdbStatusV2 )
+
+ public:
+   using MoxBase = Mox::Entity;
+   static constexpr const char* moxTypeName = "VxlanController::VniFdbStatusV2";
+   static void moxDescribe( Mox::TypeBuilder< VniFdbStatusV2 >& b );
+
+   explicit VniFdbStatusV2( Vxlan::Vni vni );
+   // `name` must be a VNI in decimal (RangeException otherwise).
+   static Mox::Ptr< VniFdbStatusV2 > VniFdbStatusV2Is( const Mox::String& name );
+   static Mox::Ptr< VniFdbStatusV2 > VniFdbStatusV2Is( Vxlan::Vni vni );
+
+   Vxlan::Vni vni() const { return vni_; }
+
+   const Mox::Type* fwkType() const override;
+
+ private:
+   const Vxlan::Vni vni_;
+};
+
+}  // namespace VxlanController
