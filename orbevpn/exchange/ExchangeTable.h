@@ -52,6 +52,8 @@ void defaultReaderCorruptionHandler( const std::string& message );
 // Notified when the table's count falls to zero: hands the table to its
 // collection control (so a holder of the control keeps it reachable),
 // releases the table's control and leaves the notifiee list.
+// `Table` is the ExchangeTable base, not the derived class: the notifiee is
+// made in the base's constructor, before the derived object exists.
 template< class Table >
 class TableZeroReferencesNotifiee : public Mox::PtrInterface::NotifieeConst {
  public:
@@ -308,7 +310,7 @@ class ExchangeTable : public Mox::Entity {
            delCounter_( Mox::counter( Traits::delCounter ) ),
            notifyCounter_( Mox::counter( Traits::notifyCounter ) ) {
       using Notifiee = typename Derived::ZeroReferencesNotifiee;
-      Mox::Ptr< Notifiee > z( new Notifiee( static_cast< Derived* >( this ) ) );
+      Mox::Ptr< Notifiee > z( new Notifiee( this ) );
       z->hasNotificationActiveIs( true );
       zeroReferencesIs( true );
       z->isRegisteredNotifieeIs( true );

@@ -41,7 +41,7 @@ class FloodTable : public internal::ExchangeTable< FloodTable, FloodTableTraits 
    static void moxDescribe( Mox::TypeBuilder< FloodTable >& b ) { describeTable( b ); }
 
    class FloodTableZeroReferencesNotifiee
-         : public internal::TableZeroReferencesNotifiee< FloodTable > {
+         : public internal::TableZeroReferencesNotifiee< ExchangeTable > {
       MOX_ALLOC_TRACKED( FloodTableZeroReferencesNotifiee )
 
     public:

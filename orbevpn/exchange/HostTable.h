@@ -40,7 +40,7 @@ class HostTable : public internal::ExchangeTable< HostTable, HostTableTraits > {
    static void moxDescribe( Mox::TypeBuilder< HostTable >& b ) { describeTable( b ); }
 
    class HostTableZeroReferencesNotifiee
-         : public internal::TableZeroReferencesNotifiee< HostTable > {
+         : public internal::TableZeroReferencesNotifiee< ExchangeTable > {
       MOX_ALLOC_TRACKED( HostTableZeroReferencesNotifiee )
 
     public:

@@ -40,7 +40,7 @@ struct Options {
 
 using CorruptionHandler = std::function< void ( const std::string& message ) >;
 
-// Resumable iteration cursor: (generation, slot-count shift, slot index).
+// Resumable iteration cursor: (generation, position in hash order).
 struct Hint {
    uint64_t value = 0;
 };

@@ -7,15 +7,18 @@
 // over). Content outlives writers: detaching or dying leaves it in place.
 //
 // Threading: a Writer is used from one thread. A Reader is used from one
-// thread (its lookups and dispatch()); it runs one internal thread that only
-// turns shared-memory wake-ups into readiness of fd(). Readers never take a
-// lock the writer could hold and the writer never waits for readers.
+// thread (its lookups and dispatch()). The writer makes a reader's fd()
+// readable itself (a non-blocking send to the reader's socket); each Reader
+// also runs one low-rate internal thread that notices a writer that died.
+// Readers never take a lock the writer could hold and the writer never waits
+// for readers.
 //
 // Invariants: records are trivially copyable and stored by value (no
 // pointers in shared memory); every index read from shared memory is bounds
 // checked; a reader never returns a record copied while the writer changed it
-// (per-slot sequence word, re-checked after the copy, plus a table-wide
-// generation re-checked after every probe so a miss can be trusted).
+// (per-slot sequence word, re-checked after the copy); a generation is frozen
+// once the writer has moved to the next, so a probe of any one generation,
+// hit or miss, can be trusted.
 // Segment layout: docs/lumen-format.md.
 #pragma once
 
@@ -136,7 +139,12 @@ class Reader {
 
    bool mount() const;                 // maps the control segment if it exists
    const internal::SlotArray* current() const;   // current generation or null
+   const internal::SlotArray* remap() const;     // current()'s slow path
+   internal::StuckContext stuckContext() const {
+      return { control_.get(), &path_, &corruptionHandler_ };
+   }
    KeySet presentKeys() const;
+   void armForNextChange();                      // end of dispatch()
    bool readFeed( std::vector< Key >& keys );    // false: lapped
 
    std::string path_;

@@ -26,7 +26,10 @@ class CollectionGenericIterator : public GenericIterator {
    void iterKey( GenericValue& r ) const override { r.set( it_.key() ); }
    void iterObj( GenericValue& r ) const override { r.set( it_.value() ); }
    void iterDel() override {
-      if constexpr ( !std::is_null_pointer_v< Del > ) {
+      if constexpr ( std::is_null_pointer_v< Del > ) {
+         // A read-only collection: refuse rather than loop forever.
+         MOX_THROW( Exception, "collection is read-only: iterDel refused" );
+      } else {
          auto k = it_.key();
          ++it_;
          del_( owner_, k );

@@ -52,7 +52,7 @@ class PtrInterface {
    virtual void hasNotificationActiveIs( bool active );
    // While set, a count that falls to zero first tells the notifiees
    // (onZeroReferences); one of them may keep the object alive by taking a
-   // reference. Cleared again when no such observer remains.
+   // reference. The observer clears it when it no longer wants the call.
    virtual void zeroReferencesIs( bool observed );
    virtual const Type* fwkType() const;
    virtual ~PtrInterface();

@@ -59,7 +59,7 @@ class TypeBuilder {
       return add( std::move( name ), AttrKind::handler,
                   [ method ]( GenericValue& r, void* o, int op, const void* arg,
                               const void* ) {
-                     if ( op != genericOpInvoke ) {
+                     if ( op != genericOpInvoke || ( Invoker< Sig >::arity && !arg ) ) {
                         return int( genericNotAllowed );
                      }
                      Invoker< Sig >::call( r, self( o ), method, arg );
@@ -161,6 +161,7 @@ class TypeBuilder {
    struct Invoker;
    template< class R >
    struct Invoker< R() > {
+      static constexpr int arity = 0;
       template< class M >
       static void call( GenericValue& r, T& obj, M method, const void* ) {
          if constexpr ( std::is_void_v< R > ) {
@@ -172,6 +173,7 @@ class TypeBuilder {
    };
    template< class R, class A >
    struct Invoker< R( A ) > {
+      static constexpr int arity = 1;
       template< class M >
       static void call( GenericValue& r, T& obj, M method, const void* arg ) {
          const auto& a = *static_cast< const std::decay_t< A >* >( arg );

@@ -17,6 +17,7 @@
 #include "platform/mox/AllocTrack.h"
 #include "platform/mox/PtrInterface.h"
 
+#include <cstddef>
 #include <functional>
 #include <utility>
 #include <vector>
@@ -63,8 +64,16 @@ class NotifieeRecorder : public Mox::PtrInterface::NotifieeConst {
          auto handler = onEvent;
          handler( id, key );
       }
+      // Touches the recorder after the handler, as real notifiees do: a
+      // handler that drops the last reference to this recorder relies on
+      // delivery holding it until here.
+      ++completed_;
    }
+
+   // Deliveries whose onEvent returned.
+   size_t completed() const { return completed_; }
 
  private:
    std::vector< Event > events_;
+   size_t completed_ = 0;
 };

@@ -7,7 +7,10 @@
 //   <flat>          control segment: identity, generation word, writer state,
 //                   change feed. Stable for the table's life.
 //   <flat>@<gen>    data segment of one generation: header, then slots.
-//   <flat>@wake     wake word: the only file readers map writable (futex).
+//   <flat>@wake     wake segment: the only file readers map writable (the
+//                   futex word and the reader registrations).
+// and, per registered Reader, a datagram socket <root>/@reader.<pid>.<nonce>
+// ('@' starts no table's name) that the writer pokes to wake that reader.
 #pragma once
 
 #include <atomic>
@@ -18,8 +21,8 @@ namespace Lumen::internal {
 
 inline constexpr uint64_t controlMagic = 0x314c54434e4d554cULL;   // "LUMNCTL1"
 inline constexpr uint64_t dataMagic = 0x315441444e4d554cULL;      // "LUMNDAT1"
-inline constexpr uint64_t wakeMagic = 0x314b41574e4d554cULL;      // "LUMNWAK1"
-inline constexpr uint32_t formatVersion = 1;
+inline constexpr uint64_t wakeMagic = 0x324b41574e4d554cULL;      // "LUMNWAK2"
+inline constexpr uint32_t formatVersion = 2;
 
 // ControlHeader::writerState.
 enum class WriterState : uint32_t {
@@ -83,7 +86,7 @@ struct DataHeader {
    uint32_t recordSize;                   // 32
    uint32_t slotSize;                     // 36
    uint32_t recordOffset;                 // 40: record's offset in its slot
-   uint32_t slotShift;                    // 44: slot count is 1 << slotShift
+   uint32_t slotCount;                    // 44: any count from 8 up; homes scale to it
    uint32_t capacity;                     // 48: entries this generation holds
    uint32_t reserved0;                    // 52
    uint8_t reserved1[ 8 ];                // 56
@@ -98,13 +101,45 @@ static_assert( offsetof( DataHeader, count ) == 64 );
 // Slot i at sizeof( DataHeader ) + i * slotSize:
 //   uint32_t word  SlotState in bits 0-1, update count above
 //   Record         at recordOffset (4, or the record's alignment if larger)
+// slotSize is a power of two up to 64 bytes and a multiple of 64 above, and
+// the slots start on a cache-line boundary, so no slot straddles two lines:
+// a lookup that finds its key in the home slot costs one line.
 
 struct WakeHeader {
    uint64_t magic;                        // 0
-   std::atomic< uint32_t > seq;           // 8: bumped by the writer per change
-   std::atomic< uint32_t > sleepers;      // 12: reader threads in futex wait
-   uint8_t reserved[ 48 ];                // 16
+   std::atomic< uint32_t > seq;           // 8: bumped by the writer per wake-up
+   std::atomic< uint32_t > sleepers;      // 12: fallback reader threads in futex wait
+   // 1 while the attached writer orders its sleepers / armed checks with a
+   // compiler barrier only; readers then issue a process-wide memory barrier
+   // (membarrier) before their last check. 0: the writer fences each change.
+   std::atomic< uint32_t > writerFenceFree;   // 16
+   // Registrations with armed = 1. Incremented by the reader that arms,
+   // decremented by whoever clears an armed flag (writer or owner).
+   std::atomic< uint32_t > armedCount;    // 20
+   // One past the highest registration ever claimed: the writer scans no
+   // further. Raised by readers only.
+   std::atomic< uint32_t > slotsUsed;     // 24
+   uint8_t reserved[ 36 ];                // 28
 };
 static_assert( sizeof( WakeHeader ) == 64 );
+static_assert( offsetof( WakeHeader, armedCount ) == 20 );
+
+// One Reader's registration, at sizeof( WakeHeader ) + i * 16.
+struct ReaderSlot {
+   // Owner's pid, 0 = free. Claimed by a reader with a CAS from 0 or from a
+   // dead pid; freed by its owner, or by the writer once the pid is dead.
+   std::atomic< uint32_t > pid;           // 0
+   // Names the owner's socket together with pid. Written by the owner after
+   // claiming, before it first arms.
+   std::atomic< uint32_t > nonce;         // 4
+   // 1: the reader is idle and wants one poke at the next change. Set by the
+   // reader, cleared (CAS) by the writer before it pokes.
+   std::atomic< uint32_t > armed;         // 8
+   uint32_t reserved;                     // 12
+};
+static_assert( sizeof( ReaderSlot ) == 16 );
+
+inline constexpr uint32_t wakeReaderSlots = 128;
+inline constexpr size_t wakeSegmentSize = sizeof( WakeHeader ) + wakeReaderSlots * sizeof( ReaderSlot );
 
 }  // namespace Lumen::internal

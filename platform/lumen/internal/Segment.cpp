@@ -1,8 +1,9 @@
-// Files, mappings, the control segment and the reader's wake-up thread.
+// Files, mappings, the control segment and the reader's wake-up path.
 #include "platform/lumen/internal/Segment.h"
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <climits>
@@ -10,10 +11,12 @@
 #include <ctime>
 #include <fcntl.h>
 #include <linux/futex.h>
+#include <linux/membarrier.h>
 #include <signal.h>
-#include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -23,8 +26,8 @@ namespace Lumen::internal {
 namespace {
 
 constexpr mode_t fileMode = 0644;
-constexpr uint32_t minShift = 3;
-constexpr uint32_t maxShift = 31;
+constexpr uint32_t minSlots = 8;
+constexpr uint32_t maxSlots = 1u << 31;
 constexpr uint32_t maxFeedCapacity = 1u << 24;
 
 // "/a/b/c" -> "a.b.c". Components are restricted so that a flattened name can
@@ -145,10 +148,10 @@ std::string checkData( const DataHeader& h, size_t size, const RecordLayout& lay
       return fmt::format( "data record layout (record {} slot {} offset {}) does not match",
                           h.recordSize, h.slotSize, h.recordOffset );
    }
-   if ( h.slotShift < minShift || h.slotShift > maxShift ) {
-      return fmt::format( "slot shift {} out of range", h.slotShift );
+   if ( h.slotCount < minSlots || h.slotCount > maxSlots ) {
+      return fmt::format( "slot count {} out of range", h.slotCount );
    }
-   uint64_t slots = uint64_t( 1 ) << h.slotShift;
+   uint64_t slots = h.slotCount;
    if ( sizeof( DataHeader ) + slots * h.slotSize > size ) {
       return fmt::format( "{} slots of {} bytes do not fit a {} byte segment", slots, h.slotSize,
                           size );
@@ -162,8 +165,15 @@ std::string checkData( const DataHeader& h, size_t size, const RecordLayout& lay
 }  // namespace
 
 uint32_t RecordLayout::slotSize() const {
-   uint32_t align = recordAlign > 4 ? recordAlign : 4;
-   return ( recordOffset() + recordSize + align - 1 ) / align * align;
+   uint32_t raw = recordOffset() + recordSize;
+   if ( raw > 64 ) {
+      return ( raw + 63 ) / 64 * 64;
+   }
+   uint32_t size = 8;
+   while ( size < raw ) {
+      size *= 2;
+   }
+   return size;
 }
 
 uint64_t RecordLayout::signature() const {
@@ -199,6 +209,10 @@ std::string wakeFileName( const std::string& path ) {
    return fmt::format( "{}/{}@wake", root(), flatName( path ) );
 }
 
+std::string readerSocketName( const std::string& root, uint32_t pid, uint32_t nonce ) {
+   return fmt::format( "{}/@reader.{}.{}", root, pid, nonce );
+}
+
 bool processAlive( uint32_t pid ) {
    if ( pid == 0 || pid > uint32_t( INT_MAX ) ) {
       return false;
@@ -217,15 +231,14 @@ void futexWait( std::atomic< uint32_t >* word, uint32_t expected, int timeoutMs 
               0 );
 }
 
-uint32_t mixHash( uint32_t h ) {
-   // Final mixer of MurmurHash3: homes use the top bits, so they must depend
-   // on every bit of the key's own hash.
-   h ^= h >> 16;
-   h *= 0x85ebca6bU;
-   h ^= h >> 13;
-   h *= 0xc2b2ae35U;
-   h ^= h >> 16;
-   return h;
+bool registerFenceFreeWriter() {
+   static const bool registered =
+      ::syscall( SYS_membarrier, MEMBARRIER_CMD_REGISTER_GLOBAL_EXPEDITED, 0, 0 ) == 0;
+   return registered;
+}
+
+void readerBarrier() {
+   ::syscall( SYS_membarrier, MEMBARRIER_CMD_GLOBAL_EXPEDITED, 0, 0 );
 }
 
 // --- Mapping ---
@@ -257,12 +270,11 @@ Mapping& Mapping::operator=( Mapping&& o ) noexcept {
 // --- SlotArray ---
 
 uint32_t SlotArray::slotCountFor( uint32_t capacity ) {
-   uint64_t need = uint64_t( capacity ) + capacity / 3 + 1;
-   uint64_t slots = uint64_t( 1 ) << minShift;
-   while ( slots < need ) {
-      slots <<= 1;
-   }
-   if ( slots > ( uint64_t( 1 ) << maxShift ) ) {
+   // A full table fills 4/7 of its slots: short probes (about 0.7 slots of
+   // displacement on average) at under 64 bytes per 24-byte record.
+   uint64_t slots = uint64_t( capacity ) + uint64_t( capacity ) * 3 / 4 + 1;
+   slots = std::max< uint64_t >( ( slots + 7 ) / 8 * 8, minSlots );
+   if ( slots > maxSlots ) {
       MOX_THROW( Mox::Exception, "Lumen capacity {} is too large", capacity );
    }
    return uint32_t( slots );
@@ -285,7 +297,7 @@ void initData( uint8_t* base, const RecordLayout& layout, uint32_t capacity, uin
    h->recordSize = layout.recordSize;
    h->slotSize = layout.slotSize();
    h->recordOffset = layout.recordOffset();
-   h->slotShift = uint32_t( __builtin_ctz( slots ) );
+   h->slotCount = slots;
    h->capacity = capacity;
 }
 
@@ -295,8 +307,7 @@ SlotArray SlotArray::fromMapping( Mapping map, const RecordLayout& layout, std::
    SlotArray t;
    const DataHeader& h = *reinterpret_cast< const DataHeader* >( map.data() );
    t.generation_ = h.generation;
-   t.shift_ = h.slotShift;
-   t.slotCount_ = 1u << h.slotShift;
+   t.slotCount_ = h.slotCount;
    t.capacity_ = h.capacity;
    t.slotSize_ = layout.slotSize();
    t.recordOffset_ = layout.recordOffset();
@@ -381,12 +392,13 @@ Mapping openWakeWord( const std::string& name ) {
    if ( fd < 0 ) {
       return {};
    }
-   // Whoever comes first sizes it; sizing twice to the same length is harmless.
-   if ( fileSize( fd ) < sizeof( WakeHeader ) && ::ftruncate( fd, sizeof( WakeHeader ) ) != 0 ) {
+   // Whoever comes first sizes it; sizing twice to the same length is
+   // harmless, and a segment of an older, shorter layout grows zero-filled.
+   if ( fileSize( fd ) < wakeSegmentSize && ::ftruncate( fd, wakeSegmentSize ) != 0 ) {
       ::close( fd );
       return {};
    }
-   Mapping map = mapFd( fd, sizeof( WakeHeader ), true );
+   Mapping map = mapFd( fd, wakeSegmentSize, true );
    ::close( fd );
    auto* h = reinterpret_cast< WakeHeader* >( map.data() );
    h->magic = wakeMagic;
@@ -395,6 +407,34 @@ Mapping openWakeWord( const std::string& name ) {
 
 WakeHeader& wakeHeader( const Mapping& m ) {
    return *reinterpret_cast< WakeHeader* >( m.data() );
+}
+
+ReaderSlot& readerSlot( const Mapping& m, uint32_t i ) {
+   return reinterpret_cast< ReaderSlot* >( m.data() + sizeof( WakeHeader ) )[ i ];
+}
+
+// A non-blocking datagram socket connected to `name`, or -1.
+int connectTo( const std::string& name ) {
+   sockaddr_un addr {};
+   addr.sun_family = AF_UNIX;
+   if ( name.size() >= sizeof( addr.sun_path ) ) {
+      return -1;
+   }
+   std::memcpy( addr.sun_path, name.c_str(), name.size() + 1 );
+   int fd = ::socket( AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0 );
+   if ( fd >= 0 && ::connect( fd, reinterpret_cast< sockaddr* >( &addr ), sizeof( addr ) ) != 0 ) {
+      ::close( fd );
+      fd = -1;
+   }
+   return fd;
+}
+
+// False when the peer is gone; a full queue is success: the socket is
+// readable already.
+bool sendPoke( int fd ) {
+   char byte = 1;
+   return ::send( fd, &byte, 1, MSG_DONTWAIT | MSG_NOSIGNAL ) == 1 || errno == EAGAIN ||
+          errno == EWOULDBLOCK;
 }
 
 MountStatus statusOf( const ControlHeader& h ) {
@@ -460,7 +500,15 @@ std::unique_ptr< Control > Control::openForWriter( const std::string& path,
    c->feedCapacity_ = c->header().feedCapacity;
    c->feedEntrySize_ = c->header().feedEntrySize;
    c->keySize_ = layout.keySize;
+   c->root_ = root();
    c->wake_ = openWakeWord( wakeFileName( path ) );
+   if ( c->wake_ ) {
+      c->fenceFree_ = registerFenceFreeWriter();
+      wakeHeader( c->wake_ ).writerFenceFree.store( c->fenceFree_ ? 1 : 0, std::memory_order_relaxed );
+      // A sleeper that still reads the old flag has counted itself first:
+      // this fence makes our later sleepers checks see it.
+      std::atomic_thread_fence( std::memory_order_seq_cst );
+   }
    return c;
 }
 
@@ -493,6 +541,11 @@ std::unique_ptr< Control > Control::openForReader( const std::string& path,
 }
 
 Control::~Control() {
+   for ( Peer& p : peers_ ) {
+      if ( p.fd >= 0 ) {
+         ::close( p.fd );
+      }
+   }
    if ( fd_ >= 0 ) {
       ::close( fd_ );   // releases the writer lock
    }
@@ -540,12 +593,65 @@ void Control::wake() {
    if ( !wake_ ) {
       return;
    }
-   // Pairs with the sleeper's increment-then-check in Notifier::run(): either
-   // it sees the new seq, or we see it counted and wake it.
+   // Dekker pairing with Notifier::arm() (and the fallback thread): we store
+   // the feed head, then load the armed flags and sleepers; a reader sets its
+   // flag, then loads the head. One side needs a store-load barrier. Paying
+   // it here would stall every write on the write's own cache miss, so when
+   // membarrier is available the reader pays it instead (readerBarrier())
+   // and this is only a compiler barrier.
+   if ( fenceFree_ ) {
+      std::atomic_signal_fence( std::memory_order_seq_cst );
+   } else {
+      std::atomic_thread_fence( std::memory_order_seq_cst );
+   }
    WakeHeader& w = wakeHeader( wake_ );
-   w.seq.fetch_add( 1, std::memory_order_seq_cst );
-   if ( w.sleepers.load( std::memory_order_seq_cst ) != 0 ) {
+   if ( w.armedCount.load( std::memory_order_relaxed ) != 0 ) {
+      pokeArmedReaders();
+   }
+   if ( w.sleepers.load( std::memory_order_relaxed ) != 0 ) {
+      w.seq.fetch_add( 1, std::memory_order_seq_cst );
       futexWakeAll( &w.seq );
+   }
+}
+
+void Control::pokeArmedReaders() {
+   WakeHeader& w = wakeHeader( wake_ );
+   uint32_t used = std::min( w.slotsUsed.load( std::memory_order_acquire ), wakeReaderSlots );
+   for ( uint32_t i = 0; i < used; ++i ) {
+      ReaderSlot& slot = readerSlot( wake_, i );
+      uint32_t armed = 1;
+      if ( slot.armed.load( std::memory_order_relaxed ) == 1 &&
+           slot.armed.compare_exchange_strong( armed, 0, std::memory_order_acq_rel ) ) {
+         w.armedCount.fetch_sub( 1, std::memory_order_relaxed );
+         poke( i, slot );
+      }
+   }
+}
+
+void Control::poke( uint32_t i, ReaderSlot& slot ) {
+   uint32_t pid = slot.pid.load( std::memory_order_acquire );
+   uint32_t nonce = slot.nonce.load( std::memory_order_acquire );
+   if ( pid == 0 ) {
+      return;
+   }
+   Peer& peer = peers_[ i ];
+   if ( peer.fd < 0 || peer.pid != pid || peer.nonce != nonce ) {
+      if ( peer.fd >= 0 ) {
+         ::close( peer.fd );
+      }
+      peer = { pid, nonce, connectTo( readerSocketName( root_, pid, nonce ) ) };
+   }
+   if ( peer.fd >= 0 && sendPoke( peer.fd ) ) {
+      return;
+   }
+   if ( peer.fd >= 0 ) {
+      ::close( peer.fd );
+      peer.fd = -1;
+   }
+   // A live reader's socket exists before it registers, so a failure means
+   // it died: free its slot (unless another reader took it meanwhile).
+   if ( !processAlive( pid ) && slot.pid.compare_exchange_strong( pid, 0 ) ) {
+      ::unlink( readerSocketName( root_, pid, nonce ).c_str() );
    }
 }
 
@@ -562,22 +668,110 @@ bool Control::readFeed( uint64_t seq, void* keyOut ) const {
    return entrySeq.load( std::memory_order_relaxed ) == before;
 }
 
+namespace {
+
+// CPU time the process has used so far, or -1 when it cannot be read.
+int64_t cpuTimeNs( uint32_t pid ) {
+   clockid_t clock;
+   struct timespec ts {};
+   if ( ::clock_getcpuclockid( pid_t( pid ), &clock ) != 0 || ::clock_gettime( clock, &ts ) != 0 ) {
+      return -1;
+   }
+   return int64_t( ts.tv_sec ) * 1000000000 + ts.tv_nsec;
+}
+
+// True unless the process is runnable (or running): the scheduler state
+// letter of /proc/<pid>/stat.
+bool processIdle( uint32_t pid ) {
+   char buf[ 512 ];
+   int fd = ::open( fmt::format( "/proc/{}/stat", pid ).c_str(), O_RDONLY | O_CLOEXEC );
+   ssize_t n = fd >= 0 ? ::read( fd, buf, sizeof( buf ) - 1 ) : -1;
+   if ( fd >= 0 ) {
+      ::close( fd );
+   }
+   if ( n <= 0 ) {
+      return false;
+   }
+   buf[ n ] = 0;
+   const char* paren = std::strrchr( buf, ')' );
+   return paren && paren[ 1 ] == ' ' && paren[ 2 ] != 'R';
+}
+
+}  // namespace
+
+uint32_t readBusySlot( const StuckContext& ctx, const std::atomic< uint32_t >& word, uint32_t slot,
+                       void* out, const void* record, size_t size ) {
+   auto since = std::chrono::steady_clock::now();
+   uint32_t lastSeen = word.load( std::memory_order_relaxed );
+   int64_t writerCpuSince = -1;
+   for ( uint32_t spins = 1;; ++spins ) {
+      uint32_t before = word.load( std::memory_order_acquire );
+      uint32_t state = before & 3;
+      if ( state == slotEmpty || state == slotTombstone ) {
+         return state;
+      }
+      if ( state == slotLive ) {
+         std::memcpy( out, record, size );
+         std::atomic_thread_fence( std::memory_order_acquire );
+         if ( word.load( std::memory_order_relaxed ) == before ) {
+            return slotLive;
+         }
+      }
+      if ( spins % 64 == 0 ) {
+         std::this_thread::yield();
+      }
+      if ( spins % 256 != 0 ) {
+         continue;
+      }
+      // A word that moves belongs to a writer making progress.
+      auto now = std::chrono::steady_clock::now();
+      if ( before != lastSeen ) {
+         lastSeen = before;
+         since = now;
+         writerCpuSince = -1;
+      }
+      const ControlHeader& h = ctx.control->header();
+      uint32_t writer = h.writerPid.load( std::memory_order_relaxed );
+      const char* why = nullptr;
+      if ( h.writerState.load( std::memory_order_acquire ) != uint32_t( WriterState::attached ) ) {
+         why = "no writer is attached";
+      } else if ( !processAlive( writer ) ) {
+         why = "its writer is gone";
+      } else if ( now - since > slotStuckLimit ) {
+         // A writer that merely lost its processor mid-copy is runnable and
+         // has not run since; one that sleeps, or ran for a while, without
+         // finishing a single record copy has abandoned the slot.
+         int64_t cpu = cpuTimeNs( writer );
+         writerCpuSince = writerCpuSince < 0 ? cpu : writerCpuSince;
+         bool ran = cpu >= 0 && cpu - writerCpuSince >= 2000000;
+         if ( ran || processIdle( writer ) || now - since > slotStuckHardLimit ) {
+            why = "it stayed busy too long";
+         }
+      }
+      if ( why ) {
+         raiseCorruption( *ctx.handler, fmt::format( "Lumen table {}: slot {} was left mid-update ({})",
+                                                     *ctx.path, slot, why ) );
+      }
+   }
+}
+
 // --- Notifier ---
 
 namespace {
 
-constexpr int sleepTimeoutMs = 100;   // bounds how late a dead writer is noticed
+constexpr mode_t socketMode = 0600;   // only our own user's writer may poke
+
+std::atomic< uint32_t > nextSocketNonce{ 1 };
 
 }  // namespace
 
 Notifier::Notifier( const std::string& path, uint64_t seenHead, MountStatus seenStatus )
    : wakeName_( wakeFileName( path ) ), controlName_( controlFileName( path ) ),
      lastHead_( seenHead ), lastStatus_( seenStatus ) {
-   eventFd_ = ::eventfd( 0, EFD_NONBLOCK | EFD_CLOEXEC );
-   if ( eventFd_ < 0 ) {
-      MOX_THROW( Mox::Exception, "Lumen cannot create an eventfd: {}", errnoText() );
+   openSockets();
+   if ( openWake() && !socketName_.empty() ) {
+      claimSlot();
    }
-   openWake();
    thread_ = std::thread( [ this ] { run(); } );
 }
 
@@ -587,22 +781,118 @@ Notifier::~Notifier() {
       stop_ = true;
    }
    cv_.notify_all();
-   if ( wake_ ) {
+   if ( wake_ && !slot_ ) {
       // Changing the word makes a futex wait that is about to start return.
       wakeHeader( wake_ ).seq.fetch_add( 1, std::memory_order_seq_cst );
       futexWakeAll( &wakeHeader( wake_ ).seq );
    }
    thread_.join();
-   ::close( eventFd_ );
-}
-
-void Notifier::drain() {
-   uint64_t value;
-   while ( ::read( eventFd_, &value, sizeof( value ) ) == sizeof( value ) ) {
+   if ( slot_ ) {
+      if ( slot_->armed.exchange( 0, std::memory_order_acq_rel ) == 1 ) {
+         wakeHeader( wake_ ).armedCount.fetch_sub( 1, std::memory_order_relaxed );
+      }
+      slot_->pid.store( 0, std::memory_order_release );
+   }
+   ::close( sendFd_ );
+   ::close( recvFd_ );
+   if ( !socketName_.empty() ) {
+      ::unlink( socketName_.c_str() );
    }
 }
 
+void Notifier::openSockets() {
+   root_ = root();
+   nonce_ = nextSocketNonce.fetch_add( 1, std::memory_order_relaxed );
+   std::string name = readerSocketName( root_, uint32_t( ::getpid() ), nonce_ );
+   sockaddr_un addr {};
+   addr.sun_family = AF_UNIX;
+   if ( name.size() < sizeof( addr.sun_path ) ) {
+      std::memcpy( addr.sun_path, name.c_str(), name.size() + 1 );
+      recvFd_ = ::socket( AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0 );
+      ::unlink( name.c_str() );   // a leftover of a dead process with our pid
+      if ( recvFd_ >= 0 && ::bind( recvFd_, reinterpret_cast< sockaddr* >( &addr ),
+                                   sizeof( addr ) ) == 0 &&
+           ::chmod( name.c_str(), socketMode ) == 0 ) {
+         sendFd_ = connectTo( name );
+      }
+      if ( sendFd_ >= 0 ) {
+         socketName_ = name;
+         return;
+      }
+      if ( recvFd_ >= 0 ) {
+         ::close( recvFd_ );
+         ::unlink( name.c_str() );
+      }
+   }
+   // Unnamed: the writer cannot reach it, the fallback thread feeds it.
+   int pair[ 2 ];
+   if ( ::socketpair( AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair ) != 0 ) {
+      MOX_THROW( Mox::Exception, "Lumen cannot create a wake-up socket: {}", errnoText() );
+   }
+   recvFd_ = pair[ 0 ];
+   sendFd_ = pair[ 1 ];
+}
+
+void Notifier::claimSlot() {
+   uint32_t me = uint32_t( ::getpid() );
+   WakeHeader& w = wakeHeader( wake_ );
+   for ( uint32_t i = 0; i < wakeReaderSlots && !slot_; ++i ) {
+      ReaderSlot& slot = readerSlot( wake_, i );
+      uint32_t owner = slot.pid.load( std::memory_order_acquire );
+      if ( owner != 0 && processAlive( owner ) ) {
+         continue;
+      }
+      uint32_t oldNonce = slot.nonce.load( std::memory_order_relaxed );
+      if ( !slot.pid.compare_exchange_strong( owner, me, std::memory_order_acq_rel ) ) {
+         continue;
+      }
+      if ( owner != 0 ) {
+         ::unlink( readerSocketName( root_, owner, oldNonce ).c_str() );
+      }
+      // The dead owner may have left its flag set (and counted).
+      if ( slot.armed.exchange( 0, std::memory_order_acq_rel ) == 1 ) {
+         w.armedCount.fetch_sub( 1, std::memory_order_relaxed );
+      }
+      slot.nonce.store( nonce_, std::memory_order_release );
+      uint32_t used = w.slotsUsed.load( std::memory_order_relaxed );
+      while ( used < i + 1 &&
+              !w.slotsUsed.compare_exchange_weak( used, i + 1, std::memory_order_acq_rel ) ) {
+      }
+      slot_ = &slot;
+   }
+}
+
+void Notifier::drain() {
+   char buf[ 64 ];
+   while ( ::recv( recvFd_, buf, sizeof( buf ), MSG_DONTWAIT ) >= 0 ) {
+   }
+}
+
+bool Notifier::arm() {
+   if ( !slot_ || slot_->armed.load( std::memory_order_relaxed ) == 1 ) {
+      // Still armed: no change since we last armed and re-checked, and the
+      // next one pokes us.
+      return false;
+   }
+   WakeHeader& w = wakeHeader( wake_ );
+   // Counted before the flag is set, so the count never drops below the flags
+   // a writer can see.
+   w.armedCount.fetch_add( 1, std::memory_order_seq_cst );
+   slot_->armed.store( 1, std::memory_order_seq_cst );
+   if ( w.writerFenceFree.load( std::memory_order_seq_cst ) ) {
+      readerBarrier();   // the writer's half is in Control::wake()
+   }
+   return true;
+}
+
+void Notifier::poke() {
+   [[maybe_unused]] bool sent = sendPoke( sendFd_ );
+}
+
 void Notifier::dispatched() {
+   if ( slot_ ) {
+      return;
+   }
    {
       std::lock_guard lock( mutex_ );
       dispatched_ = true;
@@ -643,37 +933,73 @@ void Notifier::run() {
             return;
          }
       }
-      openWake();
       openControl();
-      uint32_t seen = wake_ ? wakeHeader( wake_ ).seq.load( std::memory_order_seq_cst ) : 0;
-      uint64_t head = 0;
-      MountStatus status = MountStatus::waitingForWriter;
-      if ( control_ ) {
-         const auto& h = *reinterpret_cast< const ControlHeader* >( control_.data() );
-         head = h.feedHead.load( std::memory_order_acquire );
-         status = statusOf( h );
-      }
-      if ( head != lastHead_ || status != lastStatus_ ) {
-         lastHead_ = head;
-         lastStatus_ = status;
-         uint64_t one = 1;
-         [[maybe_unused]] ssize_t n = ::write( eventFd_, &one, sizeof( one ) );
-         std::unique_lock lock( mutex_ );
-         cv_.wait( lock, [ this ] { return stop_ || dispatched_; } );
-         dispatched_ = false;
-         continue;
-      }
-      if ( wake_ ) {
-         WakeHeader& w = wakeHeader( wake_ );
-         w.sleepers.fetch_add( 1, std::memory_order_seq_cst );
-         if ( w.seq.load( std::memory_order_seq_cst ) == seen ) {
-            futexWait( &w.seq, seen, sleepTimeoutMs );
-         }
-         w.sleepers.fetch_sub( 1, std::memory_order_seq_cst );
+      if ( slot_ ) {
+         watchStatus();
       } else {
-         std::unique_lock lock( mutex_ );
-         cv_.wait_for( lock, std::chrono::milliseconds( 20 ), [ this ] { return stop_; } );
+         openWake();
+         forwardChanges();
       }
+   }
+}
+
+// Registered: the writer pokes us for every change it makes, attach and
+// detach included; only its death goes unannounced.
+void Notifier::watchStatus() {
+   if ( control_ ) {
+      MountStatus status = statusOf( *reinterpret_cast< const ControlHeader* >( control_.data() ) );
+      if ( status != lastStatus_ ) {
+         lastStatus_ = status;
+         poke();
+      }
+   }
+   std::unique_lock lock( mutex_ );
+   cv_.wait_for( lock, std::chrono::milliseconds( statusPollMs ), [ this ] { return stop_; } );
+}
+
+void Notifier::forwardChanges() {
+   auto changed = [ this ] {
+      if ( !control_ ) {
+         return false;
+      }
+      const auto& h = *reinterpret_cast< const ControlHeader* >( control_.data() );
+      uint64_t head = h.feedHead.load( std::memory_order_acquire );
+      MountStatus status = statusOf( h );
+      if ( head == lastHead_ && status == lastStatus_ ) {
+         return false;
+      }
+      lastHead_ = head;
+      lastStatus_ = status;
+      return true;
+   };
+   auto signalAndWait = [ this ] {
+      poke();
+      std::unique_lock lock( mutex_ );
+      cv_.wait( lock, [ this ] { return stop_ || dispatched_; } );
+      dispatched_ = false;
+   };
+   if ( changed() ) {
+      signalAndWait();
+      return;
+   }
+   if ( !wake_ ) {
+      std::unique_lock lock( mutex_ );
+      cv_.wait_for( lock, std::chrono::milliseconds( 20 ), [ this ] { return stop_; } );
+      return;
+   }
+   WakeHeader& w = wakeHeader( wake_ );
+   w.sleepers.fetch_add( 1, std::memory_order_seq_cst );
+   if ( w.writerFenceFree.load( std::memory_order_seq_cst ) ) {
+      readerBarrier();   // the writer's half is in Control::wake()
+   }
+   uint32_t seen = w.seq.load( std::memory_order_seq_cst );
+   bool moved = changed();
+   if ( !moved ) {
+      futexWait( &w.seq, seen, statusPollMs );
+   }
+   w.sleepers.fetch_sub( 1, std::memory_order_seq_cst );
+   if ( moved ) {
+      signalAndWait();
    }
 }
 

@@ -1,10 +1,11 @@
 // Lumen internals: files, mappings and the non-template parts of the segment
-// protocol (control segment, one generation's slot array, the reader's wake-up
-// thread). Used only by platform/lumen/Table.h.
+// protocol (control segment, one generation's slot array, a reader's wake-up
+// socket and registration). Used only by platform/lumen/Table.h.
 //
 // Threading: SlotArray and Control objects belong to one Writer or Reader and
-// are used from its thread; Notifier runs its own thread, which touches only
-// its own mappings and an eventfd.
+// are used from its thread. Notifier is used from its Reader's thread and runs
+// one low-rate thread of its own that touches only its own mappings and
+// sockets.
 #pragma once
 
 #include "platform/lumen/CorruptionDetectedException.h"
@@ -12,6 +13,7 @@
 #include "platform/lumen/internal/Format.h"
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -43,11 +45,27 @@ struct RecordLayout {
 std::string controlFileName( const std::string& path );
 std::string dataFileName( const std::string& path, uint64_t generation );
 std::string wakeFileName( const std::string& path );
+// Where reader `pid` binds the wake-up socket numbered `nonce`.
+std::string readerSocketName( const std::string& root, uint32_t pid, uint32_t nonce );
 
 bool processAlive( uint32_t pid );
 void futexWakeAll( std::atomic< uint32_t >* word );
 void futexWait( std::atomic< uint32_t >* word, uint32_t expected, int timeoutMs );
-uint32_t mixHash( uint32_t h );
+inline uint32_t mixHash( uint32_t h ) {
+   // Final mixer of MurmurHash3: homes use the high bits of the product, so
+   // they must depend on every bit of the key's own hash.
+   h ^= h >> 16;
+   h *= 0x85ebca6bU;
+   h ^= h >> 13;
+   h *= 0xc2b2ae35U;
+   h ^= h >> 16;
+   return h;
+}
+// Orders this writer's later loads after its earlier stores, as seen by a
+// reader that called readerBarrier(): a compiler barrier when the process
+// registered for membarrier, else a full fence. See Control::wake().
+bool registerFenceFreeWriter();
+void readerBarrier();
 
 class Mapping {
  public:
@@ -84,7 +102,6 @@ class SlotArray {
    DataHeader& header() const { return *reinterpret_cast< DataHeader* >( map_.data() ); }
    uint64_t generation() const { return generation_; }
    uint32_t slotCount() const { return slotCount_; }
-   uint32_t shift() const { return shift_; }
    uint32_t capacity() const { return capacity_; }
    uint32_t usedLimit() const { return slotCount_ - slotCount_ / 8; }   // live + tombstones
    uint8_t* slot( uint32_t i ) const { return slots_ + size_t( i ) * slotSize_; }
@@ -92,7 +109,11 @@ class SlotArray {
       return *reinterpret_cast< std::atomic< uint32_t >* >( slot( i ) );
    }
    uint8_t* record( uint32_t i ) const { return slot( i ) + recordOffset_; }
-   uint32_t home( uint32_t hash ) const { return mixHash( hash ) >> ( 32 - shift_ ); }
+   // Multiply-shift rather than a mask: any slot count works, and slot order
+   // stays hash order, which is what lets a cursor move between generations.
+   uint32_t home( uint32_t hash ) const {
+      return uint32_t( ( uint64_t( mixHash( hash ) ) * slotCount_ ) >> 32 );
+   }
    void unlinkFile();   // the mapping stays valid for whoever still has it
 
  private:
@@ -102,7 +123,6 @@ class SlotArray {
    uint8_t* slots_ = nullptr;
    uint64_t generation_ = 0;
    uint32_t slotCount_ = 0;
-   uint32_t shift_ = 0;
    uint32_t capacity_ = 0;
    uint32_t slotSize_ = 0;
    uint32_t recordOffset_ = 0;
@@ -139,40 +159,99 @@ class Control {
    bool readFeed( uint64_t seq, void* keyOut ) const;
 
  private:
+   // A registered reader's socket, connected once and kept: a poke is then
+   // one non-blocking send.
+   struct Peer {
+      uint32_t pid = 0;
+      uint32_t nonce = 0;
+      int fd = -1;
+   };
    Control() = default;
+   void pokeArmedReaders();
+   void poke( uint32_t i, ReaderSlot& slot );
+
    std::string path_;
+   std::string root_;   // writer only: where readers' sockets live
    int fd_ = -1;
    Mapping map_;
    Mapping wake_;   // writer only
+   Peer peers_[ wakeReaderSlots ];   // writer only, by registration index
+   bool fenceFree_ = false;   // writer only: readers issue the barrier
    uint32_t feedCapacity_ = 0;
    uint32_t feedEntrySize_ = 0;
    uint32_t keySize_ = 0;
 };
 
-// A Reader's wake-up thread: sleeps on the table's wake word (futex) and makes
-// an eventfd readable when the feed head or the mount status moved. After
-// signalling it waits for dispatch() before sleeping on the shared word again,
-// so a busy writer pays for at most one wake-up per dispatch.
+// What a reader needs to decide that a slot it keeps finding busy was left
+// so by a dead or stalled writer. Used only on that slow path.
+struct StuckContext {
+   const Control* control;
+   const std::string* path;
+   const CorruptionHandler* handler;
+};
+
+// Retries copying `size` bytes of a slot's record until a copy validates
+// against the slot's word or the slot is not live; returns its state. Yields
+// now and then. Throws when the writer is gone or detached, or when the word
+// has not moved for slotStuckLimit and the writer, alive, is not simply
+// waiting for a processor (it sleeps, or has run for 2 ms meanwhile): a
+// healthy writer holds a slot busy for one record copy, so the slot was left
+// so by a writer that failed mid-update, or scribbled. slotStuckHardLimit
+// bounds the wait on a writer that stays runnable but never runs.
+inline constexpr std::chrono::milliseconds slotStuckLimit{ 10 };
+inline constexpr std::chrono::milliseconds slotStuckHardLimit{ 1000 };
+uint32_t readBusySlot( const StuckContext& ctx, const std::atomic< uint32_t >& word, uint32_t slot,
+                       void* out, const void* record, size_t size );
+
+// A Reader's wake-up path. fd() is a datagram socket bound under the root;
+// the Notifier registers it in a slot of the table's wake segment. When the
+// reader has consumed everything it arms the slot; the writer's next change
+// clears the flag and sends one datagram, which makes fd() readable: one hop,
+// no reader thread on the way.
+//
+// A slim thread remains, for what no writer announces: it checks the mount
+// status every statusPollMs, so a writer that dies is noticed within that.
+// When no registration is possible (all slots taken by live readers, the
+// socket name too long, no wake segment) the thread instead sleeps on the
+// wake word (futex, counted in `sleepers`) and forwards changes to fd(), as
+// a second hop; nothing is lost, only latency.
 class Notifier {
  public:
+   static constexpr int statusPollMs = 100;
+
    Notifier( const std::string& path, uint64_t seenHead, MountStatus seenStatus );
    ~Notifier();
-   int fd() const { return eventFd_; }
+   int fd() const { return recvFd_; }
+   bool registered() const { return slot_ != nullptr; }
    void drain();        // clears readiness
-   void dispatched();   // dispatch() ran: the thread may sleep again
+   // dispatch() consumed everything. Registered: asks for a poke at the next
+   // change; true when it newly armed, and the caller must then re-check for
+   // changes made before the writer could see the flag (and poke() if any).
+   bool arm();
+   void poke();         // makes fd() readable
+   void dispatched();   // fallback thread: dispatch() ran, it may sleep again
 
  private:
+   void openSockets();
+   void claimSlot();
    void run();
+   void watchStatus();
+   void forwardChanges();
    bool openWake();
    bool openControl();
 
    std::string wakeName_;
    std::string controlName_;
-   int eventFd_ = -1;
+   std::string root_;
+   uint32_t nonce_ = 0;
+   std::string socketName_;   // empty when not bound by name
+   int recvFd_ = -1;
+   int sendFd_ = -1;          // connected to recvFd_, for poke()
    Mapping wake_;
    Mapping control_;
-   uint64_t lastHead_;
-   MountStatus lastStatus_;
+   ReaderSlot* slot_ = nullptr;
+   uint64_t lastHead_;        // thread only
+   MountStatus lastStatus_;   // thread only
    std::mutex mutex_;
    std::condition_variable cv_;
    bool stop_ = false;

@@ -23,30 +23,33 @@ namespace Lumen::internal {
 
 inline constexpr uint32_t noSlot = ~0u;
 
-// Hint bits: generation tag (24) | slot shift (6) | slot index (34).
+// Header counters have one writer: a plain load and store, not a locked
+// read-modify-write, which would stall each write on its own cache miss.
+inline void bump( std::atomic< uint32_t >& counter, int delta ) {
+   counter.store( counter.load( std::memory_order_relaxed ) + uint32_t( delta ),
+                  std::memory_order_relaxed );
+}
+
+// Hint bits: generation tag (24) | position in hash space (33). Slot i of
+// S slots is position ceil( i * 2^32 / S ), the smallest mixed hash whose home
+// is i or later, so a hint maps back to exactly i in its own generation and to
+// the same point of hash order in any other.
 inline uint64_t generationTag( uint64_t generation ) {
    return generation % 0xffffffULL + 1;
 }
 
 inline Hint makeHint( const SlotArray& t, uint64_t slot ) {
-   return Hint{ generationTag( t.generation() ) << 40 | uint64_t( t.shift() ) << 34 | slot };
+   uint64_t position = ( ( slot << 32 ) + t.slotCount() - 1 ) / t.slotCount();
+   return Hint{ generationTag( t.generation() ) << 40 | position };
 }
 
-// Where `hint` points in `t`: itself if it was made for t's generation, else
-// the same relative position (slot order is hash order in every generation).
 inline uint64_t hintSlot( const SlotArray& t, Hint hint ) {
-   uint64_t tag = hint.value >> 40;
-   uint64_t shift = ( hint.value >> 34 ) & 0x3f;
-   uint64_t slot = hint.value & ( ( uint64_t( 1 ) << 34 ) - 1 );
-   if ( tag == 0 || ( tag == generationTag( t.generation() ) && shift == t.shift() ) ) {
-      return slot;
-   }
-   return shift >= t.shift() ? slot >> ( shift - t.shift() ) : slot << ( t.shift() - shift );
+   uint64_t position = hint.value & ( ( uint64_t( 1 ) << 40 ) - 1 );
+   return ( position * t.slotCount() ) >> 32;
 }
 
 inline bool hintIsFor( const SlotArray& t, Hint hint ) {
-   return t && ( hint.value >> 40 ) == generationTag( t.generation() ) &&
-          ( ( hint.value >> 34 ) & 0x3f ) == t.shift();
+   return t && ( hint.value >> 40 ) == generationTag( t.generation() );
 }
 
 template< class Record >
@@ -85,10 +88,9 @@ struct SlotOps {
    // Writer-side probe: the writer is the only mutator, so no retries.
    static Found find( const SlotArray& t, const Key& k, const std::string& path,
                       const CorruptionHandler& handler ) {
-      uint32_t mask = t.slotCount() - 1;
       uint32_t i = t.home( k.hash() );
       uint32_t freeSlot = noSlot;
-      for ( uint32_t n = 0; n < t.slotCount(); ++n, i = ( i + 1 ) & mask ) {
+      for ( uint32_t n = 0; n < t.slotCount(); ++n, i = i + 1 == t.slotCount() ? 0 : i + 1 ) {
          uint32_t state = t.word( i ).load( std::memory_order_relaxed ) & 3;
          if ( state == slotEmpty ) {
             return { false, freeSlot != noSlot ? freeSlot : i };
@@ -118,49 +120,76 @@ struct SlotOps {
       word.store( ( version + 2 ) << 2 | state, std::memory_order_release );
    }
 
-   // Reader-side slot read. `stuck` runs now and then while the slot stays
-   // busy; it throws if the writer died mid-update.
-   template< class Stuck >
-   static uint32_t read( const SlotArray& t, uint32_t i, Record& out, Stuck&& stuck ) {
+   // Reader-side slot read: copy, then re-check the word; the caller's copy
+   // is only trusted if the word did not change meanwhile.
+   static uint32_t read( const SlotArray& t, uint32_t i, Record& out, const StuckContext& ctx ) {
       const auto& word = t.word( i );
-      for ( uint32_t spins = 1;; ++spins ) {
-         uint32_t before = word.load( std::memory_order_acquire );
-         uint32_t state = before & 3;
-         if ( state == slotEmpty || state == slotTombstone ) {
-            return state;
+      uint32_t before = word.load( std::memory_order_acquire );
+      uint32_t state = before & 3;
+      if ( state == slotLive ) {
+         std::memcpy( static_cast< void* >( &out ), t.record( i ), sizeof( Record ) );
+         std::atomic_thread_fence( std::memory_order_acquire );
+         if ( word.load( std::memory_order_relaxed ) == before ) [[likely]] {
+            return slotLive;
          }
-         if ( state == slotLive ) {
-            std::memcpy( static_cast< void* >( &out ), t.record( i ), sizeof( Record ) );
-            std::atomic_thread_fence( std::memory_order_acquire );
-            if ( word.load( std::memory_order_relaxed ) == before ) {
-               return slotLive;
-            }
-         }
-         if ( spins % 64 == 0 ) {
-            std::this_thread::yield();
-         }
-         if ( spins % 4096 == 0 ) {
-            stuck( i );
-         }
+      } else if ( state != slotBusy ) {
+         return state;
       }
+      return readBusySlot( ctx, word, i, &out, t.record( i ), sizeof( Record ) );
    }
 
-   template< class Stuck >
-   static bool probeFrom( const SlotArray& t, uint32_t i, const Key& k, Record& out,
-                          Stuck&& stuck, const std::string& path,
-                          const CorruptionHandler& handler ) {
-      uint32_t mask = t.slotCount() - 1;
-      for ( uint32_t n = 0; n < t.slotCount(); ++n, i = ( i + 1 ) & mask ) {
-         uint32_t state = read( t, i, out, stuck );
-         if ( state == slotEmpty ) {
-            return false;
-         }
-         if ( state == slotLive && out.key() == k ) {
+   // The common case inline: the key is in its home slot or, for records
+   // small enough that two slots share a cache line, the next one (over 80%
+   // of keys at the fill we allow). The candidates are checked without
+   // branching on which matched, so the branch below is well predicted, and
+   // the path is short and free of calls: the processor can then overlap
+   // the cache misses of several independent lookups.
+   static bool probe( const SlotArray& t, const Key& k, Record& out, const StuckContext& ctx ) {
+      constexpr uint32_t candidates = sizeof( Record ) <= 28 ? 2 : 1;
+      uint32_t slots[ 2 ];
+      uint32_t words[ 2 ];
+      Record copies[ candidates ];
+      bool match[ 2 ] = { false, false };
+      slots[ 0 ] = t.home( k.hash() );
+      slots[ 1 ] = slots[ 0 ] + 1 < t.slotCount() ? slots[ 0 ] + 1 : 0;
+      for ( uint32_t c = 0; c < candidates; ++c ) {
+         words[ c ] = t.word( slots[ c ] ).load( std::memory_order_acquire );
+         std::memcpy( static_cast< void* >( &copies[ c ] ), t.record( slots[ c ] ), sizeof( Record ) );
+      }
+      std::atomic_thread_fence( std::memory_order_acquire );
+      for ( uint32_t c = 0; c < candidates; ++c ) {
+         match[ c ] = ( ( words[ c ] & 3 ) == slotLive ) & ( copies[ c ].key() == k );
+      }
+      if ( match[ 0 ] | match[ 1 ] ) [[likely]] {
+         uint32_t c = match[ 0 ] ? 0 : 1;
+         // Only a copy whose word did not move meanwhile is whole.
+         if ( t.word( slots[ c ] ).load( std::memory_order_relaxed ) == words[ c ] ) [[likely]] {
+            out = copies[ candidates == 2 ? c : 0 ];
             return true;
          }
       }
-      raiseCorruption( handler, fmt::format( "Lumen table {}: probe from slot {} never ends", path,
-                                             t.home( k.hash() ) ) );
+      return probeFrom( t, slots[ 0 ], k, out, ctx );
+   }
+
+   // A probe needs no re-check of the generation afterwards: the writer
+   // never changes a generation once it has flipped to the next, and within
+   // a generation entries never move and no slot becomes empty again, so
+   // whatever the probe returns held at some instant during it.
+   static bool probeFrom( const SlotArray& t, uint32_t i, const Key& k, Record& out,
+                          const StuckContext& ctx ) {
+      uint32_t n = t.slotCount();
+      for ( uint32_t steps = 0; steps < n; ++steps ) {
+         uint32_t state = read( t, i, out, ctx );
+         if ( state == slotLive && out.key() == k ) [[likely]] {
+            return true;
+         }
+         if ( state == slotEmpty ) {
+            return false;
+         }
+         i = i + 1 == n ? 0 : i + 1;
+      }
+      raiseCorruption( *ctx.handler, fmt::format( "Lumen table {}: probe from slot {} never ends",
+                                                  *ctx.path, t.home( k.hash() ) ) );
    }
 };
 
@@ -345,15 +374,17 @@ void Writer< Record >::insertNew( const Record& r, const Key& k, uint32_t slot )
    auto& h = table_.header();
    bool reusesTombstone =
       ( table_.word( slot ).load( std::memory_order_relaxed ) & 3 ) == internal::slotTombstone;
-   if ( !reusesTombstone && h.count.load() + h.tombstones.load() + 1 > table_.usedLimit() ) {
+   if ( !reusesTombstone && h.count.load( std::memory_order_relaxed ) +
+                               h.tombstones.load( std::memory_order_relaxed ) + 1 >
+                            table_.usedLimit() ) {
       rebuild( table_.capacity() );   // sweeps tombstones so probes stay short
       slot = Ops::find( table_, k, path_, corruptionHandler_ ).slot;
    }
    Ops::store( table_, slot, &r, internal::slotLive );
    if ( reusesTombstone ) {
-      table_.header().tombstones.fetch_sub( 1, std::memory_order_relaxed );
+      internal::bump( h.tombstones, -1 );
    }
-   table_.header().count.fetch_add( 1, std::memory_order_relaxed );
+   internal::bump( h.count, 1 );
 }
 
 template< class Record >
@@ -376,8 +407,8 @@ std::optional< Record > Writer< Record >::remove( const Key& k ) {
    }
    Record old = Ops::recordAt( table_, f.slot );
    Ops::store( table_, f.slot, nullptr, internal::slotTombstone );
-   table_.header().count.fetch_sub( 1, std::memory_order_relaxed );
-   table_.header().tombstones.fetch_add( 1, std::memory_order_relaxed );
+   internal::bump( table_.header().count, -1 );
+   internal::bump( table_.header().tombstones, 1 );
    publish( k );
    return old;
 }
@@ -437,8 +468,15 @@ template< class Record >
 std::optional< std::pair< Record, Hint > > Writer< Record >::next( Hint from ) const {
    for ( uint64_t i = internal::hintSlot( table_, from ); i < table_.slotCount(); ++i ) {
       uint32_t slot = uint32_t( i );
-      if ( ( table_.word( slot ).load( std::memory_order_relaxed ) & 3 ) == internal::slotLive ) {
+      uint32_t state = table_.word( slot ).load( std::memory_order_relaxed ) & 3;
+      if ( state == internal::slotLive ) {
          return std::make_pair( Ops::recordAt( table_, slot ), internal::makeHint( table_, i + 1 ) );
+      }
+      if ( state == internal::slotBusy ) {
+         // Only the writer changes slots and it never leaves one busy.
+         internal::raiseCorruption(
+            corruptionHandler_,
+            fmt::format( "Lumen table {}: slot {} was left mid-update", path_, slot ) );
       }
    }
    return std::nullopt;
@@ -506,6 +544,27 @@ Reader< Record >::Reader( const std::string& path, const Record& defaultValue )
    reportedStatus_ = mountStatus();
    notifier_ = std::make_unique< internal::Notifier >( path_, control_ ? cursor_ : 0,
                                                        reportedStatus_ );
+   armForNextChange();
+}
+
+template< class Record >
+void Reader< Record >::armForNextChange() {
+   if ( !notifier_->arm() ) {
+      notifier_->dispatched();
+      return;
+   }
+   // A change published before the writer could see our flag pokes nobody:
+   // look once more, now that any later change will poke us.
+   bool pending = false;
+   try {
+      pending = mountStatus() != reportedStatus_ ||
+                ( control_ && control_->header().feedHead.load( std::memory_order_acquire ) != cursor_ );
+   } catch ( const Fable::CorruptionDetectedException& ) {
+      pending = true;   // the next dispatch() reports it
+   }
+   if ( pending ) {
+      notifier_->poke();
+   }
 }
 
 template< class Record >
@@ -521,6 +580,17 @@ bool Reader< Record >::mount() const {
 
 template< class Record >
 const internal::SlotArray* Reader< Record >::current() const {
+   // The one load of the control segment on a lookup's way.
+   if ( control_ && current_ &&
+        control_->header().generation.load( std::memory_order_acquire ) == current_.generation() )
+      [[likely]] {
+      return &current_;
+   }
+   return remap();
+}
+
+template< class Record >
+const internal::SlotArray* Reader< Record >::remap() const {
    if ( !mount() ) {
       return nullptr;
    }
@@ -550,98 +620,47 @@ const internal::SlotArray* Reader< Record >::current() const {
    }
 }
 
-namespace internal {
-
-// Throws when a slot stays busy because its writer is gone, detached, or has
-// not finished one record's update in a whole second (a healthy writer holds
-// a slot busy for one copy of a record).
-inline auto stuckCheck( const Control& control, const std::string& path,
-                        const CorruptionHandler& handler ) {
-   return [ &control, &path, &handler,
-            since = std::chrono::steady_clock::time_point{} ]( uint32_t slot ) mutable {
-      const ControlHeader& h = control.header();
-      auto now = std::chrono::steady_clock::now();
-      if ( since == std::chrono::steady_clock::time_point{} ) {
-         since = now;
-      }
-      const char* why = nullptr;
-      if ( h.writerState.load( std::memory_order_acquire ) != uint32_t( WriterState::attached ) ) {
-         why = "no writer is attached";
-      } else if ( !processAlive( h.writerPid.load( std::memory_order_relaxed ) ) ) {
-         why = "its writer is gone";
-      } else if ( now - since > std::chrono::seconds( 1 ) ) {
-         why = "it stayed busy for a second";
-      }
-      if ( why ) {
-         raiseCorruption( handler, fmt::format( "Lumen table {}: slot {} was left mid-update ({})",
-                                                path, slot, why ) );
-      }
-   };
-}
-
-}  // namespace internal
-
 template< class Record >
 Record Reader< Record >::lookup( const Key& k ) const {
+   const internal::SlotArray* t = current();
    Record out;
-   for ( ;; ) {
-      const internal::SlotArray* t = current();
-      if ( !t ) {
-         return default_;
-      }
-      bool hit = Ops::probeFrom( *t, t->home( k.hash() ), k, out,
-                                 internal::stuckCheck( *control_, path_, corruptionHandler_ ),
-                                 path_, corruptionHandler_ );
-      // The probe is only trusted if the writer did not move to another
-      // generation meanwhile (it never changes an old one after the flip).
-      if ( control_->header().generation.load( std::memory_order_acquire ) == t->generation() ) {
-         return hit ? out : default_;
-      }
+   if ( t && Ops::probe( *t, k, out, stuckContext() ) ) [[likely]] {
+      return out;
    }
+   return default_;
 }
 
 template< class Record >
 bool Reader< Record >::contains( const Key& k ) const {
+   const internal::SlotArray* t = current();
    Record out;
-   for ( ;; ) {
-      const internal::SlotArray* t = current();
-      if ( !t ) {
-         return false;
-      }
-      bool hit = Ops::probeFrom( *t, t->home( k.hash() ), k, out,
-                                 internal::stuckCheck( *control_, path_, corruptionHandler_ ),
-                                 path_, corruptionHandler_ );
-      if ( control_->header().generation.load( std::memory_order_acquire ) == t->generation() ) {
-         return hit;
-      }
-   }
+   return t && Ops::probe( *t, k, out, stuckContext() );
 }
 
 template< class Record >
 void Reader< Record >::lookupBatch( const Key* keys, Record* out, size_t n ) const {
-   constexpr size_t window = 16;
-   size_t done = 0;
-   while ( done < n ) {
-      const internal::SlotArray* t = current();
-      if ( !t ) {
-         std::fill( out + done, out + n, default_ );
-         return;
+   const internal::SlotArray* t = current();
+   if ( !t ) {
+      std::fill( out, out + n, default_ );
+      return;
+   }
+   // Homes are computed `ahead` keys early and their lines prefetched, so
+   // that many cache misses are in flight while earlier keys are probed.
+   constexpr size_t ahead = 16;
+   uint32_t homes[ ahead ];
+   for ( size_t j = 0; j < std::min( ahead, n ); ++j ) {
+      homes[ j ] = t->home( keys[ j ].hash() );
+      __builtin_prefetch( t->slot( homes[ j ] ) );
+   }
+   auto ctx = stuckContext();
+   for ( size_t j = 0; j < n; ++j ) {
+      uint32_t home = homes[ j % ahead ];
+      if ( j + ahead < n ) {
+         homes[ j % ahead ] = t->home( keys[ j + ahead ].hash() );
+         __builtin_prefetch( t->slot( homes[ j % ahead ] ) );
       }
-      auto stuck = internal::stuckCheck( *control_, path_, corruptionHandler_ );
-      size_t m = std::min( window, n - done );
-      uint32_t homes[ window ];
-      for ( size_t j = 0; j < m; ++j ) {
-         homes[ j ] = t->home( keys[ done + j ].hash() );
-         __builtin_prefetch( t->slot( homes[ j ] ) );
-      }
-      for ( size_t j = 0; j < m; ++j ) {
-         if ( !Ops::probeFrom( *t, homes[ j ], keys[ done + j ], out[ done + j ], stuck, path_,
-                               corruptionHandler_ ) ) {
-            out[ done + j ] = default_;
-         }
-      }
-      if ( control_->header().generation.load( std::memory_order_acquire ) == t->generation() ) {
-         done += m;
+      if ( !Ops::probeFrom( *t, home, keys[ j ], out[ j ], ctx ) ) {
+         out[ j ] = default_;
       }
    }
 }
@@ -670,10 +689,10 @@ std::optional< std::pair< Record, Hint > > Reader< Record >::next( Hint from ) c
    if ( !t ) {
       return std::nullopt;
    }
-   auto stuck = internal::stuckCheck( *control_, path_, corruptionHandler_ );
+   auto ctx = stuckContext();
    Record r;
    for ( uint64_t i = internal::hintSlot( *t, from ); i < t->slotCount(); ++i ) {
-      if ( Ops::read( *t, uint32_t( i ), r, stuck ) == internal::slotLive ) {
+      if ( Ops::read( *t, uint32_t( i ), r, ctx ) == internal::slotLive ) {
          return std::make_pair( r, internal::makeHint( *t, i + 1 ) );
       }
    }
@@ -700,10 +719,21 @@ int Reader< Record >::fd() const {
 template< class Record >
 typename Reader< Record >::KeySet Reader< Record >::presentKeys() const {
    KeySet keys;
-   Hint h;
-   while ( auto e = next( h ) ) {
-      keys.insert( e->first.key() );
-      h = e->second;
+   const internal::SlotArray* t = current();
+   if ( !t ) {
+      return keys;
+   }
+   auto ctx = stuckContext();
+   Record r;
+   for ( uint32_t i = 0; i < t->slotCount(); ++i ) {
+      try {
+         if ( Ops::read( *t, i, r, ctx ) == internal::slotLive ) {
+            keys.insert( r.key() );
+         }
+      } catch ( const Fable::CorruptionDetectedException& ) {
+         // A slot its dead writer left mid-update, already reported to the
+         // handler; the rest of the table is still worth announcing.
+      }
    }
    return keys;
 }
@@ -763,7 +793,14 @@ void Reader< Record >::dispatch() {
       for ( const Key& k : keys ) {
          if ( seen.insert( k ).second ) {
             keys[ kept++ ] = k;
-            if ( contains( k ) ) {
+            bool present = true;
+            try {
+               present = contains( k );
+            } catch ( const Fable::CorruptionDetectedException& ) {
+               // Reported to the handler; the key is still announced, and
+               // a lookup of it reports the damage to whoever asks.
+            }
+            if ( present ) {
                known_.insert( k );
             } else {
                known_.erase( k );
@@ -772,7 +809,13 @@ void Reader< Record >::dispatch() {
       }
       keys.resize( kept );
    }
-   notifier_->dispatched();
+   // Armed after the callbacks (arming may cost a process-wide barrier,
+   // which should not delay them), and also when one throws, so that fd()
+   // never falls silent.
+   struct Rearm {
+      Reader* reader;
+      ~Rearm() { reader->armForNextChange(); }
+   } rearm{ this };
 
    // Copies, so a callback may replace any hook while it runs.
    auto onMountStatus = onMountStatus_;

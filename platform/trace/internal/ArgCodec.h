@@ -9,7 +9,7 @@
 //    the ring is dumped, with the value it had when the statement ran;
 //  - everything else (and trivially copyable types that only refer to memory
 //    they do not own, see FormatAtRecordTime): formatted with "{}" when the
-//    statement runs and kept as a string. A format spec such as "{:>8}" in the
+//    statement runs and kept as a string. A format specifier such as "{:>8}" in the
 //    statement is then applied to that string at dump time.
 #pragma once
 

@@ -1,10 +1,17 @@
+// OrbEvpnRxSm: the controller's per-VNI status as a mirror of the host and
+// flood tables, its lifecycle and assertions, and the import from a writer
+// in another process.
 #include "orbevpn/rx/OrbEvpnRxSm.h"
-
 #include "tests/support/LeakCheck.h"
-#include "tests/support/NotifieeRecorder.h"
+#include "tests/support/LumenRoot.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -63,9 +70,18 @@ TEST_F( OrbEvpnRxSmTest, ConstructionImportsWhatTheTablesAlreadyHold ) {
    EXPECT_EQ( floodList( vni20 )->vtepIpFloodListSize(), 1u );
    EXPECT_FALSE( floodList( vni10 ) );
    EXPECT_EQ( dir->vniStatusV2Size(), 2u );
+
+   // Without a host table only the flood entries are imported.
+   auto floodsOnly = VniStatusDirV2::VniStatusDirV2Is( "floodsOnly" );
+   auto other = orbEvpnRxSmFactory( nullptr, floods, floodsOnly );
+   EXPECT_FALSE( other->hostTableReactor() );
+   EXPECT_TRUE( other->floodTableReactor() );
+   EXPECT_FALSE( other->hostTable() );
+   ASSERT_EQ( floodsOnly->vniStatusV2Size(), 1u );
+   EXPECT_EQ( floodsOnly->vniStatusV2( vni20 )->macVtepTableSize(), 0u );
 }
 
-TEST_F( OrbEvpnRxSmTest, HostsFollowTheTableAndTheLastHostTakesTheStatus ) {
+TEST_F( OrbEvpnRxSmTest, HostsFollowTheTableAndADefaultHostIsADeletion ) {
    start();
    hosts->hostIs( makeHost( mac1, vni10, vtepA, 1 ) );
    hosts->hostIs( makeHost( mac2, vni10, vtepB, 2 ) );
@@ -82,62 +98,46 @@ TEST_F( OrbEvpnRxSmTest, HostsFollowTheTableAndTheLastHostTakesTheStatus ) {
    EXPECT_EQ( status( vni10 )->macVtepTable( mac1 ), MacVtepV2() );
    hosts->hostDel( MacVniPair( mac2, vni10 ) );
    EXPECT_FALSE( status( vni10 ) );
-}
 
-TEST_F( OrbEvpnRxSmTest, AHostEqualToTheDefaultIsADeletion ) {
-   start();
-   hosts->hostIs( makeHost( mac1, vni10, vtepA, 9 ) );
-   ASSERT_TRUE( status( vni10 ) );
    // Zero VTEP, zero sequence number, preference 16: "no host".
+   hosts->hostIs( makeHost( mac1, vni10, vtepA, 9 ) );
    hosts->hostIs( Host( MacVniPair( mac1, vni10 ) ) );
    EXPECT_FALSE( status( vni10 ) );
    // Preference alone makes a host real.
    hosts->hostIs( makeHost( mac1, vni10, Wire::IpAddr(), 0, 17 ) );
    ASSERT_TRUE( status( vni10 ) );
    EXPECT_EQ( status( vni10 )->macVtepTable( mac1 ).preference(), 17 );
-}
 
-TEST_F( OrbEvpnRxSmTest, FloodListKeepsItsVtepsUntilTheLastGoes ) {
-   start();
-   floods->floodEntryIs( FloodEntry( VniVtepPair( vni10, vtepA ) ) );
-   floods->floodEntryIs( FloodEntry( VniVtepPair( vni10, vtepB ) ) );
-   ASSERT_TRUE( floodList( vni10 ) );
-   EXPECT_EQ( floodList( vni10 )->vtepIpFloodListSize(), 2u );
-   EXPECT_EQ( status( vni10 )->macVtepFloodListTableSize(), 1u );
-
-   floods->floodEntryDel( VniVtepPair( vni10, vtepA ) );
-   ASSERT_TRUE( floodList( vni10 ) );
-   EXPECT_FALSE( floodList( vni10 )->vtepIpFloodListContains( vtepA ) );
-   EXPECT_TRUE( floodList( vni10 )->vtepIpFloodList( vtepB ) );
-
-   floods->floodEntryDel( VniVtepPair( vni10, vtepB ) );
-   EXPECT_FALSE( status( vni10 ) );
-}
-
-TEST_F( OrbEvpnRxSmTest, FloodListRemovalKeepsTheStatusWhileAHostRemains ) {
-   start();
-   hosts->hostIs( makeHost( mac1, vni10, vtepA, 1 ) );
-   floods->floodEntryIs( FloodEntry( VniVtepPair( vni10, vtepA ) ) );
-   floods->floodEntryDel( VniVtepPair( vni10, vtepA ) );
-   ASSERT_TRUE( status( vni10 ) );
-   EXPECT_EQ( status( vni10 )->macVtepFloodListTableSize(), 0u );
+   // The control attribute of the table is not watched: no import, no assertion.
+   const MacVniPair key( mac2, vni10 );
+   sm->hostTableReactor()->onAttribute( 259, &key );
    EXPECT_EQ( status( vni10 )->macVtepTableSize(), 1u );
 }
 
-TEST_F( OrbEvpnRxSmTest, HostAndFloodEntryOfOneVniGoInEitherOrder ) {
+TEST_F( OrbEvpnRxSmTest, AVniStatusLivesFromItsFirstRecordToItsLastInEitherOrder ) {
    start();
    for ( bool hostFirst : { true, false } ) {
-      SCOPED_TRACE( hostFirst ? "host first" : "flood entry first" );
-      hosts->hostIs( makeHost( mac1, vni10, vtepA, 1 ) );
+      SCOPED_TRACE( hostFirst ? "host deleted first" : "flood entries deleted first" );
+      floods->floodEntryIs( FloodEntry( VniVtepPair( vni10, vtepA ) ) );
       floods->floodEntryIs( FloodEntry( VniVtepPair( vni10, vtepB ) ) );
-      ASSERT_TRUE( status( vni10 ) );
+      ASSERT_TRUE( floodList( vni10 ) );
+      EXPECT_EQ( floodList( vni10 )->vtepIpFloodListSize(), 2u );
+      EXPECT_EQ( status( vni10 )->macVtepFloodListTableSize(), 1u );
+      floods->floodEntryDel( VniVtepPair( vni10, vtepA ) );
+      ASSERT_TRUE( floodList( vni10 ) );
+      EXPECT_FALSE( floodList( vni10 )->vtepIpFloodListContains( vtepA ) );
+      EXPECT_TRUE( floodList( vni10 )->vtepIpFloodList( vtepB ) );
+      hosts->hostIs( makeHost( mac1, vni10, vtepA, 1 ) );
       if ( hostFirst ) {
          hosts->hostDel( MacVniPair( mac1, vni10 ) );
          ASSERT_TRUE( status( vni10 ) );
+         EXPECT_EQ( status( vni10 )->macVtepTableSize(), 0u );
          floods->floodEntryDel( VniVtepPair( vni10, vtepB ) );
       } else {
          floods->floodEntryDel( VniVtepPair( vni10, vtepB ) );
          ASSERT_TRUE( status( vni10 ) );
+         EXPECT_EQ( status( vni10 )->macVtepFloodListTableSize(), 0u );
+         EXPECT_EQ( status( vni10 )->macVtepTableSize(), 1u );
          hosts->hostDel( MacVniPair( mac1, vni10 ) );
       }
       EXPECT_FALSE( status( vni10 ) );
@@ -165,44 +165,22 @@ TEST_F( OrbEvpnRxSmTest, CleanupRemovesExactlyTheMirror ) {
    EXPECT_TRUE( status( vni20 ) );
 }
 
-TEST_F( OrbEvpnRxSmTest, ADestroyedMachineHearsNothingAndRemovesNothing ) {
-   start();
-   hosts->hostIs( makeHost( mac1, vni10, vtepA, 1 ) );
-   sm = nullptr;
-   ASSERT_TRUE( status( vni10 ) );
-   hosts->hostIs( makeHost( mac2, vni20, vtepA, 1 ) );
-   hosts->hostDel( MacVniPair( mac1, vni10 ) );
-   EXPECT_TRUE( status( vni10 ) );
-   EXPECT_FALSE( status( vni20 ) );
-}
-
-TEST_F( OrbEvpnRxSmTest, AZombieMachineIgnoresChangesUntilRevived ) {
+TEST_F( OrbEvpnRxSmTest, AZombieHearsNothingUntilRevivedAndADestroyedMachineRemovesNothing ) {
    start();
    sm->moxDoZombieReactors( true );
    hosts->hostIs( makeHost( mac1, vni10, vtepA, 1 ) );
-   EXPECT_FALSE( status( vni10 ) );
+   floods->floodEntryIs( FloodEntry( VniVtepPair( vni20, vtepA ) ) );
+   EXPECT_EQ( dir->vniStatusV2Size(), 0u );
    sm->moxDoZombieReactors( false );
    hosts->hostIs( makeHost( mac2, vni10, vtepA, 1 ) );
    ASSERT_TRUE( status( vni10 ) );
    EXPECT_EQ( status( vni10 )->macVtepTableSize(), 1u );
-}
 
-TEST_F( OrbEvpnRxSmTest, NullInputsCreateNoReactorAndImportNothing ) {
-   hosts->hostIs( makeHost( mac1, vni10, vtepA, 1 ) );
-   sm = orbEvpnRxSmFactory( nullptr, floods, dir );
-   EXPECT_FALSE( sm->hostTableReactor() );
-   EXPECT_TRUE( sm->floodTableReactor() );
-   EXPECT_FALSE( sm->hostTable() );
-   EXPECT_EQ( dir->vniStatusV2Size(), 0u );
-}
-
-TEST_F( OrbEvpnRxSmTest, OnlyTheWatchedAttributeReachesTheHandler ) {
-   start();
-   hosts->hostIs( makeHost( mac1, vni10, vtepA, 1 ) );
-   const MacVniPair key( mac2, vni10 );
-   // The control attribute of the table is not watched: no import, no assertion.
-   sm->hostTableReactor()->onAttribute( 259, &key );
-   EXPECT_EQ( status( vni10 )->macVtepTableSize(), 1u );
+   sm = nullptr;
+   hosts->hostIs( makeHost( mac2, vni20, vtepA, 1 ) );
+   hosts->hostDel( MacVniPair( mac2, vni10 ) );
+   EXPECT_TRUE( status( vni10 ) );
+   EXPECT_FALSE( status( vni20 ) );
 }
 
 TEST_F( OrbEvpnRxSmTest, RegistryAndGenericInterface ) {
@@ -210,10 +188,9 @@ TEST_F( OrbEvpnRxSmTest, RegistryAndGenericInterface ) {
    ASSERT_TRUE( t );
    ASSERT_TRUE( Mox::moxModule( "OrbEvpnRxSm" ) );
    EXPECT_EQ( Mox::moxModule( "OrbEvpnRxSm" )->type( "VxlanController::OrbEvpnRxSm" ), t );
-   const char* names[] = { "hostTable",        "floodTable",       "vniStatusDir",
-                           "maybeDeleteVniStatus", "deleteHostEntry", "handleHost",
-                           "deleteFloodEntry", "handleFloodEntry", "cleanup",
-                           "initSm" };
+   const char* names[] = { "hostTable", "floodTable", "vniStatusDir", "maybeDeleteVniStatus",
+                           "deleteHostEntry", "handleHost", "deleteFloodEntry",
+                           "handleFloodEntry", "cleanup", "initSm" };
    Mox::AttributeId id = 130;
    for ( const char* n : names ) {
       EXPECT_EQ( t->attributeId( n ), id++ ) << n;
@@ -223,61 +200,39 @@ TEST_F( OrbEvpnRxSmTest, RegistryAndGenericInterface ) {
    Mox::Ptr< const OrbEvpn::HostTable > h = hosts;
    Mox::Ptr< const OrbEvpn::FloodTable > f = floods;
    const void* args[] = { &h, &f, &dir };
-   Mox::GenericValue made;
+   Mox::GenericValue made, r;
    t->genericIfConstructFromCtorArgs( made, args );
    auto machine = Mox::ptrCast< OrbEvpnRxSm >(
       Mox::Ptr< Mox::PtrInterface >( made.get< Mox::Ptr< Mox::PtrInterface > >() ) );
    ASSERT_TRUE( machine );
-   EXPECT_EQ( machine->fwkType(), t );
+   auto op = [ & ]( Mox::AttributeId a, int operation, const void* arg = nullptr ) {
+      return t->genericIfAttributeOp( r, machine.ptr(), a, operation, arg );
+   };
 
    hosts->hostIs( makeHost( mac1, vni10, vtepA, 1 ) );
    ASSERT_TRUE( status( vni10 ) );
-   Mox::GenericValue r;
-   EXPECT_EQ( t->genericIfAttributeOp( r, machine.ptr(), t->attributeId( "hostTable" ),
-                                       Mox::genericOpGet ),
-              Mox::genericDone );
+   EXPECT_EQ( op( 130, Mox::genericOpGet ), Mox::genericDone );
    EXPECT_EQ( r.object().ptr(), static_cast< const Mox::PtrInterface* >( hosts.ptr() ) );
-   EXPECT_EQ( t->genericIfAttributeOp( r, machine.ptr(), t->attributeId( "hostTable" ),
-                                       Mox::genericOpSet, &h ),
-              Mox::genericNotAllowed );
-   EXPECT_EQ( t->genericIfAttributeOp( r, machine.ptr(), t->attributeId( "cleanup" ),
-                                       Mox::genericOpGet ),
-              Mox::genericNotAllowed );
-   EXPECT_EQ( t->genericIfAttributeOp( r, machine.ptr(), 140, Mox::genericOpGet ),
-              Mox::genericNoSuchAttribute );
-   EXPECT_EQ( t->genericIfAttributeOp( r, machine.ptr(), t->attributeId( "cleanup" ),
-                                       Mox::genericOpInvoke ),
-              Mox::genericDone );
+   EXPECT_EQ( op( 130, Mox::genericOpSet, &h ), Mox::genericNotAllowed );
+   EXPECT_EQ( op( 138, Mox::genericOpGet ), Mox::genericNotAllowed );
+   EXPECT_EQ( op( 140, Mox::genericOpGet ), Mox::genericNoSuchAttribute );
+   EXPECT_EQ( op( 138, Mox::genericOpInvoke ), Mox::genericDone );   // cleanup
    EXPECT_FALSE( status( vni10 ) );
    const MacVniPair key( mac1, vni10 );
-   EXPECT_EQ( t->genericIfAttributeOp( r, machine.ptr(), t->attributeId( "handleHost" ),
-                                       Mox::genericOpInvoke, &key ),
-              Mox::genericDone );
+   EXPECT_EQ( op( 135, Mox::genericOpInvoke, &key ), Mox::genericDone );   // handleHost
    EXPECT_TRUE( status( vni10 ) );
-   r.clear();
-   made.clear();
 }
-
-// ---- the assertions: states the import never produces
 
 using OrbEvpnRxSmDeathTest = OrbEvpnRxSmTest;
 
-TEST_F( OrbEvpnRxSmDeathTest, DeleteForAVniWithoutStatus ) {
+TEST_F( OrbEvpnRxSmDeathTest, DeletesOfStatesTheImportNeverProduces ) {
    start();
    EXPECT_DEATH( sm->handleHost( MacVniPair( mac1, vni10 ) ), "^vniStatus\n$" );
    EXPECT_DEATH( sm->handleFloodEntry( VniVtepPair( vni10, vtepA ) ), "^vniStatus\n$" );
    EXPECT_DEATH( sm->maybeDeleteVniStatus( vni20 ), "^vniStatus\n$" );
-}
-
-TEST_F( OrbEvpnRxSmDeathTest, FloodDeleteWithoutFloodList ) {
-   start();
    hosts->hostIs( makeHost( mac1, vni10, vtepA, 1 ) );
    EXPECT_DEATH( sm->handleFloodEntry( VniVtepPair( vni10, vtepA ) ), "^floodList\n$" );
-}
-
-TEST_F( OrbEvpnRxSmDeathTest, StatusExtendedByAnotherWriter ) {
-   start();
-   hosts->hostIs( makeHost( mac1, vni10, vtepA, 1 ) );
+   // A status another writer extended.
    status( vni10 )->macVtepMultiPathTablesIs( mac2 );
    EXPECT_DEATH( hosts->hostDel( MacVniPair( mac1, vni10 ) ),
                  "^!vniStatus->macVtepMultiPathTables\\(\\)\n$" );
@@ -285,6 +240,130 @@ TEST_F( OrbEvpnRxSmDeathTest, StatusExtendedByAnotherWriter ) {
    status( vni10 )->ipToMacTablesIs( vtepB, mac2 );
    EXPECT_DEATH( hosts->hostDel( MacVniPair( mac1, vni10 ) ),
                  "^!vniStatus->ipToMacTables\\(\\)\n$" );
+}
+
+// ---- a writer in another process: the child fills and empties its shared
+// tables; the parent mounts reader-role tables on the same paths.
+
+void send( int fd, char c ) {
+   if ( write( fd, &c, 1 ) != 1 ) {
+      _exit( 90 );
+   }
+}
+char receive( int fd ) {
+   char c = 0;
+   return read( fd, &c, 1 ) == 1 ? c : '\0';
+}
+
+class RxCrossProcessTest : public ::testing::Test {
+ protected:
+   void SetUp() override { ASSERT_TRUE( pipe( toChild_ ) == 0 && pipe( toParent_ ) == 0 ); }
+
+   // The EVPN side: a writer process driven step by step by the parent.
+   void startWriter() {
+      if ( ( pid_ = fork() ) != 0 ) {
+         return;
+      }
+      auto dir = Mox::Dir::DirIs( "evpn" );
+      auto hosts = OrbEvpn::hostTableFactory( "host" );
+      auto floods = OrbEvpn::floodTableFactory( "flood" );
+      dir->entityPtrIs( hosts );
+      dir->entityPtrIs( floods );
+      for ( char step; ( step = receive( toChild_[ 0 ] ) ) != 'q'; ) {
+         switch ( step ) {
+          case 'f':   // fill
+            hosts->hostIs( makeHost( mac1, vni10, vtepA, 1 ) );
+            hosts->hostIs( makeHost( mac2, vni20, vtepB, 2 ) );
+            floods->floodEntryIs( FloodEntry( VniVtepPair( vni10, vtepA ) ) );
+            floods->floodEntryIs( FloodEntry( VniVtepPair( vni10, vtepB ) ) );
+            break;
+          case 'u':   // update one host, withdraw one flood VTEP
+            hosts->hostIs( makeHost( mac1, vni10, vtepB, 7 ) );
+            floods->floodEntryDel( VniVtepPair( vni10, vtepA ) );
+            break;
+          case 'e':   // empty
+            hosts->hostDelAll();
+            floods->floodEntryDelAll();
+            break;
+          default:
+            _exit( 91 );
+         }
+         send( toParent_[ 1 ], step );
+      }
+      _exit( 0 );
+   }
+   // One step of the writer, acknowledged once done.
+   char step( char c ) {
+      send( toChild_[ 1 ], c );
+      return receive( toParent_[ 0 ] );
+   }
+   void stopWriter() {
+      send( toChild_[ 1 ], 'q' );
+      int status = -1;
+      waitpid( pid_, &status, 0 );
+      EXPECT_TRUE( WIFEXITED( status ) && WEXITSTATUS( status ) == 0 ) << status;
+   }
+
+   // Dispatches both readers until `done` holds or 5 s pass.
+   bool pumpUntil( const std::function< bool() >& done ) {
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds( 5 );
+      while ( !done() ) {
+         if ( std::chrono::steady_clock::now() > deadline ) {
+            return false;
+         }
+         pollfd fds[] = { { hosts_->fd(), POLLIN, 0 }, { floods_->fd(), POLLIN, 0 } };
+         poll( fds, 2, 50 );
+         hosts_->dispatch();
+         floods_->dispatch();
+      }
+      return true;
+   }
+
+   LumenRoot root_;
+   int toChild_[ 2 ], toParent_[ 2 ];
+   pid_t pid_ = -1;
+   Mox::Ptr< OrbEvpn::HostTable > hosts_;
+   Mox::Ptr< OrbEvpn::FloodTable > floods_;
+};
+
+// The writer's fill as a machine's output: mac1 at `vtep`/`seq`, mac2 as
+// written, and `floodVteps` VTEPs, vtepB among them, in VNI 10's flood list.
+bool filled( const VniStatusDirV2& d, Wire::IpAddr vtep, uint32_t seq, size_t floodVteps ) {
+   auto s = d.vniStatusV2( vni10 );
+   auto t = d.vniStatusV2( vni20 );
+   auto list = s ? s->macVtepFloodListTable( zeroMac ) : nullptr;
+   return d.vniStatusV2Size() == 2 && t && list && s->macVtepFloodListTableSize() == 1 &&
+          s->macVtepTable( mac1 ) == MacVtepV2( mac1, vtep, Keel::Seqno32( seq ), 16 ) &&
+          t->macVtepTable( mac2 ) == MacVtepV2( mac2, vtepB, Keel::Seqno32( 2 ), 16 ) &&
+          list->vtepIpFloodListSize() == floodVteps && list->vtepIpFloodList( vtepB );
+}
+
+// One machine starts before the writer exists and picks the tables up when
+// they appear; one starts on the filled tables and imports them in its
+// constructor. Both then follow the writer's changes.
+TEST_F( RxCrossProcessTest, ImportFollowsAWriterInAnotherProcess ) {
+   hosts_ = OrbEvpn::HostTable::HostTableReaderIs( "host", "evpn/host" );
+   floods_ = OrbEvpn::FloodTable::FloodTableReaderIs( "flood", "evpn/flood" );
+   EXPECT_EQ( hosts_->hostControl()->mountStatus(), Lumen::MountStatus::waitingForWriter );
+   auto early = VniStatusDirV2::VniStatusDirV2Is( "early" );
+   auto earlySm = orbEvpnRxSmFactory( hosts_, floods_, early );
+   EXPECT_EQ( early->vniStatusV2Size(), 0u );
+
+   startWriter();
+   ASSERT_EQ( step( 'f' ), 'f' );
+   ASSERT_TRUE( pumpUntil( [ & ] { return filled( *early, vtepA, 1, 2 ); } ) );
+   EXPECT_EQ( hosts_->hostControl()->mountStatus(), Lumen::MountStatus::mounted );
+   auto late = VniStatusDirV2::VniStatusDirV2Is( "late" );
+   auto lateSm = orbEvpnRxSmFactory( hosts_, floods_, late );
+   EXPECT_TRUE( filled( *late, vtepA, 1, 2 ) );
+
+   ASSERT_EQ( step( 'u' ), 'u' );
+   EXPECT_TRUE( pumpUntil(
+      [ & ] { return filled( *early, vtepB, 7, 1 ) && filled( *late, vtepB, 7, 1 ); } ) );
+   ASSERT_EQ( step( 'e' ), 'e' );
+   EXPECT_TRUE( pumpUntil(
+      [ & ] { return early->vniStatusV2Size() == 0 && late->vniStatusV2Size() == 0; } ) );
+   stopWriter();
 }
 
 }  // namespace

@@ -1,13 +1,21 @@
 // Shared pieces of the Lumen tests: records shaped like the real exchange
-// records, a private root folder per test, and a forked-child runner.
+// records (each can tell a torn copy from a whole one), a forked-child runner
+// and raw access to a table's files.
 #pragma once
 
 #include "platform/lumen/Table.h"
+#include "tests/support/LumenRoot.h"
 
-#include <cstdint>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstring>
-#include <functional>
-#include <string>
+#include <filesystem>
+#include <numeric>
 
 namespace LumenTest {
 
@@ -17,17 +25,24 @@ struct MacKey {
    uint8_t pad[ 2 ] = {};
    uint32_t vni = 0;
 
-   static MacKey of( uint32_t n );
-   uint32_t hash() const;
-   bool operator==( const MacKey& o ) const {
-      return std::memcmp( mac, o.mac, 6 ) == 0 && vni == o.vni;
+   static MacKey of( uint32_t n ) {
+      return { { 0x02, 0, uint8_t( n >> 24 ), uint8_t( n >> 16 ), uint8_t( n >> 8 ), uint8_t( n ) },
+               {}, n % 7 + 100 };
    }
-   bool operator<( const MacKey& o ) const;
+   uint32_t number() const { return uint32_t( mac[ 2 ] ) << 24 | mac[ 3 ] << 16 | mac[ 4 ] << 8 | mac[ 5 ]; }
+   uint32_t hash() const {
+      uint32_t h = 2166136261u ^ vni;
+      for ( uint8_t b : mac ) {
+         h = ( h ^ b ) * 16777619u;
+      }
+      return h ^ ( h >> 15 );
+   }
+   bool operator==( const MacKey& o ) const { return std::memcmp( mac, o.mac, 6 ) == 0 && vni == o.vni; }
+   bool operator<( const MacKey& o ) const { return std::memcmp( this, &o, sizeof( o ) ) < 0; }
 };
 static_assert( sizeof( MacKey ) == 12 );
 
-// 24-byte record. `vtep`, `seq` and `check` all derive from one counter, so a
-// reader can tell a torn copy from a whole one.
+// 24-byte record; vtep, seq and check all derive from one counter.
 struct HostRec {
    static constexpr const char* lumenTypeName = "LumenTest::HostRec";
    MacKey k;
@@ -35,14 +50,13 @@ struct HostRec {
    uint32_t seq = 0;
    uint32_t check = 16;
 
-   HostRec() = default;
-   explicit HostRec( const MacKey& key ) : k( key ) {}
-   static HostRec of( uint32_t n, uint32_t counter );
-   bool consistent() const;
-   MacKey key() const { return k; }
-   bool operator==( const HostRec& o ) const {
-      return k == o.k && vtep == o.vtep && seq == o.seq && check == o.check;
+   static HostRec of( uint32_t n, uint32_t counter ) {
+      uint32_t seq = counter * 2654435761u;
+      return { MacKey::of( n ), counter, seq, counter ^ seq ^ n };
    }
+   bool consistent() const { return *this == of( k.number(), vtep ); }
+   MacKey key() const { return k; }
+   bool operator==( const HostRec& ) const = default;
 };
 static_assert( sizeof( HostRec ) == 24 );
 
@@ -54,70 +68,82 @@ struct BigRec {
    uint32_t words[ 61 ] = {};
 
    static BigRec of( uint32_t n, uint32_t counter ) {
-      BigRec r;
-      r.k = MacKey::of( n );
-      for ( uint32_t i = 0; i < 61; ++i ) {
-         r.words[ i ] = counter * 61 + i;
-      }
+      BigRec r{ MacKey::of( n ) };
+      std::iota( r.words, r.words + 61, counter * 61 );
       return r;
    }
    bool consistent() const {
-      for ( uint32_t i = 0; i < 61; ++i ) {
-         if ( words[ i ] != words[ 0 ] + i ) {
-            return false;
-         }
-      }
-      return true;
+      return std::adjacent_find( words, words + 61, []( uint32_t a, uint32_t b ) { return b != a + 1; } ) ==
+             words + 61;
    }
    MacKey key() const { return k; }
-   bool operator==( const BigRec& o ) const {
-      return k == o.k && std::memcmp( words, o.words, sizeof( words ) ) == 0;
-   }
+   bool operator==( const BigRec& ) const = default;
 };
 static_assert( sizeof( BigRec ) == 256 );
 
-// 8-byte record whose key hashes to one value: every key collides.
-struct CollidingKey {
-   uint32_t vni = 0;
-   uint32_t ip = 0;
-   uint32_t hash() const { return 7; }
-   bool operator==( const CollidingKey& o ) const { return vni == o.vni && ip == o.ip; }
-};
-struct FloodRec {
-   static constexpr const char* lumenTypeName = "LumenTest::FloodRec";
-   CollidingKey k;
-   CollidingKey key() const { return k; }
-};
-static_assert( sizeof( FloodRec ) == 8 );
+// Copies every file of table `from` to table `to` ("lumen.a" -> "lumen.b").
+inline void copyTable( const LumenRoot& root, const std::string& from, const std::string& to ) {
+   namespace fs = std::filesystem;
+   for ( const auto& e : fs::directory_iterator( root.dir() ) ) {
+      std::string name = e.path().filename();
+      if ( name == from || name.rfind( from + "@", 0 ) == 0 ) {
+         fs::copy_file( e.path(), root.file( to + name.substr( from.size() ) ),
+                        fs::copy_options::overwrite_existing );
+      }
+   }
+}
 
-// Makes a fresh folder under /dev/shm the Lumen root; removes it afterwards.
-class TempRoot {
- public:
-   TempRoot();
-   ~TempRoot();
-   const std::string& dir() const { return dir_; }
-   std::string file( const std::string& name ) const { return dir_ + "/" + name; }
-   // Copies every file of table `from` to table `to` (same root).
-   void copyTable( const std::string& from, const std::string& to ) const;
+// what() of the E that f() throws; empty if it throws nothing.
+template< class E, class F >
+std::string whatOf( F f ) {
+   try {
+      f();
+   } catch ( const E& e ) {
+      return e.what();
+   }
+   return "";
+}
 
- private:
-   std::string dir_;
-};
+// Maps a whole file writable, separately from any Lumen mapping, for edit( bytes, size ).
+template< class Edit >
+void editFile( const std::string& name, Edit edit ) {
+   int fd = ::open( name.c_str(), O_RDWR );
+   size_t size = size_t( ::lseek( fd, 0, SEEK_END ) );
+   void* p = ::mmap( nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0 );
+   ::close( fd );
+   ASSERT_NE( p, MAP_FAILED ) << name;
+   edit( static_cast< uint8_t* >( p ), size );
+   ::munmap( p, size );
+}
 
-// Runs `body` in a forked child; returns its exit code (or 128 + signal).
-int runChild( const std::function< int () >& body );
-pid_t startChild( const std::function< int () >& body );
-int waitChild( pid_t pid );
+// Runs `body` in a forked child; waitChild() gives its exit code (or 128 + signal).
+inline pid_t startChild( const std::function< int () >& body ) {
+   pid_t pid = ::fork();
+   if ( pid == 0 ) {
+      try {
+         ::_exit( body() );
+      } catch ( ... ) {
+         ::_exit( 98 );
+      }
+   }
+   return pid;
+}
 
-// Polls `fd` and dispatches until `done` or the timeout; true if done.
+inline int waitChild( pid_t pid ) {
+   int status = 0;
+   ::waitpid( pid, &status, 0 );
+   return WIFEXITED( status ) ? WEXITSTATUS( status ) : 128 + WTERMSIG( status );
+}
+
+inline bool readable( int fd, int timeoutMs ) {
+   pollfd p{ fd, POLLIN, 0 };
+   return ::poll( &p, 1, timeoutMs ) == 1;
+}
+
+// Polls the reader's fd and dispatches until `done` or about five seconds.
 template< class R, class Done >
-bool dispatchUntil( Lumen::Reader< R >& reader, Done done, int timeoutMs = 5000 );
-
-bool readable( int fd, int timeoutMs );
-
-template< class R, class Done >
-bool dispatchUntil( Lumen::Reader< R >& reader, Done done, int timeoutMs ) {
-   for ( int waited = 0; !done() && waited < timeoutMs; waited += 10 ) {
+bool dispatchUntil( Lumen::Reader< R >& reader, Done done ) {
+   for ( int waited = 0; !done() && waited < 5000; waited += 10 ) {
       readable( reader.fd(), 10 );
       reader.dispatch();
    }

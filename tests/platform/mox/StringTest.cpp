@@ -1,44 +1,46 @@
-// Strings, the text-parsing helpers, exceptions and fatal assertions.
+// Strings, the text-parsing helpers, exceptions, fatal assertions and named
+// statistics counters.
 #include "platform/mox/Assert.h"
+#include "platform/mox/Counters.h"
 #include "platform/mox/Exception.h"
 #include "platform/mox/String.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <optional>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace {
 
 using Mox::String;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
-TEST( String, CopiesShareOneImmutableBuffer ) {
+TEST( String, CopiesShareOneImmutableBufferAndHashIsStable ) {
    String a( std::string( "hello" ) );
    String b = a;
    EXPECT_EQ( a.useCount(), 2 );
    EXPECT_EQ( a.c_str(), b.c_str() );
-   EXPECT_EQ( b, String( "hello" ) );
-   EXPECT_LT( String( "abc" ), String( "abd" ) );
-   EXPECT_EQ( String().c_str(), std::string( "" ) );
-   EXPECT_TRUE( String( "" ).empty() );
-   EXPECT_EQ( String().begin(), String().end() );
    EXPECT_EQ( fmt::format( "<{}>", a ), "<hello>" );
    // FNV-1a, stable across processes.
    EXPECT_EQ( String( "" ).hash(), 2166136261u );
    EXPECT_EQ( String( "a" ).hash(), 0xe40c292cu );
 }
 
-// A value with a cursor constructor: "<a>:<b>", each read as an attribute.
+// "<a>:<b>", each read as an attribute.
 struct Span {
    Span( String::IteratorConst& it, const String::IteratorConst& end ) {
       from = Mox::readAttribute( "from", [ & ] { return Mox::readUnsigned( it, end, 255 ); } );
       Mox::requireText( it, end, ":" );
       to = Mox::readAttribute( "to", [ & ] { return Mox::readUnsigned( it, end, 255 ); } );
    }
-   uint64_t from = 0;
-   uint64_t to = 0;
+   uint64_t from = 0, to = 0;
 };
 
 // Nests a Span under one more attribute.
@@ -50,119 +52,66 @@ struct Labelled {
    std::optional< Span > span;
 };
 
-TEST( Parsing, RequireTextAdvancesOnlyOnAMatch ) {
+// "attribute|message" of the RangeException that parsing `text` raises.
+template< class T >
+std::string rangeError( const char* text ) {
+   try {
+      Mox::strepToValue< T >( text );
+   } catch ( const Mox::RangeException& e ) {
+      EXPECT_NE( e.line(), 0 ) << "location lost";
+      return e.attribute() + "|" + e.what();
+   }
+   return "accepted";
+}
+
+TEST( Parsing, RequireTextAndReadUnsignedAdvanceOnlyOnSuccessAndNeverWrap ) {
    const String s( "Value(x)" );
    auto it = s.begin();
    Mox::requireText( it, s.end(), "Value(" );
    EXPECT_EQ( *it, 'x' );
    const auto before = it;
-   try {
-      Mox::requireText( it, s.end(), "y)" );
-      FAIL() << "mismatch accepted";
-   } catch ( const Mox::ParseException& e ) {
-      EXPECT_STREQ( e.what(), "expected \"y)\" at \"x)\"" );
-   }
+   EXPECT_THAT( [ & ] { Mox::requireText( it, s.end(), "y)" ); },
+                ThrowsMessage< Mox::ParseException >( StrEq( "expected \"y)\" at \"x)\"" ) ) );
+   EXPECT_THROW( Mox::requireText( it, s.end(), "x)z" ), Mox::ParseException );   // runs out
    EXPECT_EQ( it, before );
-   // Running out of text is a mismatch too.
-   EXPECT_THROW( Mox::requireText( it, s.end(), "x)z" ), Mox::ParseException );
-   EXPECT_EQ( it, before );
-}
 
-TEST( Parsing, ReadUnsignedChecksRangeAndDigits ) {
-   const String s( "0042rest" );
-   auto it = s.begin();
-   EXPECT_EQ( Mox::readUnsigned( it, s.end(), 42 ), 42u );
-   EXPECT_EQ( *it, 'r' );
-   const String big( "43" );
-   auto b = big.begin();
-   EXPECT_THROW( Mox::readUnsigned( b, big.end(), 42 ), Mox::RangeException );
-   EXPECT_EQ( b, big.begin() );
-   const String digit( "9" );
-   auto d = digit.begin();
-   EXPECT_THROW( Mox::readUnsigned( d, digit.end(), 5 ), Mox::RangeException );
-   const String none( "x1" );
-   auto n = none.begin();
-   EXPECT_THROW( Mox::readUnsigned( n, none.end(), 42 ), Mox::RangeException );
-   const String empty;
-   auto e = empty.begin();
-   EXPECT_THROW( Mox::readUnsigned( e, empty.end(), 42 ), Mox::RangeException );
-}
-
-TEST( Parsing, ReadUnsignedAtTheTopOfTheRange ) {
    constexpr uint64_t max = std::numeric_limits< uint64_t >::max();
-   const String top( "18446744073709551615" );
-   auto it = top.begin();
+   const String n( "0042rest" ), top( "18446744073709551615" );
+   it = n.begin();
+   EXPECT_EQ( Mox::readUnsigned( it, n.end(), 42 ), 42u );
+   EXPECT_EQ( *it, 'r' );
+   it = top.begin();
    EXPECT_EQ( Mox::readUnsigned( it, top.end(), max ), max );
-   EXPECT_EQ( it, top.end() );
-   // One past the top, and a value whose digits wrap a 64-bit accumulator.
-   for ( const char* text : { "18446744073709551616", "99999999999999999999",
-                              "184467440737095516150" } ) {
-      const String s( text );
-      auto p = s.begin();
-      EXPECT_THROW( Mox::readUnsigned( p, s.end(), max ), Mox::RangeException ) << text;
+   // Past the limit, no digits, or digits that wrap a 64-bit accumulator.
+   const struct {
+      const char* text;
+      uint64_t max;
+   } bad[] = { { "43", 42 }, { "x1", 42 }, { "", 42 }, { "4294967296", 0xFFFFFFFFu },
+               { "18446744073709551616", max }, { "99999999999999999999", max },
+               { "184467440737095516150", max } };
+   for ( const auto& c : bad ) {
+      const String t( c.text );
+      auto p = t.begin();
+      EXPECT_THROW( Mox::readUnsigned( p, t.end(), c.max ), Mox::RangeException ) << c.text;
+      EXPECT_EQ( p, t.begin() ) << c.text;
    }
-   const String u32( "4294967296" );
-   auto p = u32.begin();
-   EXPECT_THROW( Mox::readUnsigned( p, u32.end(), 0xFFFFFFFFu ), Mox::RangeException );
 }
 
-TEST( Parsing, StrepToValueParsesTheWholeText ) {
+TEST( Parsing, StrepToValueReadsTheWholeTextAndNamesTheOutermostAttribute ) {
    const auto span = Mox::strepToValue< Span >( "3:200" );
    EXPECT_EQ( span.from, 3u );
    EXPECT_EQ( span.to, 200u );
-   try {
-      Mox::strepToValue< Span >( "3:200 " );
-      FAIL() << "trailing text accepted";
-   } catch ( const Mox::ParseException& e ) {
-      EXPECT_STREQ( e.what(), "unexpected text after value at offset 5 of \"3:200 \"" );
-   }
-   EXPECT_THROW( Mox::strepToValue< Span >( "3;200" ), Mox::ParseException );
-   EXPECT_THROW( Mox::strepToValue< Span >( "" ), Mox::RangeException );
-}
-
-TEST( Parsing, RangeErrorsAreRaisedUnderTheAttribute ) {
-   try {
-      Mox::strepToValue< Span >( "3:256" );
-      FAIL() << "out of range accepted";
-   } catch ( const Mox::RangeException& e ) {
-      EXPECT_EQ( e.attribute(), "to" );
-      EXPECT_STREQ( e.what(), "to: number exceeds 255" );
-   }
-   // The outermost reader names the error; the inner name stays in the text.
-   try {
-      Mox::strepToValue< Labelled >( "span=300:1" );
-      FAIL() << "out of range accepted";
-   } catch ( const Mox::RangeException& e ) {
-      EXPECT_EQ( e.attribute(), "span" );
-      EXPECT_STREQ( e.what(), "span: from: number exceeds 255" );
-      EXPECT_NE( e.line(), 0 );
-   }
-}
-
-TEST( Parsing, ReadAttributePassesOtherErrorsAndValuesThrough ) {
+   EXPECT_THAT( [] { Mox::strepToValue< Span >( "3:200 " ); },
+                ThrowsMessage< Mox::ParseException >(
+                   StrEq( "unexpected text after value at offset 5 of \"3:200 \"" ) ) );
+   EXPECT_EQ( rangeError< Span >( "" ), "from|from: expected a number at \"\"" );
+   EXPECT_EQ( rangeError< Span >( "3:256" ), "to|to: number exceeds 255" );
+   EXPECT_EQ( rangeError< Labelled >( "span=300:1" ), "span|span: from: number exceeds 255" );
+   // Other errors and values pass through unchanged.
    EXPECT_EQ( Mox::readAttribute( "a", [] { return 7; } ), 7 );
-   try {
-      Mox::readAttribute( "a", []() -> int { MOX_THROW( Mox::ParseException, "bad {}", 1 ); } );
-      FAIL();
-   } catch ( const Mox::RangeException& ) {
-      FAIL() << "a parse error became a range error";
-   } catch ( const Mox::ParseException& e ) {
-      EXPECT_STREQ( e.what(), "bad 1" );
-   }
-   EXPECT_THROW( Mox::readAttribute( "a", []() -> int { throw std::logic_error( "x" ); } ),
-                 std::logic_error );
-   // A parse error inside a nested value is not renamed either.
-   try {
-      Mox::strepToValue< Labelled >( "span=3-1" );
-      FAIL();
-   } catch ( const Mox::ParseException& e ) {
-      EXPECT_STREQ( e.what(), "expected \":\" at \"-1\"" );
-   }
-}
+   EXPECT_THAT( [] { Mox::strepToValue< Labelled >( "span=3-1" ); },   // nested, not renamed
+                ThrowsMessage< Mox::ParseException >( StrEq( "expected \":\" at \"-1\"" ) ) );
 
-// ---- exceptions and assertions
-
-TEST( Exception, CarriesTheRaisingLocation ) {
    int line = 0;
    try {
       line = __LINE__ + 1;
@@ -172,8 +121,7 @@ TEST( Exception, CarriesTheRaisingLocation ) {
       EXPECT_EQ( e.line(), line );
       EXPECT_TRUE( std::string( e.file() ).ends_with( "StringTest.cpp" ) ) << e.file();
       EXPECT_STREQ( e.function(), "TestBody" );
-      EXPECT_TRUE( dynamic_cast< const Mox::RangeException* >( &e ) );
-      EXPECT_EQ( static_cast< const Mox::RangeException& >( e ).attribute(), "" );
+      ASSERT_TRUE( dynamic_cast< const Mox::RangeException* >( &e ) );
    }
    EXPECT_NE( line, 0 );
 }
@@ -184,6 +132,31 @@ TEST( AssertDeathTest, PrintsExactlyTheExpression ) {
    EXPECT_DEATH( MOX_ASSERT( x == 2 ), "^x == 2\n$" );
    EXPECT_DEATH( MOX_ASSERT_MSG( x == 2, "brType() == brTypeVni()" ),
                  "^brType\\(\\) == brTypeVni\\(\\)\n$" );
+}
+
+TEST( Counters, OneCounterPerNameSharedByEveryUserAndThread ) {
+   Mox::Counter& a = Mox::counter( "moxTestB" );
+   EXPECT_EQ( &a, &Mox::counter( std::string( "moxTestB" ) ) );
+   EXPECT_EQ( a.name(), "moxTestB" );
+   const uint64_t start = a.value();
+   a.inc();
+   a.inc( 4 );
+   // Each thread looks a fresh name up itself, racing the others.
+   std::vector< std::thread > threads;
+   for ( int t = 0; t < 4; ++t ) {
+      threads.emplace_back( [] {
+         for ( int i = 0; i < 20000; ++i ) {
+            Mox::counter( "moxTestA" ).inc();
+         }
+      } );
+   }
+   for ( auto& t : threads ) {
+      t.join();
+   }
+   const auto all = Mox::counters();
+   EXPECT_TRUE( std::is_sorted( all.begin(), all.end() ) );
+   EXPECT_THAT( all, ::testing::Contains( ::testing::Pair( "moxTestB", start + 5 ) ) );
+   EXPECT_THAT( all, ::testing::Contains( ::testing::Pair( "moxTestA", 80000u ) ) );
 }
 
 }  // namespace

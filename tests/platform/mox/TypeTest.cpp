@@ -1,4 +1,6 @@
-// Type registry (ids, names, modules) and the generic attribute interface.
+// Type registry (ids, names, modules), the generic attribute interface, and
+// directories: filing entries, parent links, names, order and creation
+// through registered hooks.
 #include "platform/mox/CollectionAttr.h"
 #include "platform/mox/Dir.h"
 #include "platform/mox/Type.h"
@@ -15,34 +17,21 @@ namespace MoxTest {
 
 using Mox::Ptr;
 
-// A value type: ids from 2, hashable, with a default value.
+// A hashable value type with a default value.
 struct Pair {
    using MoxBase = void;
    static constexpr const char* moxTypeName = "MoxTest::Pair";
    static void moxDescribe( Mox::TypeBuilder< Pair >& b ) {
-      b.scalar( "left", &Pair::left, &Pair::leftIs )
-         .scalar( "right", &Pair::right )
-         .hashable()
+      b.scalar( "left", &Pair::left ).scalar( "right", &Pair::right ).hashable()
          .valueConstructor< uint32_t, uint32_t >();
    }
    uint32_t left() const { return l; }
-   void leftIs( const uint32_t& v ) { l = v; }
    uint32_t right() const { return r; }
    uint32_t hash() const { return l * 31 + r; }
    bool operator==( const Pair& ) const = default;
-   uint32_t l = 0;
-   uint32_t r = 0;
+   uint32_t l = 0, r = 0;
 };
 
-// A value type without a hash.
-struct Plain {
-   using MoxBase = void;
-   static constexpr const char* moxTypeName = "MoxTest::Plain";
-   static void moxDescribe( Mox::TypeBuilder< Plain >& b ) { b.scalar( "v", &Plain::v ); }
-   int v() const { return 0; }
-};
-
-// An entity type: its own ids start after the entity range.
 class Leaf : public Mox::Entity {
    MOX_ALLOC_TRACKED( Leaf )
 
@@ -58,7 +47,7 @@ class Leaf : public Mox::Entity {
    const Mox::Type* fwkType() const override { return &Mox::TypeImpl< Leaf >::instance(); }
 };
 
-// A machine-shaped object exercising every attribute kind.
+// A machine-shaped object with every attribute kind.
 class Machine : public Mox::PtrInterface {
    MOX_ALLOC_TRACKED( Machine )
 
@@ -75,26 +64,23 @@ class Machine : public Mox::PtrInterface {
          .scalar( "total", &Machine::total )
          .reserve( "spare" )
          .creator( &Machine::MachineIs );
+      auto table = []( const Machine& m ) -> const Table& { return m.table_; };
       Mox::bindCollection(
-         b, "table", []( const Machine& m ) -> const Table& { return m.table_; },
-         []( Machine& m, const uint32_t& k, const Mox::String& v ) { m.tableIs( k, v ); },
-         []( Machine& m, const uint32_t& k ) { m.tableDel( k ); } );
-      Mox::bindCollection(
-         b, "view", []( const Machine& m ) -> const Table& { return m.table_; }, nullptr,
-         nullptr );
+         b, "table", table,
+         []( Machine& m, const uint32_t& k, const Mox::String& v ) { m.table_.set( k, v ); },
+         []( Machine& m, const uint32_t& k ) { m.table_.del( k ); } );
+      Mox::bindCollection( b, "view", table, nullptr, nullptr );
    }
-
    static Ptr< Machine > MachineIs( const Ptr< const Mox::Entity >& source,
                                     const Ptr< Mox::Entity >& sink, uint32_t start ) {
-      Ptr< Machine > m( new Machine( source, sink, start ) );
+      Ptr< Machine > m( new Machine );
+      m->source_ = source;
+      m->sink_ = sink;
+      m->total_ = start;
       m->hasNotificationActiveIs( true );
       return m;
    }
-   Machine( const Ptr< const Mox::Entity >& source, const Ptr< Mox::Entity >& sink,
-            uint32_t start )
-         : source_( source ), sink_( sink ), total_( start ) {}
    const Mox::Type* fwkType() const override { return &Mox::TypeImpl< Machine >::instance(); }
-
    Ptr< const Mox::Entity > source() const { return source_; }
    Ptr< Mox::Entity > sink() const { return sink_; }
    void poke() { ++pokes; }
@@ -102,18 +88,15 @@ class Machine : public Mox::PtrInterface {
    bool initialized() const { return initialized_; }
    void initializedIs( bool v ) { initialized_ = v; }
    uint32_t total() const { return total_; }
-   void tableIs( uint32_t k, const Mox::String& v ) { table_.set( k, v ); }
-   void tableDel( uint32_t k ) { table_.del( k ); }
-   const Table& table() const { return table_; }
 
    int pokes = 0;
+   Table table_{ this, Mox::TypeImpl< Machine >::instance().attributeId( "table" ) };
 
  private:
    Ptr< const Mox::Entity > source_;
    Ptr< Mox::Entity > sink_;
-   uint32_t total_;
+   uint32_t total_ = 0;
    bool initialized_ = false;
-   Table table_{ this, Mox::TypeImpl< Machine >::instance().attributeId( "table" ) };
 };
 
 Mox::Module testModule( "MoxTest", { &Mox::TypeImpl< Machine >::instance(),
@@ -126,208 +109,144 @@ namespace {
 
 using namespace MoxTest;
 using Mox::GenericValue;
-using Mox::Ptr;
+using Mox::String;
 using ::testing::ElementsAre;
 
 const Mox::Type& machineType() { return Mox::TypeImpl< Machine >::instance(); }
+const Mox::Type& leafType() { return Mox::TypeImpl< Leaf >::instance(); }
 Mox::AttributeId idOf( const char* name ) { return machineType().attributeId( name ); }
 
-std::vector< std::string > names( const std::vector< const Mox::Attribute* >& attrs ) {
+std::vector< std::string > names( const Mox::Type& t ) {
    std::vector< std::string > out;
-   for ( auto* a : attrs ) {
+   for ( auto* a : t.attributesByName() ) {
       out.push_back( a->name );
    }
    return out;
 }
 
-TEST( TypeRegistry, IdsFollowDeclarationAfterTheBase ) {
+TEST( TypeRegistry, IdsFollowDeclarationAfterTheBaseNamesResolveThroughBasesModulesByName ) {
+   const auto& entity = Mox::TypeImpl< Mox::Entity >::instance();
+   const auto& pair = Mox::TypeImpl< Pair >::instance();
    EXPECT_EQ( machineType().firstOwnId(), 130u );
-   EXPECT_EQ( idOf( "source" ), 130u );
    EXPECT_EQ( idOf( "table" ), 137u );
    EXPECT_EQ( idOf( "view" ), 138u );
-   EXPECT_EQ( Mox::TypeImpl< Leaf >::instance().firstOwnId(), 258u );
-   EXPECT_EQ( Mox::TypeImpl< Leaf >::instance().attributeId( "colour" ), 258u );
-   EXPECT_EQ( Mox::TypeImpl< Pair >::instance().attributeId( "left" ), 2u );
-   EXPECT_EQ( Mox::TypeImpl< Pair >::instance().attributeId( "right" ), 3u );
+   EXPECT_EQ( leafType().firstOwnId(), 258u );
+   EXPECT_EQ( pair.attributeId( "left" ), 2u );
+   EXPECT_EQ( pair.attributeId( "right" ), 3u );
    EXPECT_EQ( Mox::TypeImpl< Mox::Dir >::instance().attributeId( "entityPtr" ), 266u );
-   EXPECT_TRUE( Mox::TypeImpl< Pair >::instance().isValueType() );
-   EXPECT_FALSE( machineType().isValueType() );
-}
+   EXPECT_EQ( leafType().base(), &entity );
+   EXPECT_NE( leafType().attributeId( "fullName" ), 0u );
+   EXPECT_EQ( leafType().attributeId( "fullName" ), entity.attributeId( "fullName" ) );
+   EXPECT_EQ( leafType().attribute( leafType().attributeId( "name" ) )->name, "name" );
+   EXPECT_EQ( leafType().attribute( 258 )->name, "colour" );
+   EXPECT_EQ( leafType().attributeId( "nosuch" ), 0u );
+   EXPECT_THAT( names( machineType() ), ElementsAre( "add", "initialized", "poke", "sink", "source",
+                                                     "spare", "table", "total", "view" ) );
 
-TEST( TypeRegistry, NamesAreLookedUpThroughTheBases ) {
-   const auto& leaf = Mox::TypeImpl< Leaf >::instance();
-   const auto& entity = Mox::TypeImpl< Mox::Entity >::instance();
-   EXPECT_EQ( leaf.base(), &entity );
-   EXPECT_NE( leaf.attributeId( "fullName" ), 0u );
-   EXPECT_EQ( leaf.attributeId( "fullName" ), entity.attributeId( "fullName" ) );
-   EXPECT_EQ( leaf.attribute( leaf.attributeId( "name" ) )->name, "name" );
-   EXPECT_EQ( leaf.attributeId( "nosuch" ), 0u );
-   EXPECT_EQ( leaf.attribute( 9999 ), nullptr );
-   // Ids of a derived type never collide with its bases'.
-   EXPECT_EQ( leaf.attribute( 258 )->name, "colour" );
-}
-
-TEST( TypeRegistry, AttributesByNameAreSorted ) {
-   EXPECT_THAT( names( machineType().attributesByName() ),
-                ElementsAre( "add", "initialized", "poke", "sink", "source", "spare", "table",
-                             "total", "view" ) );
-   EXPECT_THAT( names( Mox::TypeImpl< Leaf >::instance().attributesByName() ),
-                ElementsAre( "colour", "size" ) );
-}
-
-TEST( TypeRegistry, ModulesMakeTypesReachableByName ) {
    EXPECT_EQ( Mox::moxTypeByName( "MoxTest::Machine" ), nullptr );
    Mox::moxModuleIs( &testModule );
-   Mox::moxModuleIs( &testModule );   // idempotent
    EXPECT_EQ( Mox::moxTypeByName( "MoxTest::Machine" ), &machineType() );
-   EXPECT_EQ( Mox::moxTypeByName( "MoxTest::Pair" ), &Mox::TypeImpl< Pair >::instance() );
    EXPECT_EQ( machineType().module(), &testModule );
    EXPECT_EQ( Mox::moxModule( "MoxTest" ), &testModule );
-   EXPECT_EQ( testModule.type( "MoxTest::Leaf" ), &Mox::TypeImpl< Leaf >::instance() );
-   EXPECT_EQ( Mox::moxTypeByName( "MoxTest::Nothing" ), nullptr );
-   int seen = 0;
-   for ( auto* m : Mox::moxModules() ) {
-      seen += m == &testModule;
-   }
-   EXPECT_EQ( seen, 1 );
+   EXPECT_EQ( testModule.type( "MoxTest::Leaf" ), &leafType() );
    // The framework's own types register when the library loads.
    EXPECT_EQ( Mox::moxTypeByName( "Mox::Dir" ), &Mox::TypeImpl< Mox::Dir >::instance() );
-   EXPECT_EQ( Mox::moxTypeByName( "Mox::Entity" ), &Mox::TypeImpl< Mox::Entity >::instance() );
+
+   GenericValue r;
+   const uint32_t a = 1, b = 2;
+   const void* args[] = { &a, &b };
+   pair.genericIfConstructFromCtorArgs( r, args );
+   const Pair made = r.get< Pair >();
+   EXPECT_EQ( made, ( Pair{ 1, 2 } ) );
+   EXPECT_EQ( pair.genericIfHash( &made ), 33u );
+   Leaf leaf( "l" );
+   EXPECT_THAT( [ & ] { leafType().genericIfHash( &leaf ); },
+                ::testing::ThrowsMessage< Mox::UnhashableTypeException >(
+                   ::testing::StrEq( "type MoxTest::Leaf is not hashable" ) ) );
 }
 
-// ---- generic interface
+constexpr int get = Mox::genericOpGet, set = Mox::genericOpSet, del = Mox::genericOpDel,
+              invoke = Mox::genericOpInvoke;
 
 struct GenericFixture : ::testing::Test {
    LeakCheck leaks;
    Ptr< Mox::Entity > in{ new Mox::Entity( "in" ) };
    Ptr< Mox::Entity > out{ new Mox::Entity( "out" ) };
    Ptr< Machine > m = Machine::MachineIs( in, out, 10 );
-   Mox::PtrInterface* obj() { return m.ptr(); }
-   int op( GenericValue& r, const char* attr, int code, const void* a = nullptr,
-           const void* a2 = nullptr ) {
-      return machineType().genericIfAttributeOp( r, obj(), idOf( attr ), code, a, a2 );
+   GenericValue r;
+   int op( const char* attr, int code, const void* a = nullptr, const void* a2 = nullptr ) {
+      return machineType().genericIfAttributeOp( r, m.ptr(), idOf( attr ), code, a, a2 );
+   }
+   const GenericValue& done( const char* attr, int code, const void* a = nullptr,
+                             const void* a2 = nullptr ) {
+      EXPECT_EQ( op( attr, code, a, a2 ), Mox::genericDone ) << attr << ' ' << code;
+      return r;
    }
 };
 
-TEST_F( GenericFixture, ScalarGetAndSet ) {
-   GenericValue r;
-   ASSERT_EQ( op( r, "initialized", Mox::genericOpGet ), Mox::genericDone );
-   EXPECT_FALSE( r.get< bool >() );
+TEST_F( GenericFixture, ScalarsHandlersInputsConstructionAndEveryRefusal ) {
    const bool yes = true;
-   EXPECT_EQ( op( r, "initialized", Mox::genericOpSet, &yes ), Mox::genericDone );
+   const uint32_t five = 5, k1 = 1;
+   const Mox::String one( "one" );
+   EXPECT_FALSE( done( "initialized", get ).get< bool >() );
+   done( "initialized", set, &yes );
    EXPECT_TRUE( m->initialized() );
-   // A read-only scalar refuses set and leaves the value alone.
-   const uint32_t v = 99;
-   EXPECT_EQ( op( r, "total", Mox::genericOpSet, &v ), Mox::genericNotAllowed );
-   EXPECT_EQ( op( r, "total", Mox::genericOpGet ), Mox::genericDone );
-   EXPECT_EQ( r.get< uint32_t >(), 10u );
-   EXPECT_EQ( op( r, "initialized", Mox::genericOpInvoke ), Mox::genericNotAllowed );
-}
-
-TEST_F( GenericFixture, HandlersAreInvokedOnlyByInvoke ) {
-   GenericValue r;
-   EXPECT_EQ( op( r, "poke", Mox::genericOpInvoke ), Mox::genericDone );
-   EXPECT_EQ( m->pokes, 1 );
-   EXPECT_EQ( op( r, "poke", Mox::genericOpGet ), Mox::genericNotAllowed );
-   EXPECT_EQ( op( r, "poke", Mox::genericOpSet ), Mox::genericNotAllowed );
-   EXPECT_EQ( m->pokes, 1 );
-   const uint32_t five = 5;
-   EXPECT_EQ( op( r, "add", Mox::genericOpInvoke, &five ), Mox::genericDone );
-   EXPECT_EQ( m->total(), 15u );
-}
-
-TEST_F( GenericFixture, UnknownAndReservedAttributes ) {
-   GenericValue r;
-   EXPECT_EQ( machineType().genericIfAttributeOp( r, obj(), 200, Mox::genericOpGet ),
-              Mox::genericNoSuchAttribute );
-   EXPECT_EQ( machineType().genericIfAttributeOp( r, obj(), 129, Mox::genericOpGet ),
-              Mox::genericNoSuchAttribute );
-   EXPECT_EQ( op( r, "spare", Mox::genericOpGet ), Mox::genericNotAllowed );
-   EXPECT_TRUE( r.empty() );
-   // Through the untyped overload as well.
-   EXPECT_EQ( machineType().genericIfAttributeOp( r, static_cast< void* >( m.ptr() ), 200,
-                                                  Mox::genericOpGet ),
-              Mox::genericNoSuchAttribute );
-}
-
-TEST_F( GenericFixture, InputsAndOutputsYieldNewReferences ) {
-   GenericValue r;
-   EXPECT_EQ( op( r, "source", Mox::genericOpGet ), Mox::genericDone );
-   EXPECT_EQ( r.object().ptr(), in.ptr() );
-   EXPECT_EQ( in->references(), 3u );   // in, the machine, the result
-   EXPECT_EQ( op( r, "source", Mox::genericOpSet, &in ), Mox::genericNotAllowed );
-   GenericValue o;
-   EXPECT_EQ( op( o, "sink", Mox::genericOpGet ), Mox::genericDone );
-   EXPECT_EQ( o.object().ptr(), out.ptr() );
-   r.clear();
-   o.clear();
-   EXPECT_EQ( in->references(), 2u );
-   EXPECT_EQ( out->references(), 2u );
-
-   auto empty = Machine::MachineIs( nullptr, nullptr, 0 );
-   EXPECT_EQ( machineType().genericIfAttributeOp( r, empty.ptr(), idOf( "source" ),
-                                                  Mox::genericOpGet ),
-              Mox::genericDone );
-   EXPECT_FALSE( r.object() );
-}
-
-TEST_F( GenericFixture, BaseAttributesThroughADerivedType ) {
-   Ptr< Leaf > leaf( new Leaf( "l1" ) );
-   const auto& t = *leaf->fwkType();
-   GenericValue r;
-   EXPECT_EQ( t.genericIfAttributeOp( r, leaf.ptr(), t.attributeId( "name" ),
-                                      Mox::genericOpGet ),
-              Mox::genericDone );
-   EXPECT_EQ( r.get< Mox::String >(), "l1" );
-   EXPECT_EQ( t.genericIfAttributeOp( r, leaf.ptr(), t.attributeId( "size" ),
-                                      Mox::genericOpGet ),
-              Mox::genericDone );
-   EXPECT_EQ( r.get< int >(), 3 );
-   // An object of another type has none of the machine's attributes.
-   EXPECT_EQ( machineType().genericIfAttributeOp( r, leaf.ptr(), idOf( "total" ),
-                                                  Mox::genericOpGet ),
-              Mox::genericNoSuchAttribute );
-}
-
-TEST_F( GenericFixture, CollectionOperations ) {
-   GenericValue r;
-   const uint32_t k1 = 1, k2 = 2, absent = 9;
-   const Mox::String one( "one" ), two( "two" );
-   auto rec = NotifieeRecorder< uint32_t >::NotifieeRecorderIs( m );
-   EXPECT_EQ( op( r, "table", Mox::genericOpSet, &k1, &one ), Mox::genericDone );
-   EXPECT_EQ( op( r, "table", Mox::genericOpSet, &k2, &two ), Mox::genericDone );
-   EXPECT_THAT( rec->keys( idOf( "table" ) ), ElementsAre( 1u, 2u ) );
-
-   EXPECT_EQ( op( r, "table", Mox::genericOpGet, &k2 ), Mox::genericDone );
-   EXPECT_EQ( r.get< Mox::String >(), "two" );
-   EXPECT_EQ( op( r, "table", Mox::genericOpGet, &absent ), Mox::genericDone );
-   EXPECT_EQ( r.get< Mox::String >(), "" );
-   EXPECT_EQ( op( r, "table", Mox::genericOpCount ), Mox::genericDone );
-   EXPECT_EQ( r.get< size_t >(), 2u );
-   EXPECT_EQ( op( r, "table", Mox::genericOpCountAlt ), Mox::genericDone );
-   EXPECT_EQ( r.get< size_t >(), 0u );
-   EXPECT_EQ( op( r, "table", Mox::genericOpExists, &k1 ), Mox::genericDone );
-   EXPECT_TRUE( r.get< bool >() );
-   EXPECT_EQ( op( r, "table", Mox::genericOpExists, &absent ), Mox::genericDone );
-   EXPECT_FALSE( r.get< bool >() );
-
-   EXPECT_EQ( op( r, "table", Mox::genericOpDel, &k1 ), Mox::genericDone );
-   EXPECT_FALSE( m->table().contains( 1 ) );
-   EXPECT_THAT( rec->keys( idOf( "table" ) ), ElementsAre( 1u, 2u, 1u ) );
-
-   // Without setters the collection is read-only; key-less lookups refuse.
-   EXPECT_EQ( op( r, "view", Mox::genericOpSet, &k1, &one ), Mox::genericNotAllowed );
-   EXPECT_EQ( op( r, "view", Mox::genericOpDel, &k2 ), Mox::genericNotAllowed );
-   EXPECT_EQ( op( r, "table", Mox::genericOpGet ), Mox::genericNotAllowed );
-   EXPECT_EQ( op( r, "table", Mox::genericOpInvoke ), Mox::genericNotAllowed );
-   EXPECT_EQ( m->table().size(), 1u );
-}
-
-TEST_F( GenericFixture, IteratorProtocol ) {
-   for ( uint32_t k : { 4u, 1u, 3u, 2u } ) {
-      m->tableIs( k, Mox::String( std::to_string( k * 10 ) ) );
+   done( "poke", invoke );
+   done( "add", invoke, &five );
+   const struct {
+      const char* attr;
+      int op;
+      const void *arg = nullptr, *arg2 = nullptr;
+   } refused[] = { { "total", set, &five }, { "initialized", invoke }, { "poke", get }, { "poke", set },
+                   { "add", invoke } /* argument missing */, { "spare", get }, { "source", set, &in },
+                   { "view", set, &k1, &one }, { "view", del, &k1 }, { "table", get } /* key-less */,
+                   { "table", invoke } };
+   for ( const auto& c : refused ) {
+      r.clear();
+      EXPECT_EQ( op( c.attr, c.op, c.arg, c.arg2 ), Mox::genericNotAllowed ) << c.attr << c.op;
+      EXPECT_TRUE( r.empty() ) << c.attr << c.op;
    }
-   auto it = machineType().genericIfIterator( obj(), idOf( "table" ) );
+   EXPECT_EQ( m->pokes, 1 );
+   EXPECT_EQ( m->total(), 15u );
+   EXPECT_TRUE( m->table_.empty() );
+   for ( Mox::AttributeId unknown : { 129u, 200u } ) {
+      EXPECT_EQ( machineType().genericIfAttributeOp( r, m.ptr(), unknown, get ),
+                 Mox::genericNoSuchAttribute );
+   }
+   // Inputs and outputs yield new references.
+   EXPECT_EQ( done( "source", get ).object().ptr(), in.ptr() );
+   EXPECT_EQ( in->references(), 3u );   // in, the machine, the result
+   EXPECT_EQ( done( "sink", get ).object().ptr(), out.ptr() );
+   EXPECT_EQ( in->references(), 2u );
+   EXPECT_EQ( out->references(), 3u );
+
+   const Ptr< const Mox::Entity > source( in );
+   const uint32_t start = 7;
+   const void* args[] = { &source, &out, &start };
+   machineType().genericIfConstructFromCtorArgs( r, args );
+   auto made = Mox::ptrCast< const Machine >( r.object() );
+   ASSERT_TRUE( made );
+   EXPECT_EQ( made->total(), 7u );
+   EXPECT_EQ( made->source(), in );
+   EXPECT_TRUE( made->hasNotificationActive() );
+   r.clear();
+   made = nullptr;
+   EXPECT_EQ( in->references(), 3u );   // the fixture, `source`, the fixture's machine
+   EXPECT_EQ( out->references(), 2u );
+   EXPECT_FALSE( leafType().constructible() );
+   EXPECT_THAT( [ & ] { leafType().genericIfConstructFromCtorArgs( r, args ); },
+                ::testing::ThrowsMessage< Mox::Exception >(
+                   ::testing::StrEq( "type MoxTest::Leaf cannot be constructed generically" ) ) );
+}
+
+TEST_F( GenericFixture, CollectionIteratorDeletesInPlaceAndHoldsTheOwner ) {
+   for ( uint32_t k : { 4u, 1u, 3u, 2u } ) {
+      m->table_.set( k, Mox::String( std::to_string( k * 10 ) ) );
+   }
+   const uint32_t k1 = 1;
+   EXPECT_EQ( done( "table", get, &k1 ).get< Mox::String >(), "10" );
+   EXPECT_EQ( done( "table", Mox::genericOpCount ).get< size_t >(), 4u );
+   auto it = machineType().genericIfIterator( m.ptr(), idOf( "table" ) );
    ASSERT_TRUE( it );
    std::vector< uint32_t > seen;
    while ( it->iterNonnull() ) {
@@ -343,84 +262,119 @@ TEST_F( GenericFixture, IteratorProtocol ) {
       }
    }
    EXPECT_THAT( seen, ElementsAre( 1u, 2u, 3u, 4u ) );
-   EXPECT_FALSE( m->table().contains( 2 ) );
-   EXPECT_EQ( m->table().size(), 3u );
-
-   EXPECT_FALSE( machineType().genericIfIterator( obj(), idOf( "total" ) ) );
-   EXPECT_FALSE( machineType().genericIfIterator( obj(), 300 ) );
-}
-
-TEST_F( GenericFixture, IteratorHoldsItsOwner ) {
-   m->tableIs( 1, "x" );
-   auto it = machineType().genericIfIterator( obj(), idOf( "table" ) );
+   EXPECT_EQ( m->table_.size(), 3u );
+   // A read-only view refuses to delete instead of spinning in place.
+   it = machineType().genericIfIterator( m.ptr(), idOf( "view" ) );
+   ASSERT_TRUE( it && it->iterNonnull() );
+   EXPECT_THROW( it->iterDel(), Mox::Exception );
    m = nullptr;   // the cursor keeps the machine alive
-   ASSERT_TRUE( it->iterNonnull() );
    GenericValue v;
    it->iterObj( v );
-   EXPECT_EQ( v.get< Mox::String >(), "x" );
+   EXPECT_EQ( v.get< Mox::String >(), "10" );
    it.reset();
    EXPECT_EQ( Machine::moxAllocTrackTypeInfo_.liveObjects(), 0 );
 }
 
-TEST_F( GenericFixture, ConstructFromCtorArgsReleasesItsCopies ) {
-   const Ptr< const Mox::Entity > source( in );
-   const uint32_t start = 7;
-   const void* args[] = { &source, &out, &start };
-   GenericValue r;
-   machineType().genericIfConstructFromCtorArgs( r, args );
-   auto made = Mox::ptrCast< const Machine >( r.object() );
-   ASSERT_TRUE( made );
-   EXPECT_EQ( made->total(), 7u );
-   EXPECT_EQ( made->source(), in );
-   EXPECT_TRUE( made->hasNotificationActive() );
-   // in: the fixture, `source`, two machines; out: the fixture, two machines.
-   EXPECT_EQ( in->references(), 4u );
-   EXPECT_EQ( out->references(), 3u );
-   r.clear();
-   made = nullptr;
-   EXPECT_EQ( in->references(), 3u );
-   EXPECT_EQ( out->references(), 2u );
+constexpr Mox::AttributeId entityPtrId = 266;
 
-   EXPECT_FALSE( Mox::TypeImpl< Leaf >::instance().constructible() );
-   EXPECT_THROW( Mox::TypeImpl< Leaf >::instance().genericIfConstructFromCtorArgs( r, args ),
-                 Mox::Exception );
-}
+// Records every parent it is given.
+class Child : public Mox::Entity {
+   MOX_ALLOC_TRACKED( Child )
 
-TEST( GenericValueType, DefaultQueryHashAndConstruction ) {
-   const auto& t = Mox::TypeImpl< Pair >::instance();
-   Pair p;
-   GenericValue r;
-   EXPECT_EQ( t.genericIfAttributeOp( r, &p, 0, Mox::genericOpGet ), Mox::genericDone );
-   EXPECT_TRUE( r.get< bool >() );
-   const uint32_t three = 3;
-   EXPECT_EQ( t.genericIfAttributeOp( r, &p, 2, Mox::genericOpSet, &three ), Mox::genericDone );
-   EXPECT_EQ( p.l, 3u );
-   EXPECT_EQ( t.genericIfAttributeOp( r, &p, 0, Mox::genericOpGet ), Mox::genericDone );
-   EXPECT_FALSE( r.get< bool >() );
-   EXPECT_EQ( t.genericIfAttributeOp( r, &p, 3, Mox::genericOpSet, &three ),
-              Mox::genericNotAllowed );
-   EXPECT_EQ( t.genericIfAttributeOp( r, &p, 4, Mox::genericOpGet ),
-              Mox::genericNoSuchAttribute );
-
-   EXPECT_TRUE( t.hashable() );
-   EXPECT_EQ( t.genericIfHash( &p ), 93u );
-
-   const uint32_t a = 1, b = 2;
-   const void* args[] = { &a, &b };
-   t.genericIfConstructFromCtorArgs( r, args );
-   EXPECT_EQ( r.get< Pair >(), ( Pair{ 1, 2 } ) );
-}
-
-TEST( GenericValueType, HashOfAnUnhashableTypeThrows ) {
-   const auto& t = Mox::TypeImpl< Plain >::instance();
-   Plain p;
-   EXPECT_FALSE( t.hashable() );
-   try {
-      t.genericIfHash( &p );
-      FAIL() << "no exception";
-   } catch ( const Mox::UnhashableTypeException& e ) {
-      EXPECT_STREQ( e.what(), "type MoxTest::Plain is not hashable" );
+ public:
+   using Entity::Entity;
+   void handleParent( const Ptr< Mox::Entity >& p ) override {
+      parents.push_back( p.ptr() );
+      Entity::handleParent( p );
    }
+   std::vector< Mox::Entity* > parents;
+};
+
+struct DirTest : ::testing::Test {
+   LeakCheck leaks;
+   Ptr< Mox::Dir > dir = Mox::Dir::DirIs( "root" );
+   Ptr< NotifieeRecorder< String > > rec =
+      NotifieeRecorder< String >::NotifieeRecorderIs( dir );
+   Ptr< Child > child( const char* name ) { return Ptr< Child >( new Child( name ) ); }
+};
+
+TEST_F( DirTest, AddReplaceRemoveNotifyTheNameAfterSettingParents ) {
+   auto a = child( "a" ), a2 = child( "a" ), b = child( "b" );
+   std::vector< std::pair< Mox::Entity*, Mox::Entity* > > parentsAtNotification;
+   rec->onEvent = [ & ]( Mox::AttributeId, const void* ) {
+      parentsAtNotification.emplace_back( a->parent(), a2->parent() );
+   };
+   dir->entityPtrIs( a );
+   dir->entityPtrIs( a );   // already filed: nothing happens
+   dir->entityPtrIs( nullptr );
+   dir->entityPtrIs( a2 );
+   EXPECT_EQ( dir->entityPtr( "a" ), a2 );
+   EXPECT_EQ( dir->entityPtrDel( "a" ), a2 );
+   EXPECT_EQ( dir->entityPtrDel( "a" ), nullptr );   // absent: no notification
+   EXPECT_THAT( rec->keys( entityPtrId ), ElementsAre( "a", "a", "a" ) );
+   Mox::Entity* const d = dir.ptr();
+   EXPECT_THAT( parentsAtNotification,
+                ElementsAre( ::testing::Pair( d, nullptr ), ::testing::Pair( nullptr, d ),
+                             ::testing::Pair( nullptr, nullptr ) ) );
+   EXPECT_THAT( a->parents, ElementsAre( d, nullptr ) );
+   EXPECT_THAT( a2->parents, ElementsAre( d, nullptr ) );
+
+   dir->entityPtrIs( b );
+   dir->entityPtrIs( a );
+   rec->clear();
+   dir->entityPtrDelAll();
+   EXPECT_THAT( rec->keys( entityPtrId ), ElementsAre( "a", "b" ) );
+   EXPECT_EQ( b->parent(), nullptr );
+}
+
+TEST_F( DirTest, FullNamesFollowTheTreeIterationIsInNameOrderAndDestructionClearsParents ) {
+   auto sub = Mox::Dir::DirIs( "sub" );
+   auto b = child( "b" );
+   sub->entityPtrIs( b );
+   dir->entityPtrIs( sub );
+   EXPECT_EQ( b->fullName(), String( "root/sub/b" ) );
+   dir->entityPtrDel( "sub" );
+   EXPECT_EQ( b->fullName(), String( "sub/b" ) );
+
+   for ( const char* n : { "vni10", "b", "vni2", "a", "c" } ) {
+      dir->entityPtrIs( child( n ) );
+   }
+   std::vector< std::string > order;
+   for ( auto it = dir->entityIterator(); !it.done(); ++it ) {
+      order.push_back( it.key().str() );
+      EXPECT_EQ( it.value()->name(), it.key() );
+   }
+   EXPECT_THAT( order, ElementsAre( "a", "b", "c", "vni10", "vni2" ) );
+
+   Ptr< Mox::Entity > a = dir->entityPtr( "a" );
+   rec = nullptr;
+   dir = nullptr;
+   EXPECT_EQ( Mox::Dir::moxAllocTrackTypeInfo_.liveObjects(), 1 );   // sub
+   EXPECT_EQ( a->parent(), nullptr );
+   EXPECT_EQ( a->fullName(), String( "a" ) );
+   EXPECT_EQ( a->references(), 1u );
+   EXPECT_EQ( Child::moxAllocTrackTypeInfo_.liveObjects(), 2 );   // a, b
+}
+
+TEST_F( DirTest, NewEntityGoesThroughTheTypesHook ) {
+   Mox::newEntityForDirIs( "MoxTest::Child",
+                           []( const String& name, const std::vector< Mox::GenericValue >& args ) {
+                              if ( !args.empty() ) {
+                                 MOX_THROW( Mox::NewEntityArgumentsException,
+                                            "{} takes no arguments, got {}", name, args.size() );
+                              }
+                              return Ptr< Mox::Entity >( new Child( name ) );
+                           } );
+   EXPECT_THAT( [ & ] { dir->newEntity( "MoxTest::Child", "made", { Mox::GenericValue() } ); },
+                ::testing::ThrowsMessage< Mox::NewEntityArgumentsException >(
+                   ::testing::StrEq( "made takes no arguments, got 1" ) ) );
+   EXPECT_THROW( dir->newEntity( "MoxTest::Unknown", "u" ), Mox::Exception );
+   EXPECT_TRUE( rec->events().empty() );
+   auto e = dir->newEntity( "MoxTest::Child", "made" );
+   EXPECT_NE( dynamic_cast< Child* >( e.ptr() ), nullptr );
+   EXPECT_EQ( dir->entityPtr( "made" ), e );
+   EXPECT_EQ( e->fullName(), String( "root/made" ) );
+   EXPECT_THAT( rec->keys( entityPtrId ), ElementsAre( "made" ) );
 }
 
 }  // namespace

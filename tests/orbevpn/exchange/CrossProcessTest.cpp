@@ -1,0 +1,157 @@
+// A writer table in a child process and a reader table here on the same
+// path: every change reaches the reader as one notification with the key,
+// and the reader then reads the new value. Every wait is bounded.
+#include "tests/orbevpn/exchange/ExchangeTestSupport.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+using namespace ExchangeTest;
+using ::testing::UnorderedElementsAreArray;
+
+namespace {
+
+struct Command {
+   char op = 0;   // 'a' attach, 'w' write, 'd' remove, 'D' remove all, 'q' leave
+   uint32_t n = 0, v = 0;
+};
+
+// The child: a writer table in /lumen, acknowledging each command once done.
+template< class S >
+int writerChild( int in, int out ) {
+   auto top = Mox::Dir::DirIs( "" ), dir = Mox::Dir::DirIs( "lumen" );
+   top->entityPtrIs( dir );
+   Mox::Ptr< typename S::Table > t;
+   // A whole command arrives at once (pipe writes this small are atomic); end of file ends it.
+   for ( Command c; ::read( in, &c, sizeof c ) == ssize_t( sizeof c ); ) {
+      switch ( c.op ) {
+       case 'a': dir->entityPtrIs( t = S::make( S::tableName ) ); break;
+       case 'w': S::write( *t, S::entry( c.n, c.v ) ); break;
+       case 'd': S::del( *t, S::key( c.n ) ); break;
+       case 'D': S::delAll( *t ); break;
+       case 'q': dir->entityPtrDelAll(), t = nullptr; break;   // leaving cleanly detaches
+       default: return 5;
+      }
+      if ( ::write( out, &c.op, 1 ) != 1 || c.op == 'q' ) {
+         return c.op == 'q' ? 0 : 4;
+      }
+   }
+   return 3;
+}
+
+template< class Side >
+class ExchangeCrossProcess : public ::testing::Test {};
+TYPED_TEST_SUITE( ExchangeCrossProcess, Sides );
+
+}  // namespace
+
+TYPED_TEST( ExchangeCrossProcess, AReaderHereSeesEveryChangeOfAWriterInAChild ) {
+   using S = TypeParam;
+   using Key = typename S::Key;
+   using Entry = typename S::Entry;
+   LumenRoot root;
+   ::signal( SIGPIPE, SIG_IGN );
+   int up[ 2 ], down[ 2 ];
+   ASSERT_EQ( ::pipe( up ) | ::pipe( down ), 0 );
+   // Forked before this process has a reader (and so any thread).
+   const pid_t pid = ::fork();
+   if ( pid == 0 ) {
+      ::close( up[ 0 ] ), ::close( down[ 1 ] );
+      ::_exit( writerChild< S >( down[ 0 ], up[ 1 ] ) );   // no destructors, no gtest output
+   }
+   ASSERT_GT( pid, 0 );
+   ::close( up[ 1 ] ), ::close( down[ 0 ] );
+   struct Reap {
+      pid_t pid;
+      ~Reap() {
+         if ( pid > 0 && ::kill( pid, SIGKILL ) == 0 ) {
+            ::waitpid( pid, nullptr, 0 );
+         }
+      }
+   } child{ pid };
+
+   auto t = S::reader( S::tableName, std::string( "/lumen/" ) + S::tableName );
+   auto control = S::control( *t );
+   ASSERT_TRUE( control );
+   EXPECT_EQ( control->mountStatus(), Lumen::MountStatus::waitingForWriter );
+   // What the handler read: key, presence, value, count.
+   using Seen = std::tuple< Key, bool, Entry, uint32_t >;
+   std::vector< Seen > seen;
+   auto rec = NotifieeRecorder< Key >::NotifieeRecorderIs( t );
+   rec->onEvent = [ & ]( Mox::AttributeId id, const void* k ) {
+      EXPECT_EQ( id, collectionId );
+      const Key key = *static_cast< const Key* >( k );
+      seen.emplace_back( key, S::exists( *t, key ), S::get( *t, key ), S::count( *t ) );
+   };
+   std::vector< bool > quiesced;
+   const auto quiescedId =
+      Mox::TypeImpl< MoxLumen::CollectionControl >::instance().attributeId( "quiesced" );
+   auto controlRec = NotifieeRecorder< int >::NotifieeRecorderIs( control );
+   controlRec->onEvent = [ & ]( Mox::AttributeId id, const void* ) {
+      if ( id == quiescedId ) {
+         quiesced.push_back( control->quiesced() );
+      }
+   };
+   const Counts before = counts< S >();
+
+   auto dispatchUntil = [ & ]( auto done, int timeoutMs = 5000 ) {
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds( timeoutMs );
+      while ( !done() && std::chrono::steady_clock::now() < deadline ) {
+         pollfd p{ t->fd(), POLLIN, 0 };
+         ::poll( &p, 1, 10 );
+         t->dispatch();
+      }
+      return done();
+   };
+   // Sends a command, waits for it to be done, then for `want` to be seen (in any order).
+   auto step = [ & ]( Command c, std::vector< Seen > want ) {
+      char ack = 0;
+      ASSERT_EQ( ::write( down[ 1 ], &c, sizeof c ), ssize_t( sizeof c ) );
+      pollfd p{ up[ 0 ], POLLIN, 0 };
+      ASSERT_TRUE( ::poll( &p, 1, 5000 ) > 0 && ::read( up[ 0 ], &ack, 1 ) == 1 && ack == c.op )
+         << "the writer did not do " << c.op;
+      const size_t from = seen.size();
+      ASSERT_TRUE( dispatchUntil( [ & ] { return seen.size() >= from + want.size(); } ) )
+         << "saw " << seen.size() - from << " of " << want.size() << " notifications";
+      EXPECT_THAT( std::vector< Seen >( seen.begin() + long( from ), seen.end() ),
+                   UnorderedElementsAreArray( want ) );
+   };
+
+   step( { 'a' }, {} );
+   ASSERT_TRUE( dispatchUntil( [ & ] { return control->mountStatus() == Lumen::MountStatus::mounted; } ) )
+      << Lumen::mountStatusName( control->mountStatus() );
+   // Meeting a writer means a full rescan, framed by quiesce on and off.
+   EXPECT_TRUE( !quiesced.empty() && quiesced.front() && !quiesced.back() && !control->quiesced() );
+   EXPECT_TRUE( seen.empty() );
+
+   const Entry none;
+   step( { 'w', 1 }, { { S::key( 1 ), true, S::entry( 1 ), 1 } } );
+   step( { 'w', 2 }, { { S::key( 2 ), true, S::entry( 2 ), 2 } } );
+   step( { 'w', 1, 5 }, { { S::key( 1 ), true, S::entry( 1, 5 ), 2 } } );
+   step( { 'd', 2 }, { { S::key( 2 ), false, none, 1 } } );
+   step( { 'd', 2 }, {} );   // absent: nothing crosses (the next step would show it)
+   step( { 'w', 3 }, { { S::key( 3 ), true, S::entry( 3 ), 2 } } );
+   step( { 'D' }, { { S::key( 1 ), false, none, 0 }, { S::key( 3 ), false, none, 0 } } );
+
+   // What the writer leaves behind stays readable after it is gone.
+   step( { 'w', 4 }, { { S::key( 4 ), true, S::entry( 4 ), 1 } } );
+   step( { 'q' }, {} );
+   EXPECT_TRUE( dispatchUntil( [ & ] { return control->mountStatus() == Lumen::MountStatus::writerGone; } ) )
+      << Lumen::mountStatusName( control->mountStatus() );
+   EXPECT_EQ( S::get( *t, S::key( 4 ) ), S::entry( 4 ) );
+   int status = -1;
+   EXPECT_EQ( ::waitpid( std::exchange( child.pid, 0 ), &status, 0 ), pid );
+   EXPECT_TRUE( WIFEXITED( status ) && WEXITSTATUS( status ) == 0 ) << status;
+   // No late or repeated deliveries; the reader counts only what it delivered.
+   dispatchUntil( [] { return false; }, 300 );
+   EXPECT_EQ( seen.size(), 8u );
+   EXPECT_EQ( counts< S >( before ), ( Counts{ 0, 0, 8 } ) );
+   ::close( up[ 0 ] ), ::close( down[ 1 ] );
+}
