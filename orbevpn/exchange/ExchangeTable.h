@@ -93,78 +93,44 @@ class ExchangeTable : public Mox::Entity {
 
    // ---- collection operations (generic names; Derived forwards)
    Entry entry( const Key& k ) const {
-      if ( reader_ ) {
-         try {
-            return reader_->lookup( k );
-         } catch ( const Fable::CorruptionDetectedException& e ) {
-            readerCorruptionHandler_( e.what() );
-            return Traits::defaultEntry();
-         }
-      }
-      return writer_->lookup( k );
+      return read( [ & ] { return reader_ ? reader_->lookup( k ) : writer_->lookup( k ); },
+                   Traits::defaultEntry() );
    }
    bool entryExists( const Key& k ) const {
-      if ( reader_ ) {
-         try {
-            return reader_->contains( k );
-         } catch ( const Fable::CorruptionDetectedException& e ) {
-            readerCorruptionHandler_( e.what() );
-            return false;
-         }
-      }
-      return writer_->contains( k );
+      return read( [ & ] { return reader_ ? reader_->contains( k ) : writer_->contains( k ); },
+                   false );
    }
    uint32_t entryCount() const { return reader_ ? reader_->count() : writer_->count(); }
 
    void entryIs( const Entry& v ) {
       refuseIfReader( "write" );
       isCounter_.inc();
-      try {
-         writer_->write( v );
-      } catch ( const Fable::CorruptionDetectedException& e ) {
-         doCorruptionDetected( e.what() );
-      }
-      const Key k = v.key();
-      notify( Traits::collectionId(), &k );
-      notifyCounter_.inc();
+      write( [ & ] { writer_->write( v ); } );
+      entryNotify( v.key() );
    }
 
    Entry entryDel( const Key& k ) {
       refuseIfReader( "remove" );
       delCounter_.inc();
-      std::optional< Entry > old;
-      try {
-         old = writer_->remove( k );
-      } catch ( const Fable::CorruptionDetectedException& e ) {
-         doCorruptionDetected( e.what() );
-      }
+      const std::optional< Entry > old = write( [ & ] { return writer_->remove( k ); } );
       if ( !old ) {
          return Traits::defaultEntry();
       }
-      notify( Traits::collectionId(), &k );
-      notifyCounter_.inc();
+      entryNotify( k );
       return *old;
    }
 
    void entryDelAll() {
       refuseIfReader( "remove" );
-      Lumen::Hint hint{};
-      for ( ;; ) {
-         std::optional< std::pair< Entry, Lumen::Hint > > e;
-         try {
-            e = writer_->next( hint );
-         } catch ( const Fable::CorruptionDetectedException& ex ) {
-            doCorruptionDetected( ex.what() );
-         }
+      for ( auto e = entryNext(); e || entryCount() != 0; e = entryNext( e->second ) ) {
          if ( !e ) {
-            if ( writer_->count() == 0 || hint.value == 0 ) {
+            // A handler put entries back behind the cursor: start over.
+            e = entryNext();
+            if ( !e ) {
                return;
             }
-            hint = Lumen::Hint{};   // entries added behind the cursor by a handler
-            continue;
          }
          entryDel( e->first.key() );
-         hint = e->second;
       }
    }
 
@@ -177,26 +143,14 @@ class ExchangeTable : public Mox::Entity {
       refuseIfReader( "commit" );
       isCounter_.inc();
       const Key k = v->key();
-      try {
-         writer_->commit( v );
-      } catch ( const Fable::CorruptionDetectedException& e ) {
-         doCorruptionDetected( e.what() );
-      }
-      notify( Traits::collectionId(), &k );
-      notifyCounter_.inc();
+      write( [ & ] { writer_->commit( v ); } );
+      entryNotify( k );
    }
 
    // Iteration in slot order; `from` is the hint of the previous entry.
    std::optional< std::pair< Entry, Lumen::Hint > > entryNext( Lumen::Hint from = {} ) const {
-      try {
-         return reader_ ? reader_->next( from ) : writer_->next( from );
-      } catch ( const Fable::CorruptionDetectedException& e ) {
-         if ( reader_ ) {
-            readerCorruptionHandler_( e.what() );
-            return std::nullopt;
-         }
-         const_cast< ExchangeTable* >( this )->doCorruptionDetected( e.what() );
-      }
+      return read( [ & ] { return reader_ ? reader_->next( from ) : writer_->next( from ); },
+                   std::optional< std::pair< Entry, Lumen::Hint > >() );
    }
 
    // A cursor over the entries; removing the current entry is harmless.
@@ -343,6 +297,31 @@ class ExchangeTable : public Mox::Entity {
  private:
    template< class T >
    friend class TableZeroReferencesNotifiee;
+
+   // A table operation that may find corruption. Reader side: reported to
+   // the reader corruption handler, and the record counts as absent
+   // (`absent`). Writer side: handed to the corruption handler, which does
+   // not return.
+   template< class F, class T >
+   T read( F&& op, T absent ) const {
+      try {
+         return op();
+      } catch ( const Fable::CorruptionDetectedException& e ) {
+         if ( !reader_ ) {
+            const_cast< ExchangeTable* >( this )->doCorruptionDetected( e.what() );
+         }
+         readerCorruptionHandler_( e.what() );
+         return absent;
+      }
+   }
+   template< class F >
+   auto write( F&& op ) -> decltype( op() ) {
+      try {
+         return op();
+      } catch ( const Fable::CorruptionDetectedException& e ) {
+         doCorruptionDetected( e.what() );
+      }
+   }
 
    // Shared-table paths are absolute; an entity tree rooted at a named
    // directory gives relative full names.

@@ -413,6 +413,16 @@ ReaderSlot& readerSlot( const Mapping& m, uint32_t i ) {
    return reinterpret_cast< ReaderSlot* >( m.data() + sizeof( WakeHeader ) )[ i ];
 }
 
+// Clears a reader's armed flag, keeping armedCount in step; true when it
+// was armed (so exactly one of several racing callers sees true).
+bool disarm( WakeHeader& w, ReaderSlot& slot ) {
+   if ( slot.armed.exchange( 0, std::memory_order_acq_rel ) != 1 ) {
+      return false;
+   }
+   w.armedCount.fetch_sub( 1, std::memory_order_relaxed );
+   return true;
+}
+
 // A non-blocking datagram socket connected to `name`, or -1.
 int connectTo( const std::string& name ) {
    sockaddr_un addr {};
@@ -619,10 +629,7 @@ void Control::pokeArmedReaders() {
    uint32_t used = std::min( w.slotsUsed.load( std::memory_order_acquire ), wakeReaderSlots );
    for ( uint32_t i = 0; i < used; ++i ) {
       ReaderSlot& slot = readerSlot( wake_, i );
-      uint32_t armed = 1;
-      if ( slot.armed.load( std::memory_order_relaxed ) == 1 &&
-           slot.armed.compare_exchange_strong( armed, 0, std::memory_order_acq_rel ) ) {
-         w.armedCount.fetch_sub( 1, std::memory_order_relaxed );
+      if ( slot.armed.load( std::memory_order_relaxed ) == 1 && disarm( w, slot ) ) {
          poke( i, slot );
       }
    }
@@ -788,9 +795,7 @@ Notifier::~Notifier() {
    }
    thread_.join();
    if ( slot_ ) {
-      if ( slot_->armed.exchange( 0, std::memory_order_acq_rel ) == 1 ) {
-         wakeHeader( wake_ ).armedCount.fetch_sub( 1, std::memory_order_relaxed );
-      }
+      disarm( wakeHeader( wake_ ), *slot_ );
       slot_->pid.store( 0, std::memory_order_release );
    }
    ::close( sendFd_ );
@@ -850,9 +855,7 @@ void Notifier::claimSlot() {
          ::unlink( readerSocketName( root_, owner, oldNonce ).c_str() );
       }
       // The dead owner may have left its flag set (and counted).
-      if ( slot.armed.exchange( 0, std::memory_order_acq_rel ) == 1 ) {
-         w.armedCount.fetch_sub( 1, std::memory_order_relaxed );
-      }
+      disarm( w, slot );
       slot.nonce.store( nonce_, std::memory_order_release );
       uint32_t used = w.slotsUsed.load( std::memory_order_relaxed );
       while ( used < i + 1 &&
