@@ -140,7 +140,9 @@ TEST( LumenCrossProcess, OneLiveWriterAndAKilledOneIsTakenOver ) {
       }
       return 0;
    } );
-   ASSERT_TRUE( dispatchUntil( reader, [ & ] { return reader.count() > 300; } ) );
+   // Statuses are reported by dispatch(), so wait for one made while the
+   // writer lives, not only for the count (which reads the table directly).
+   ASSERT_TRUE( dispatchUntil( reader, [ & ] { return reader.count() > 300 && !statuses.empty(); } ) );
    expectRefused( child );
    ::usleep( 20000 );
    ::kill( child, SIGKILL );
