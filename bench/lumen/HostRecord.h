@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <type_traits>
 
 namespace Bench {
@@ -23,11 +24,7 @@ struct HostKey {
    // fields: the 48-bit MAC and the VNI folded into 64 bits, then a
    // full-avalanche finaliser so nearby MACs spread over all buckets.
    uint32_t hash() const noexcept {
-      uint64_t m = 0;
-      for ( int i = 0; i < 6; ++i ) {
-         m = ( m << 8 ) | mac[ i ];
-      }
-      uint64_t x = m ^ ( uint64_t( vni ) * 0x9E3779B97F4A7C15ull );
+      uint64_t x = mac48() ^ ( uint64_t( vni ) * 0x9E3779B97F4A7C15ull );
       x ^= x >> 30;
       x *= 0xBF58476D1CE4E5B9ull;
       x ^= x >> 27;
@@ -35,7 +32,17 @@ struct HostKey {
       x ^= x >> 31;
       return uint32_t( x ^ ( x >> 32 ) );
    }
-   bool operator==( const HostKey& ) const = default;
+   // Whole-word compares: a defaulted == compares the MAC byte by byte, and
+   // every system pays that on every probe.
+   bool operator==( const HostKey& o ) const noexcept {
+      return mac48() == o.mac48() && vni == o.vni;
+   }
+   // The MAC and its padding are read as one word (the padding is zero).
+   uint64_t mac48() const noexcept {
+      uint64_t m;
+      std::memcpy( &m, mac, 8 );
+      return m & ( ( 1ull << 48 ) - 1 );
+   }
 };
 
 struct Host24 {
@@ -58,11 +65,11 @@ static_assert( std::is_trivially_copyable_v< Host24 > );
 // B-tree inserts land at random places rather than appending).
 inline HostKey keyFor( uint64_t i ) noexcept {
    uint64_t m = ( i * 0x5DEECE66Dull + 0xB ) & ( ( 1ull << 48 ) - 1 );
+   // Built in registers and stored whole: a key assembled byte by byte in
+   // memory and then read back as words stalls store forwarding, a cost
+   // every system would pay in the lookup loops.
    HostKey k{};
-   for ( int b = 5; b >= 0; --b ) {
-      k.mac[ b ] = uint8_t( m );
-      m >>= 8;
-   }
+   std::memcpy( k.mac, &m, 8 );   // the MAC, and zero padding
    k.vni = 10000 + uint32_t( i & 255 );
    return k;
 }

@@ -138,43 +138,52 @@ struct SlotOps {
       return readBusySlot( ctx, word, i, &out, t.record( i ), sizeof( Record ) );
    }
 
-   // The common case inline: the key is in its home slot or, for records
-   // small enough that two slots share a cache line, the next one (over 80%
-   // of keys at the fill we allow). The candidates are checked without
-   // branching on which matched, so the branch below is well predicted, and
-   // the path is short and free of calls: the processor can then overlap
-   // the cache misses of several independent lookups.
+   // The common path, inline and call-free: copy each live slot and compare
+   // keys on the copy; only a match is validated against the slot's word. A
+   // mismatch needs no validation: a live slot's key bytes only change after
+   // a removal of that entry, so a torn key can only hide a key that was not
+   // there when the probe reached the slot.
    static bool probe( const SlotArray& t, const Key& k, Record& out, const StuckContext& ctx ) {
-      constexpr uint32_t candidates = sizeof( Record ) <= 28 ? 2 : 1;
-      uint32_t slots[ 2 ];
-      uint32_t words[ 2 ];
-      Record copies[ candidates ];
-      bool match[ 2 ] = { false, false };
-      slots[ 0 ] = t.home( k.hash() );
-      slots[ 1 ] = slots[ 0 ] + 1 < t.slotCount() ? slots[ 0 ] + 1 : 0;
-      for ( uint32_t c = 0; c < candidates; ++c ) {
-         words[ c ] = t.word( slots[ c ] ).load( std::memory_order_acquire );
-         std::memcpy( static_cast< void* >( &copies[ c ] ), t.record( slots[ c ] ), sizeof( Record ) );
-      }
-      std::atomic_thread_fence( std::memory_order_acquire );
-      for ( uint32_t c = 0; c < candidates; ++c ) {
-         match[ c ] = ( ( words[ c ] & 3 ) == slotLive ) & ( copies[ c ].key() == k );
-      }
-      if ( match[ 0 ] | match[ 1 ] ) [[likely]] {
-         uint32_t c = match[ 0 ] ? 0 : 1;
-         // Only a copy whose word did not move meanwhile is whole.
-         if ( t.word( slots[ c ] ).load( std::memory_order_relaxed ) == words[ c ] ) [[likely]] {
-            out = copies[ candidates == 2 ? c : 0 ];
-            return true;
-         }
-      }
-      return probeFrom( t, slots[ 0 ], k, out, ctx );
+      return probeAt( t, t.home( k.hash() ), k, out, ctx );
    }
 
-   // A probe needs no re-check of the generation afterwards: the writer
-   // never changes a generation once it has flipped to the next, and within
-   // a generation entries never move and no slot becomes empty again, so
-   // whatever the probe returns held at some instant during it.
+   static bool probeAt( const SlotArray& t, uint32_t i, const Key& k, Record& out,
+                        const StuckContext& ctx ) {
+      uint32_t n = t.slotCount();
+      for ( uint32_t steps = 0; steps < n; ++steps ) {
+         const auto& word = t.word( i );
+         uint32_t before = word.load( std::memory_order_acquire );
+         uint32_t state = before & 3;
+         if ( state == slotLive ) [[likely]] {
+            std::memcpy( static_cast< void* >( &out ), t.record( i ), sizeof( Record ) );
+            if ( out.key() == k ) {
+               std::atomic_thread_fence( std::memory_order_acquire );
+               if ( word.load( std::memory_order_relaxed ) == before ) [[likely]] {
+                  return true;
+               }
+               return probeFrom( t, i, k, out, ctx );
+            }
+         } else if ( state == slotEmpty ) {
+            return false;
+         } else if ( state == slotBusy ) {
+            return probeFrom( t, i, k, out, ctx );
+         }
+         i = i + 1 == n ? 0 : i + 1;
+      }
+      endlessProbe( t, k, ctx );
+   }
+
+   [[noreturn]] static void endlessProbe( const SlotArray& t, const Key& k, const StuckContext& ctx ) {
+      raiseCorruption( *ctx.handler, fmt::format( "Lumen table {}: probe from slot {} never ends",
+                                                  *ctx.path, t.home( k.hash() ) ) );
+   }
+
+   // The careful path, taken from the first slot found busy or changed: every
+   // slot is validated, and a busy one waited out. A probe needs no re-check
+   // of the generation afterwards: the writer never changes a generation once
+   // it has flipped to the next, and within a generation entries never move
+   // and no slot becomes empty again, so whatever the probe returns held at
+   // some instant during it.
    static bool probeFrom( const SlotArray& t, uint32_t i, const Key& k, Record& out,
                           const StuckContext& ctx ) {
       uint32_t n = t.slotCount();
@@ -188,8 +197,7 @@ struct SlotOps {
          }
          i = i + 1 == n ? 0 : i + 1;
       }
-      raiseCorruption( *ctx.handler, fmt::format( "Lumen table {}: probe from slot {} never ends",
-                                                  *ctx.path, t.home( k.hash() ) ) );
+      endlessProbe( t, k, ctx );
    }
 };
 
@@ -659,7 +667,7 @@ void Reader< Record >::lookupBatch( const Key* keys, Record* out, size_t n ) con
          homes[ j % ahead ] = t->home( keys[ j + ahead ].hash() );
          __builtin_prefetch( t->slot( homes[ j % ahead ] ) );
       }
-      if ( !Ops::probeFrom( *t, home, keys[ j ], out[ j ], ctx ) ) {
+      if ( !Ops::probeAt( *t, home, keys[ j ], out[ j ], ctx ) ) {
          out[ j ] = default_;
       }
    }
