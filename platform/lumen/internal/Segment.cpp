@@ -60,6 +60,17 @@ std::string errnoText() {
    return std::strerror( errno );
 }
 
+// Sizes a new segment and reserves its pages. A merely truncated file on a
+// full tmpfs would map fine and then kill the writer with SIGBUS at its first
+// store to a page that cannot be had; reserving up front turns that into an
+// error at creation. Returns 0 or an errno value.
+int reserve( int fd, size_t size ) {
+   if ( ::ftruncate( fd, off_t( size ) ) != 0 ) {
+      return errno;
+   }
+   return ::posix_fallocate( fd, 0, off_t( size ) );
+}
+
 Mapping mapFd( int fd, size_t size, bool writable ) {
    void* addr = ::mmap( nullptr, size, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0 );
    if ( addr == MAP_FAILED ) {
@@ -79,11 +90,10 @@ bool createComplete( const std::string& name, size_t size, Init init ) {
    if ( fd < 0 ) {
       MOX_THROW( Mox::Exception, "Lumen cannot create {}: {}", tmp, errnoText() );
    }
-   if ( ::ftruncate( fd, off_t( size ) ) != 0 ) {
-      std::string why = errnoText();
+   if ( int err = reserve( fd, size ) ) {
       ::close( fd );
       ::unlink( tmp.c_str() );
-      MOX_THROW( Mox::Exception, "Lumen cannot size {}: {}", tmp, why );
+      MOX_THROW( Mox::Exception, "Lumen cannot size {}: {}", tmp, std::strerror( err ) );
    }
    {
       Mapping map = mapFd( fd, size, true );
@@ -341,11 +351,10 @@ SlotArray SlotArray::createFile( const std::string& path, const RecordLayout& la
    if ( fd < 0 ) {
       MOX_THROW( Mox::Exception, "Lumen cannot create {}: {}", name, errnoText() );
    }
-   if ( ::ftruncate( fd, off_t( size ) ) != 0 ) {
-      std::string why = errnoText();
+   if ( int err = reserve( fd, size ) ) {
       ::close( fd );
       ::unlink( name.c_str() );
-      MOX_THROW( Mox::Exception, "Lumen cannot size {}: {}", name, why );
+      MOX_THROW( Mox::Exception, "Lumen cannot size {}: {}", name, std::strerror( err ) );
    }
    Mapping map = mapFd( fd, size, true );
    ::close( fd );

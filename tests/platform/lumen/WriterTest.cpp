@@ -1,11 +1,16 @@
 // Writer-side behaviour: the table against a std::map model (growth, shrink,
-// tombstones, removal during iteration) and the capacity limit.
+// tombstones, removal during iteration), the capacity limit and a full
+// filesystem.
 #include "tests/platform/lumen/LumenTestSupport.h"
 
 #include <gtest/gtest.h>
 
+#include <sched.h>
+#include <sys/mount.h>
+
 #include <map>
 #include <random>
+#include <string>
 
 using namespace LumenTest;
 
@@ -110,4 +115,56 @@ TEST( LumenWriter, FullTableRefusesNewKeyAndChangesNothing ) {
    reader.dispatch();
    EXPECT_EQ( notified, std::vector< MacKey >{ MacKey::of( 3 ) } );
    table.sanityCheck();
+}
+
+// A full shared-memory filesystem must refuse a table at creation with an
+// error naming the cause, not kill the writer with SIGBUS at its first write
+// to a page the filesystem cannot supply. Needs a private 1 MB tmpfs, which
+// takes a mount namespace: skipped where the machine does not allow one.
+TEST( LumenWriter, FullFilesystemFailsCreationOrGrowthCleanlyNeverWithSigbus ) {
+   char dir[] = "/tmp/lumen-fullfs-XXXXXX";
+   ASSERT_TRUE( ::mkdtemp( dir ) );
+   pid_t child = startChild( [ & ] {
+      if ( ::unshare( CLONE_NEWNS ) != 0 ||
+           ::mount( nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr ) != 0 ||
+           ::mount( "tmpfs", dir, "tmpfs", 0, "size=1m" ) != 0 ) {
+         return 77;
+      }
+      Lumen::rootIs( dir );
+      auto noSpace = []( const Mox::Exception& e ) {
+         return std::string( e.what() ).find( "No space left on device" ) != std::string::npos;
+      };
+      // Growth that the filesystem cannot hold fails the write and changes nothing.
+      Lumen::Writer< HostRec > table( HostRec{}, { 1024, 1u << 20, 256 } );
+      table.attach( "/lumen/grows" );
+      uint32_t n = 0;
+      try {
+         for ( ; n < 100000; ++n ) {
+            table.write( HostRec::of( n, n ) );
+         }
+         return 3;   // every page was had: the filesystem was not full
+      } catch ( const Mox::Exception& e ) {
+         if ( !noSpace( e ) ) {
+            return 4;
+         }
+      }
+      if ( table.count() != n || table.contains( MacKey::of( n ) ) ) {
+         return 5;
+      }
+      table.sanityCheck();
+      // A table that cannot be had at all is refused at creation.
+      Lumen::Writer< HostRec > big( HostRec{}, { 100000, 100000, 256 } );
+      try {
+         big.attach( "/lumen/big" );
+      } catch ( const Mox::Exception& e ) {
+         return noSpace( e ) ? 0 : 6;
+      }
+      return 7;
+   } );
+   int status = waitChild( child );
+   ::rmdir( dir );   // the mount went with the child's namespace
+   if ( status == 77 ) {
+      GTEST_SKIP() << "no private tmpfs mount here";
+   }
+   EXPECT_EQ( status, 0 ) << "128 + 7 is SIGBUS";
 }
