@@ -62,12 +62,16 @@ struct ControlHeader {
    uint8_t reserved2[ 32 ];               // 96
    // Written by the writer on every change.
    std::atomic< uint64_t > feedHead;      // 128: sequence of the next feed entry
-   uint8_t reserved3[ 56 ];               // 136
+   // Thread that makes the changes (0 in files of writers that did not say),
+   // so a reader judging a slot stuck looks at that thread, not the process.
+   std::atomic< uint32_t > writerTid;     // 136
+   uint8_t reserved3[ 52 ];               // 140
    char typeName[ 64 ];                   // 192: NUL-padded record type name
 };
 static_assert( sizeof( ControlHeader ) == 256 );
 static_assert( offsetof( ControlHeader, generation ) == 64 );
 static_assert( offsetof( ControlHeader, feedHead ) == 128 );
+static_assert( offsetof( ControlHeader, writerTid ) == 136 );
 static_assert( offsetof( ControlHeader, typeName ) == 192 );
 
 // Feed entry i (sequence s lives at i = s % feedCapacity), at

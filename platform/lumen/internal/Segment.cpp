@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <linux/futex.h>
 #include <linux/membarrier.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -223,6 +224,22 @@ std::string readerSocketName( const std::string& root, uint32_t pid, uint32_t no
    return fmt::format( "{}/@reader.{}.{}", root, pid, nonce );
 }
 
+namespace {
+
+thread_local uint32_t cachedTid = 0;
+
+// A forked child's only thread inherits the forking thread's cache.
+const int forgetTidInChild = ::pthread_atfork( nullptr, nullptr, [] { cachedTid = 0; } );
+
+}  // namespace
+
+uint32_t thisThreadId() {
+   if ( cachedTid == 0 ) [[unlikely]] {
+      cachedTid = uint32_t( ::gettid() );
+   }
+   return cachedTid;
+}
+
 bool processAlive( uint32_t pid ) {
    if ( pid == 0 || pid > uint32_t( INT_MAX ) ) {
       return false;
@@ -318,6 +335,7 @@ SlotArray SlotArray::fromMapping( Mapping map, const RecordLayout& layout, std::
    const DataHeader& h = *reinterpret_cast< const DataHeader* >( map.data() );
    t.generation_ = h.generation;
    t.slotCount_ = h.slotCount;
+   t.reciprocal_ = ~uint64_t( 0 ) / t.slotCount_;
    t.capacity_ = h.capacity;
    t.slotSize_ = layout.slotSize();
    t.recordOffset_ = layout.recordOffset();
@@ -686,22 +704,10 @@ bool Control::readFeed( uint64_t seq, void* keyOut ) const {
 
 namespace {
 
-// CPU time the process has used so far, or -1 when it cannot be read.
-int64_t cpuTimeNs( uint32_t pid ) {
-   clockid_t clock;
-   struct timespec ts {};
-   if ( ::clock_getcpuclockid( pid_t( pid ), &clock ) != 0 || ::clock_gettime( clock, &ts ) != 0 ) {
-      return -1;
-   }
-   return int64_t( ts.tv_sec ) * 1000000000 + ts.tv_nsec;
-}
-
-// True unless the process is runnable (or running): the scheduler state
-// letter of /proc/<pid>/stat.
-bool processIdle( uint32_t pid ) {
-   char buf[ 512 ];
-   int fd = ::open( fmt::format( "/proc/{}/stat", pid ).c_str(), O_RDONLY | O_CLOEXEC );
-   ssize_t n = fd >= 0 ? ::read( fd, buf, sizeof( buf ) - 1 ) : -1;
+// Up to size - 1 bytes of a /proc file, NUL-terminated; false if unreadable.
+bool readProc( const std::string& name, char* buf, size_t size ) {
+   int fd = ::open( name.c_str(), O_RDONLY | O_CLOEXEC );
+   ssize_t n = fd >= 0 ? ::read( fd, buf, size - 1 ) : -1;
    if ( fd >= 0 ) {
       ::close( fd );
    }
@@ -709,6 +715,38 @@ bool processIdle( uint32_t pid ) {
       return false;
    }
    buf[ n ] = 0;
+   return true;
+}
+
+// The writer's changing thread as a /proc directory: its own when the header
+// names it, else the process (whose figures then mix in every thread).
+std::string writerTask( uint32_t pid, uint32_t tid ) {
+   return tid ? fmt::format( "/proc/{}/task/{}", pid, tid ) : fmt::format( "/proc/{}", pid );
+}
+
+// CPU time the writer's thread has used so far, or -1 when it cannot be read.
+int64_t cpuTimeNs( uint32_t pid, uint32_t tid ) {
+   char buf[ 128 ];
+   if ( readProc( writerTask( pid, tid ) + "/schedstat", buf, sizeof( buf ) ) ) {
+      return int64_t( std::strtoull( buf, nullptr, 10 ) );
+   }
+   clockid_t clock;
+   struct timespec ts {};
+   if ( tid || ::clock_getcpuclockid( pid_t( pid ), &clock ) != 0 ||
+        ::clock_gettime( clock, &ts ) != 0 ) {
+      return -1;
+   }
+   return int64_t( ts.tv_sec ) * 1000000000 + ts.tv_nsec;
+}
+
+// True unless the writer's thread is runnable (or running): the scheduler
+// state letter of its stat file. A thread that is gone while its process
+// lives will never finish the copy, so it counts as idle.
+bool writerIdle( uint32_t pid, uint32_t tid ) {
+   char buf[ 512 ];
+   if ( !readProc( writerTask( pid, tid ) + "/stat", buf, sizeof( buf ) ) ) {
+      return tid != 0;
+   }
    const char* paren = std::strrchr( buf, ')' );
    return paren && paren[ 1 ] == ' ' && paren[ 2 ] != 'R';
 }
@@ -757,14 +795,17 @@ uint32_t readBusySlot( const StuckContext& ctx, const std::atomic< uint32_t >& w
          // A writer that merely lost its processor mid-copy is runnable and
          // has not run since; one that sleeps, or ran for a while, without
          // finishing a single record copy has abandoned the slot.
-         int64_t cpu = cpuTimeNs( writer );
+         uint32_t tid = h.writerTid.load( std::memory_order_relaxed );
+         int64_t cpu = cpuTimeNs( writer, tid );
          writerCpuSince = writerCpuSince < 0 ? cpu : writerCpuSince;
          bool ran = cpu >= 0 && cpu - writerCpuSince >= 2000000;
-         if ( ran || processIdle( writer ) || now - since > slotStuckHardLimit ) {
+         if ( ran || writerIdle( writer, tid ) || now - since > slotStuckHardLimit ) {
             why = "it stayed busy too long";
          }
       }
-      if ( why ) {
+      // The verdict rests on facts gathered after `before` was loaded: a
+      // copy that completed meanwhile clears the slot.
+      if ( why && word.load( std::memory_order_acquire ) == before ) {
          raiseCorruption( *ctx.handler, fmt::format( "Lumen table {}: slot {} was left mid-update ({})",
                                                      *ctx.path, slot, why ) );
       }

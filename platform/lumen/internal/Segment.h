@@ -49,6 +49,7 @@ std::string wakeFileName( const std::string& path );
 std::string readerSocketName( const std::string& root, uint32_t pid, uint32_t nonce );
 
 bool processAlive( uint32_t pid );
+uint32_t thisThreadId();   // cached per thread
 void futexWakeAll( std::atomic< uint32_t >* word );
 void futexWait( std::atomic< uint32_t >* word, uint32_t expected, int timeoutMs );
 inline uint32_t mixHash( uint32_t h ) {
@@ -102,6 +103,7 @@ class SlotArray {
    DataHeader& header() const { return *reinterpret_cast< DataHeader* >( map_.data() ); }
    uint64_t generation() const { return generation_; }
    uint32_t slotCount() const { return slotCount_; }
+   uint64_t reciprocal() const { return reciprocal_; }   // floor( ( 2^64 - 1 ) / slotCount )
    uint32_t capacity() const { return capacity_; }
    uint32_t usedLimit() const { return slotCount_ - slotCount_ / 8; }   // live + tombstones
    uint8_t* slot( uint32_t i ) const { return slots_ + size_t( i ) * slotSize_; }
@@ -123,6 +125,7 @@ class SlotArray {
    uint8_t* slots_ = nullptr;
    uint64_t generation_ = 0;
    uint32_t slotCount_ = 0;
+   uint64_t reciprocal_ = 0;
    uint32_t capacity_ = 0;
    uint32_t slotSize_ = 0;
    uint32_t recordOffset_ = 0;
@@ -149,6 +152,14 @@ class Control {
    MountStatus status() const;
 
    // Writer side.
+   // Called before each change: records the calling thread if it is not the
+   // one recorded (a writer may move between threads).
+   void noteWriterThread() {
+      if ( thisThreadId() != lastTid_ ) [[unlikely]] {
+         lastTid_ = thisThreadId();
+         header().writerTid.store( lastTid_, std::memory_order_relaxed );
+      }
+   }
    void publish( const void* key );
    void forceResync();   // every reader's cursor falls a full ring behind
    void markAttached();
@@ -177,6 +188,7 @@ class Control {
    Mapping wake_;   // writer only
    Peer peers_[ wakeReaderSlots ];   // writer only, by registration index
    bool fenceFree_ = false;   // writer only: readers issue the barrier
+   uint32_t lastTid_ = 0;     // writer only: the tid in the header
    uint32_t feedCapacity_ = 0;
    uint32_t feedEntrySize_ = 0;
    uint32_t keySize_ = 0;

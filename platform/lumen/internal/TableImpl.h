@@ -39,7 +39,12 @@ inline uint64_t generationTag( uint64_t generation ) {
 }
 
 inline Hint makeHint( const SlotArray& t, uint64_t slot ) {
-   uint64_t position = ( ( slot << 32 ) + t.slotCount() - 1 ) / t.slotCount();
+   // ceil( slot * 2^32 / S ) without a division per entry: the reciprocal
+   // estimate is at most two below, and the loop steps up to the exact value.
+   uint64_t position = ( slot * t.reciprocal() ) >> 32;
+   while ( ( ( position * t.slotCount() ) >> 32 ) < slot ) {
+      ++position;
+   }
    return Hint{ generationTag( t.generation() ) << 40 | position };
 }
 
@@ -397,6 +402,9 @@ void Writer< Record >::insertNew( const Record& r, const Key& k, uint32_t slot )
 
 template< class Record >
 void Writer< Record >::write( const Record& r ) {
+   if ( control_ ) {
+      control_->noteWriterThread();
+   }
    Key k = r.key();
    auto f = Ops::find( table_, k, path_, corruptionHandler_ );
    if ( f.present ) {
@@ -409,6 +417,9 @@ void Writer< Record >::write( const Record& r ) {
 
 template< class Record >
 std::optional< Record > Writer< Record >::remove( const Key& k ) {
+   if ( control_ ) {
+      control_->noteWriterThread();
+   }
    auto f = Ops::find( table_, k, path_, corruptionHandler_ );
    if ( !f.present ) {
       return std::nullopt;

@@ -1,12 +1,19 @@
 // Damaged segments are reported as CorruptionDetectedException, to the
-// handler and the caller, and never crash a reader.
+// handler and the caller, and never crash a reader; a healthy writer is never
+// reported.
 #include "tests/platform/lumen/LumenTestSupport.h"
 
 #include <gtest/gtest.h>
 
+#include <sched.h>
+#include <sys/mman.h>
+
+#include <atomic>
+#include <chrono>
 #include <fstream>
 #include <functional>
 #include <random>
+#include <thread>
 #include <vector>
 
 using namespace LumenTest;
@@ -151,4 +158,76 @@ TEST_F( LumenCorruption, SlotStuckBusyUnderALiveWriterIsReported ) {
       expectCorruption( op, fmt::format( "slot {} was left mid-update (it stayed busy too long)", stuck ) );
    }
    EXPECT_EQ( Lumen::Reader< HostRec >( "/lumen/bad" ).lookup( MacKey::of( 6 ) ), HostRec::of( 6, 6 ) );
+}
+
+namespace {
+
+// 16 KB: a writer preempted while copying one holds its slot busy.
+struct HugeRec {
+   static constexpr const char* lumenTypeName = "LumenTest::HugeRec";
+   MacKey k;
+   uint32_t words[ 4093 ] = {};
+   MacKey key() const { return k; }
+};
+
+}  // namespace
+
+// The stuck-slot verdict must judge the thread that writes, not its process:
+// here the writer is a worker thread, pinned with four busy siblings to one
+// processor (so it is often preempted mid-copy for over 10 ms) while the main
+// thread sleeps. Judged by the process's CPU time or its main thread's state,
+// this healthy writer looked stuck within a second or two.
+TEST( LumenStuckSlot, AHealthyWriterThreadOfABusyProcessIsNeverReportedStuck ) {
+   LumenRoot root;
+   auto* stop = static_cast< std::atomic< int >* >(
+      ::mmap( nullptr, sizeof( int ), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0 ) );
+   stop->store( 0 );
+   auto pinTo = []( int cpu ) {
+      cpu_set_t set;
+      CPU_ZERO( &set );
+      CPU_SET( cpu, &set );
+      ::sched_setaffinity( 0, sizeof( set ), &set );
+   };
+   pid_t writerProcess = startChild( [ & ] {
+      pinTo( 0 );   // inherited by the threads below
+      std::vector< std::thread > threads;
+      threads.emplace_back( [ & ] {
+         Lumen::Writer< HugeRec > writer( HugeRec{}, { 64, 1024, 64 } );
+         writer.attach( "/lumen/busy" );
+         HugeRec r{ MacKey::of( 1 ) };
+         for ( uint32_t counter = 0; !stop->load(); ++counter ) {
+            std::fill( std::begin( r.words ), std::end( r.words ), counter );
+            writer.write( r );
+         }
+      } );
+      for ( int i = 0; i < 4; ++i ) {
+         threads.emplace_back( [ & ] {
+            while ( !stop->load() ) {
+            }
+         } );
+      }
+      for ( auto& t : threads ) {
+         t.join();
+      }
+      return 0;
+   } );
+   pid_t readerProcess = startChild( [ & ] {
+      pinTo( 1 );
+      Lumen::Reader< HugeRec > reader( "/lumen/busy" );
+      auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds( 3 );
+      while ( std::chrono::steady_clock::now() < deadline ) {
+         try {
+            reader.lookup( MacKey::of( 1 ) );
+         } catch ( const Fable::CorruptionDetectedException& e ) {
+            std::fprintf( stderr, "%s\n", e.what() );
+            return 1;
+         }
+      }
+      return 0;
+   } );
+   int readerStatus = waitChild( readerProcess );
+   stop->store( 1 );
+   EXPECT_EQ( waitChild( writerProcess ), 0 );
+   EXPECT_EQ( readerStatus, 0 ) << "a live, healthy writer was reported as corruption";
+   ::munmap( stop, sizeof( int ) );
 }
