@@ -27,6 +27,7 @@
 #include "platform/lumen/internal/Segment.h"
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -146,6 +147,7 @@ class Reader {
    KeySet presentKeys() const;
    void armForNextChange();                      // end of dispatch()
    bool readFeed( std::vector< Key >& keys );    // false: lapped
+   void gather();                                // queues what changed
 
    std::string path_;
    Record default_;
@@ -161,10 +163,16 @@ class Reader {
    std::unique_ptr< internal::Notifier > notifier_;
 
    // Dispatch state, touched only by dispatch() and the constructor.
+   struct Event {
+      enum Kind { changed, quiescedTrue, quiescedFalse, mountStatus } kind;
+      Key key;
+      MountStatus status;
+   };
    uint64_t cursor_ = 0;           // next feed sequence to read
    bool synced_ = false;           // known_ reflects a full pass
    KeySet known_;
    MountStatus reportedStatus_ = MountStatus::unmounted;
+   std::deque< Event > pending_;   // gathered, not yet delivered
    bool dispatching_ = false;
 };
 

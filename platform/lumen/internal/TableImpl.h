@@ -568,6 +568,10 @@ Reader< Record >::Reader( const std::string& path, const Record& defaultValue )
 
 template< class Record >
 void Reader< Record >::armForNextChange() {
+   if ( !pending_.empty() ) {
+      notifier_->poke();   // a callback threw: the rest is delivered next time
+      return;
+   }
    if ( !notifier_->arm() ) {
       notifier_->dispatched();
       return;
@@ -775,6 +779,59 @@ bool Reader< Record >::readFeed( std::vector< Key >& keys ) {
 }
 
 template< class Record >
+void Reader< Record >::gather() {
+   MountStatus status = mountStatus();
+   if ( status != reportedStatus_ ) {
+      reportedStatus_ = status;
+      pending_.push_back( { Event::mountStatus, {}, status } );
+   }
+   if ( !control_ ) {
+      return;
+   }
+   std::vector< Key > keys;
+   if ( synced_ && readFeed( keys ) ) {
+      // One callback per changed key, in the order of first change.
+      KeySet seen;
+      for ( const Key& k : keys ) {
+         if ( !seen.insert( k ).second ) {
+            continue;
+         }
+         bool present = true;
+         try {
+            present = contains( k );
+         } catch ( const Fable::CorruptionDetectedException& ) {
+            // Reported to the handler; the key is still announced, and a
+            // lookup of it reports the damage to whoever asks.
+         }
+         if ( present ) {
+            known_.insert( k );
+         } else {
+            known_.erase( k );
+         }
+         pending_.push_back( { Event::changed, k, {} } );
+      }
+      return;
+   }
+   // Resync. The head is read before the pass, so a change made during it is
+   // announced again next time; nothing moves until the pass has succeeded.
+   uint64_t head = control_->header().feedHead.load( std::memory_order_acquire );
+   KeySet present = presentKeys();
+   cursor_ = head;
+   pending_.push_back( { Event::quiescedTrue, {}, {} } );
+   for ( const Key& k : present ) {
+      pending_.push_back( { Event::changed, k, {} } );
+   }
+   for ( const Key& k : known_ ) {
+      if ( !present.count( k ) ) {
+         pending_.push_back( { Event::changed, k, {} } );
+      }
+   }
+   pending_.push_back( { Event::quiescedFalse, {}, {} } );
+   known_ = std::move( present );
+   synced_ = true;
+}
+
+template< class Record >
 void Reader< Record >::dispatch() {
    if ( dispatching_ ) {
       return;   // a callback called dispatch(): the outer call delivers
@@ -784,75 +841,36 @@ void Reader< Record >::dispatch() {
       bool& flag;
       ~Reset() { flag = false; }
    } reset{ dispatching_ };
-
-   notifier_->drain();
-   std::vector< Key > keys;
-   bool resync = false;
-   MountStatus status = mountStatus();
-   bool statusChanged = status != reportedStatus_;
-   reportedStatus_ = status;
-   if ( control_ ) {
-      resync = !synced_ || !readFeed( keys );
-   }
-   if ( resync ) {
-      cursor_ = control_->header().feedHead.load( std::memory_order_acquire );
-      KeySet present = presentKeys();
-      keys.assign( present.begin(), present.end() );
-      for ( const Key& k : known_ ) {
-         if ( !present.count( k ) ) {
-            keys.push_back( k );
-         }
-      }
-      known_ = std::move( present );
-      synced_ = true;
-   } else if ( !keys.empty() ) {
-      // One callback per changed key, in the order of first change.
-      KeySet seen;
-      size_t kept = 0;
-      for ( const Key& k : keys ) {
-         if ( seen.insert( k ).second ) {
-            keys[ kept++ ] = k;
-            bool present = true;
-            try {
-               present = contains( k );
-            } catch ( const Fable::CorruptionDetectedException& ) {
-               // Reported to the handler; the key is still announced, and
-               // a lookup of it reports the damage to whoever asks.
-            }
-            if ( present ) {
-               known_.insert( k );
-            } else {
-               known_.erase( k );
-            }
-         }
-      }
-      keys.resize( kept );
-   }
-   // Armed after the callbacks (arming may cost a process-wide barrier,
-   // which should not delay them), and also when one throws, so that fd()
-   // never falls silent.
+   // Whatever throws below, fd() must not fall silent: armed, or readable
+   // while anything is left to deliver. Arming comes after the callbacks
+   // (it may cost a process-wide barrier, which should not delay them).
    struct Rearm {
       Reader* reader;
       ~Rearm() { reader->armForNextChange(); }
    } rearm{ this };
 
+   notifier_->drain();
+   gather();
    // Copies, so a callback may replace any hook while it runs.
    auto onMountStatus = onMountStatus_;
    auto onQuiesced = onQuiesced_;
    auto onKey = onKey_;
-   if ( statusChanged && onMountStatus ) {
-      onMountStatus( status );
-   }
-   if ( resync && onQuiesced ) {
-      onQuiesced( true );
-   }
-   if ( onKey ) {
-      for ( const Key& k : keys ) {
-         onKey( k );
+   // Each event leaves the queue before its callback runs: a callback that
+   // throws has had its event, and the rest wait for the next dispatch().
+   while ( !pending_.empty() ) {
+      Event e = pending_.front();
+      pending_.pop_front();
+      if ( e.kind == Event::changed ) {
+         if ( onKey ) {
+            onKey( e.key );
+         }
+      } else if ( e.kind == Event::mountStatus ) {
+         if ( onMountStatus ) {
+            onMountStatus( e.status );
+         }
+      } else if ( onQuiesced ) {
+         onQuiesced( e.kind == Event::quiescedTrue );
       }
-   }
-   if ( resync && onQuiesced ) {
-      onQuiesced( false );
    }
 }
 
