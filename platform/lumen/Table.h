@@ -70,7 +70,8 @@ class Writer {
 
    // Memory for editing k's record in place, holding its current value (or the
    // default value with key k). The edit becomes visible, in one piece, at
-   // commit( ptr ); until then readers keep seeing the committed value.
+   // commit( ptr ); until then readers keep seeing the committed value. A
+   // write or remove of k meanwhile gives the image k's new value.
    Record* slotFor( const Key& k );
    void commit( const Record* inPlace );
 
@@ -88,6 +89,7 @@ class Writer {
    void insertNew( const Record& r, const Key& k, uint32_t slot );   // slot: where find() put k
    void rebuild( uint32_t newCapacity );
    void publish( const Key& k );
+   void refreshStaged( const Key& k, const Record* now );   // now: null = removed
    uint32_t shrinkTarget() const;
 
    Record default_;

@@ -19,6 +19,8 @@
 #include <cstring>
 #include <thread>
 
+#include <unistd.h>
+
 namespace Lumen::internal {
 
 inline constexpr uint32_t noSlot = ~0u;
@@ -251,9 +253,17 @@ void Writer< Record >::attach( const std::string& path ) {
       }
    }
    // Rebuilding rather than adopting the old generation in place drops
-   // whatever a writer that died mid-update left behind.
-   uint64_t entries = uint64_t( table_.header().count.load() ) +
-                      ( old ? std::min( old.header().count.load(), old.slotCount() ) : 0 );
+   // whatever a writer that died mid-update left behind. It is sized by the
+   // live slots, not by the header's count, which such a writer may have
+   // left short of them.
+   auto liveIn = []( const internal::SlotArray& t ) {
+      uint64_t live = 0;
+      for ( uint32_t i = 0; i < t.slotCount(); ++i ) {
+         live += ( t.word( i ).load( std::memory_order_acquire ) & 3 ) == internal::slotLive;
+      }
+      return live;
+   };
+   uint64_t entries = liveIn( table_ ) + ( old ? liveIn( old ) : 0 );
    uint64_t capacity = options_.initialCapacity;
    while ( capacity < entries && capacity < options_.maxCapacity ) {
       capacity *= 2;
@@ -262,7 +272,7 @@ void Writer< Record >::attach( const std::string& path ) {
    auto next = internal::SlotArray::createFile( path, layout_, uint32_t( capacity ),
                                                 oldGeneration + 1 );
    uint32_t count = 0;
-   auto copyFrom = [ & ]( const internal::SlotArray& from, bool checkBusy ) {
+   auto copyFrom = [ & ]( const internal::SlotArray& from ) {
       for ( uint32_t i = 0; i < from.slotCount(); ++i ) {
          if ( ( from.word( i ).load( std::memory_order_acquire ) & 3 ) != internal::slotLive ) {
             continue;   // a busy slot here is a dead writer's torn record
@@ -279,17 +289,20 @@ void Writer< Record >::attach( const std::string& path ) {
          }
          Ops::store( next, f.slot, &r, internal::slotLive );
       }
-      (void)checkBusy;
    };
    if ( old ) {
-      copyFrom( old, true );
+      copyFrom( old );
    }
-   copyFrom( table_, false );
+   copyFrom( table_ );
    next.header().count.store( count, std::memory_order_relaxed );
 
    control->header().generation.store( next.generation(), std::memory_order_release );
    if ( old ) {
       old.unlinkFile();
+   }
+   if ( oldGeneration > 1 ) {
+      // Left behind by a writer that died between a flip and its unlink.
+      ::unlink( internal::dataFileName( path, oldGeneration - 1 ).c_str() );
    }
    control->markAttached();
    // Readers rescan: the previous writer may have died between changing a
@@ -406,6 +419,7 @@ void Writer< Record >::write( const Record& r ) {
       control_->noteWriterThread();
    }
    Key k = r.key();
+   refreshStaged( k, &r );
    auto f = Ops::find( table_, k, path_, corruptionHandler_ );
    if ( f.present ) {
       Ops::store( table_, f.slot, &r, internal::slotLive );
@@ -420,6 +434,7 @@ std::optional< Record > Writer< Record >::remove( const Key& k ) {
    if ( control_ ) {
       control_->noteWriterThread();
    }
+   refreshStaged( k, nullptr );
    auto f = Ops::find( table_, k, path_, corruptionHandler_ );
    if ( !f.present ) {
       return std::nullopt;
@@ -468,6 +483,20 @@ Record* Writer< Record >::slotFor( const Key& k ) {
    Record image = f.present ? Ops::recordAt( table_, f.slot ) : Ops::withKey( default_, k );
    staged_.push_back( std::make_unique< Record >( image ) );
    return staged_.back().get();
+}
+
+// An uncommitted slotFor() image of a key that is written or removed takes
+// the new value: the later change wins, and the image stays valid memory for
+// whoever still holds it.
+template< class Record >
+void Writer< Record >::refreshStaged( const Key& k, const Record* now ) {
+   if ( !staged_.empty() ) [[unlikely]] {
+      for ( auto& image : staged_ ) {
+         if ( image->key() == k ) {
+            *image = now ? *now : Ops::withKey( default_, k );
+         }
+      }
+   }
 }
 
 template< class Record >

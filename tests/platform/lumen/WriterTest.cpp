@@ -168,3 +168,45 @@ TEST( LumenWriter, FullFilesystemFailsCreationOrGrowthCleanlyNeverWithSigbus ) {
    }
    EXPECT_EQ( status, 0 ) << "128 + 7 is SIGBUS";
 }
+
+// A slotFor() image left uncommitted follows later writes and removals of its
+// key, so neither a later slotFor() nor a commit() brings back stale fields.
+TEST( LumenWriter, UncommittedImagesFollowLaterChangesOfTheirKey ) {
+   LumenRoot root;
+   Lumen::Writer< HostRec > writer;
+   writer.attach( "/lumen/staged" );
+   writer.write( HostRec::of( 1, 1 ) );
+   writer.slotFor( MacKey::of( 1 ) )->vtep = 12345;   // abandoned edit
+   writer.write( HostRec::of( 1, 2 ) );
+   HostRec* again = writer.slotFor( MacKey::of( 1 ) );
+   EXPECT_EQ( *again, HostRec::of( 1, 2 ) );
+   writer.commit( again );
+   EXPECT_EQ( writer.lookup( MacKey::of( 1 ) ), HostRec::of( 1, 2 ) );
+   HostRec* held = writer.slotFor( MacKey::of( 1 ) );
+   writer.remove( MacKey::of( 1 ) );
+   EXPECT_EQ( *held, HostRec{ MacKey::of( 1 ) } ) << "image of a removed key keeps old fields";
+}
+
+// A writer that died between filling a slot and counting it leaves the count
+// one short; taking its table over must size the copy by the live slots.
+TEST( LumenWriter, TakeoverSizesTheCopyByLiveSlotsNotByTheCount ) {
+   LumenRoot root;
+   {
+      Lumen::Writer< HostRec > writer( HostRec{}, { 64, 1u << 20, 64 } );
+      writer.attach( "/lumen/lagging" );
+      for ( uint32_t n = 0; n < 129; ++n ) {
+         writer.write( HostRec::of( n, n ) );
+      }
+   }
+   uint64_t generation = 0;
+   editFile( root.file( "lumen.lagging" ), [ & ]( uint8_t* p, size_t ) {
+      generation = reinterpret_cast< Lumen::internal::ControlHeader* >( p )->generation;
+   } );
+   editFile( root.file( fmt::format( "lumen.lagging@{}", generation ) ), []( uint8_t* p, size_t ) {
+      reinterpret_cast< Lumen::internal::DataHeader* >( p )->count.store( 128 );
+   } );
+   Lumen::Writer< HostRec > successor( HostRec{}, { 64, 1u << 20, 64 } );
+   successor.attach( "/lumen/lagging" );
+   EXPECT_EQ( successor.count(), 129u );
+   EXPECT_EQ( successor.lookup( MacKey::of( 128 ) ), HostRec::of( 128, 128 ) );
+}
