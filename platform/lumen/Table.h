@@ -143,6 +143,7 @@ class Reader {
    bool mount() const;                 // maps the control segment if it exists
    const internal::SlotArray* current() const;   // current generation or null
    const internal::SlotArray* remap() const;     // current()'s slow path
+   void retire() const;                          // current_ is replaced
    internal::StuckContext stuckContext() const {
       return { control_.get(), &path_, &corruptionHandler_ };
    }
@@ -161,7 +162,10 @@ class Reader {
 
    mutable std::unique_ptr< internal::Control > control_;
    mutable internal::SlotArray current_;
-   mutable internal::SlotArray previous_;   // kept so an iteration can finish
+   // Older generations that an unfinished iteration is on, oldest first, and
+   // the tags of the generations iterations are on.
+   mutable std::vector< internal::SlotArray > retired_;
+   mutable std::vector< uint64_t > iterating_;
    std::unique_ptr< internal::Notifier > notifier_;
 
    // Dispatch state, touched only by dispatch() and the constructor.

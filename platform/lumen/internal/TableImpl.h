@@ -656,7 +656,7 @@ const internal::SlotArray* Reader< Record >::remap() const {
       }
       auto opened = internal::SlotArray::openFile( path_, layout_, generation, corruptionHandler_ );
       if ( opened ) {
-         previous_ = std::move( current_ );
+         retire();
          current_ = std::move( opened );
          return &current_;
       }
@@ -734,21 +734,55 @@ uint32_t Reader< Record >::count() const {
 
 template< class Record >
 std::optional< std::pair< Record, Hint > > Reader< Record >::next( Hint from ) const {
-   const internal::SlotArray* latest = current();
-   // An iteration begun on an older generation finishes on it: the mapping
-   // outlives the file, and the writer no longer changes it.
-   const internal::SlotArray* t = hintIsFor( previous_, from ) ? &previous_ : latest;
+   const internal::SlotArray* t = current();
+   // An iteration finishes on the generation it began on: the mapping
+   // outlives the file, and the writer no longer changes it. Resuming on a
+   // newer one would rescale the hint by hash order, which linear probing
+   // only roughly follows.
+   if ( t && from.value != 0 && !internal::hintIsFor( *t, from ) ) {
+      for ( const auto& old : retired_ ) {
+         if ( internal::hintIsFor( old, from ) ) {
+            t = &old;
+            break;
+         }
+      }
+   }
    if ( !t ) {
       return std::nullopt;
    }
+   uint64_t tag = internal::generationTag( t->generation() );
    auto ctx = stuckContext();
    Record r;
    for ( uint64_t i = internal::hintSlot( *t, from ); i < t->slotCount(); ++i ) {
       if ( Ops::read( *t, uint32_t( i ), r, ctx ) == internal::slotLive ) {
+         if ( std::find( iterating_.begin(), iterating_.end(), tag ) == iterating_.end() ) {
+            iterating_.push_back( tag );
+         }
          return std::make_pair( r, internal::makeHint( *t, i + 1 ) );
       }
    }
+   std::erase( iterating_, tag );
+   std::erase_if( retired_, [ & ]( const auto& old ) {
+      return internal::generationTag( old.generation() ) == tag;
+   } );
    return std::nullopt;
+}
+
+// current_ is being replaced: keep it while an iteration is on it. Iterations
+// abandoned midway would pin generations for good, so only the newest few are
+// kept; an iteration older than those resumes, approximately, on the newest.
+template< class Record >
+void Reader< Record >::retire() const {
+   constexpr size_t keep = 3;
+   uint64_t tag = current_ ? internal::generationTag( current_.generation() ) : 0;
+   if ( current_ && std::find( iterating_.begin(), iterating_.end(), tag ) != iterating_.end() ) {
+      if ( retired_.size() == keep ) {
+         std::erase( iterating_, internal::generationTag( retired_.front().generation() ) );
+         retired_.erase( retired_.begin() );
+      }
+      retired_.push_back( std::move( current_ ) );
+   }
+   current_ = {};
 }
 
 template< class Record >

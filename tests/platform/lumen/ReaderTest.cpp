@@ -47,14 +47,18 @@ TEST( LumenReader, LappedReaderResynchronisesAcrossGrowthAndShrink ) {
    }
 
    // Far more changes than the 8-entry feed holds: removals of keys the reader
-   // knew, growth to a new generation halfway through its iteration, keys that
-   // come and go unseen, then a shrink.
+   // knew, growth through several generations halfway through its iteration
+   // (with lookups between them, which map the newer ones), keys that come
+   // and go unseen, then a shrink.
    uint32_t initial = writer.capacity();
    for ( uint32_t n = 0; n < 60; n += 2 ) {
       writer.remove( MacKey::of( n ) );
    }
    for ( uint32_t n = 1000; n < 1400; ++n ) {
       writer.write( HostRec::of( n, 1 ) );
+      if ( n % 64 == 0 ) {
+         EXPECT_EQ( reader.lookup( MacKey::of( n ) ), HostRec::of( n, 1 ) );
+      }
    }
    uint32_t grown = writer.capacity();
    ASSERT_GT( grown, initial );
