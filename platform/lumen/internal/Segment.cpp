@@ -489,6 +489,54 @@ MountStatus statusOf( const ControlHeader& h ) {
 
 }  // namespace
 
+namespace {
+
+// Writer locks are flocks, which belong to an open file description that a
+// fork() shares with the child: a child that outlived its writer parent would
+// keep the table locked with nobody writing. The child therefore swaps each
+// lock descriptor for /dev/null right after fork (an exec closes them anyway:
+// they are close-on-exec). Plain atomics: the child handler must be
+// async-signal-safe, and may not take a lock another thread held at fork.
+constexpr size_t maxLockFds = 256;
+std::atomic< int > lockFds[ maxLockFds ];
+
+void releaseLocksInChild() {
+   int null = ::open( "/dev/null", O_RDONLY | O_CLOEXEC );
+   for ( auto& slot : lockFds ) {
+      int fd = slot.load( std::memory_order_relaxed );
+      if ( fd > 0 && null >= 0 ) {
+         ::dup3( null, fd, O_CLOEXEC );
+      }
+      slot.store( 0, std::memory_order_relaxed );
+   }
+   if ( null >= 0 ) {
+      ::close( null );
+   }
+}
+
+void registerLockFd( int fd ) {
+   static const int registered = ::pthread_atfork( nullptr, nullptr, releaseLocksInChild );
+   (void)registered;
+   for ( auto& slot : lockFds ) {
+      int free = 0;
+      if ( slot.compare_exchange_strong( free, fd ) ) {
+         return;
+      }
+   }
+   // More writers than slots: those beyond keep the old behaviour.
+}
+
+void unregisterLockFd( int fd ) {
+   for ( auto& slot : lockFds ) {
+      int mine = fd;
+      if ( slot.compare_exchange_strong( mine, 0 ) ) {
+         return;
+      }
+   }
+}
+
+}  // namespace
+
 std::unique_ptr< Control > Control::openForWriter( const std::string& path,
                                                    const RecordLayout& layout,
                                                    uint32_t feedCapacity,
@@ -529,7 +577,21 @@ std::unique_ptr< Control > Control::openForWriter( const std::string& path,
       MOX_THROW( WriterConflictException, "Lumen table {} already has a live writer (pid {})", path,
                  pid );
    }
-   c->map_ = mapFd( c->fd_, actual, true );
+   registerLockFd( c->fd_ );
+   // Mapped through a second open file description: a mapping holds its
+   // description, and one that shares the locked description would keep the
+   // lock alive in a forked child.
+   int mapFdesc = ::open( name.c_str(), O_RDWR | O_CLOEXEC );
+   if ( mapFdesc < 0 ) {
+      MOX_THROW( Mox::Exception, "Lumen cannot open {}: {}", name, errnoText() );
+   }
+   try {
+      c->map_ = mapFd( mapFdesc, actual, true );
+   } catch ( ... ) {
+      ::close( mapFdesc );
+      throw;
+   }
+   ::close( mapFdesc );
    std::string problem = checkControl( c->header(), actual, layout );
    if ( !problem.empty() ) {
       raiseCorruption( handler, fmt::format( "Lumen table {}: {}", path, problem ) );
@@ -584,7 +646,8 @@ Control::~Control() {
       }
    }
    if ( fd_ >= 0 ) {
-      ::close( fd_ );   // releases the writer lock
+      unregisterLockFd( fd_ );   // first: a fork meanwhile must not touch a reused number
+      ::close( fd_ );            // releases the writer lock
    }
 }
 

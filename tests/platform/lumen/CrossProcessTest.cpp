@@ -129,9 +129,20 @@ TEST( LumenCrossProcess, OneLiveWriterAndAKilledOneIsTakenOver ) {
    reader.onQuiescedIs( [ & ]( bool q ) { quiesced.push_back( q ); } );
    reader.onKeyIs( []( const MacKey& ) {} );
 
-   pid_t child = startChild( [] {
+   auto* helper = static_cast< std::atomic< pid_t >* >(
+      ::mmap( nullptr, sizeof( pid_t ), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0 ) );
+   pid_t child = startChild( [ helper ] {
       Lumen::Writer< HostRec > writer( HostRec{}, { 64, 1u << 20, 64 } );
       writer.attach( "/lumen/crash" );
+      // A helper forked without exec outlives the writer: it must not keep
+      // the table locked.
+      pid_t pid = ::fork();
+      if ( pid == 0 ) {
+         ::close( 1 ), ::close( 2 );   // holds no test output open if left behind
+         ::sleep( 30 );
+         ::_exit( 0 );
+      }
+      helper->store( pid );
       for ( uint32_t counter = 0;; ++counter ) {
          writer.write( HostRec::of( counter % 500, counter ) );
          if ( counter % 7 == 0 ) {
@@ -165,8 +176,11 @@ TEST( LumenCrossProcess, OneLiveWriterAndAKilledOneIsTakenOver ) {
    }
    EXPECT_LE( reported.size(), 1u );
 
+   ASSERT_GT( helper->load(), 0 );
    Lumen::Writer< HostRec > successor;
    successor.attach( "/lumen/crash" );
+   ::kill( helper->load(), SIGKILL );
+   ::munmap( helper, sizeof( pid_t ) );
    expectRefused( ::getpid() );
    // Only the one record the dead writer was changing may differ: dropped
    // if it died mid-copy, or counted now if it died before bumping the count.
