@@ -2,8 +2,8 @@
 // table writer and reader (platform/lumen/Table.h).
 //
 // Owned by the host program. rootIs() is meant to be called once at start-up
-// (or per test) before tables are opened; it is guarded by a mutex but tables
-// already open keep the files they opened.
+// (or per test) before tables are opened; it is guarded by a mutex, and a
+// table already open keeps the root it was opened under, for all its files.
 #pragma once
 
 #include "platform/mox/Exception.h"

@@ -1,10 +1,12 @@
 // Lumen tables: typed hash tables in POSIX shared memory, written by one
 // process and read, lock-free, by any number of others that map them by path.
 //
-// Ownership: a table's files live under Lumen::root(); the Writer bound to a
-// path owns them while it is attached (an exclusive flock on the control file;
-// a dead writer's lock is released by the kernel, so the next writer takes
-// over). Content outlives writers: detaching or dying leaves it in place.
+// Ownership: a table's files live under the Lumen::root() of when its writer
+// attached (a reader looks under the root of when it was made). The Writer
+// bound to a path owns them while it is attached (an exclusive flock on the
+// control file; a dead writer's lock is released by the kernel, so the next
+// writer takes over). Content outlives writers: detaching or dying leaves it
+// in place.
 //
 // Threading: a Writer is used from one thread. A Reader is used from one
 // thread (its lookups and dispatch()). The writer makes a reader's fd()
@@ -95,6 +97,7 @@ class Writer {
    Record default_;
    Options options_;
    std::string path_;
+   std::string root_;   // Lumen::root() when attached
    CorruptionHandler corruptionHandler_;
    internal::RecordLayout layout_;
    internal::SlotArray table_;                    // current generation
@@ -153,6 +156,7 @@ class Reader {
    void gather();                                // queues what changed
 
    std::string path_;
+   std::string root_;   // Lumen::root() when constructed
    Record default_;
    internal::RecordLayout layout_;
    CorruptionHandler corruptionHandler_;

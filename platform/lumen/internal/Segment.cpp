@@ -208,16 +208,16 @@ void raiseCorruption( const CorruptionHandler& handler, std::string message ) {
    MOX_THROW( Fable::CorruptionDetectedException, "{}", message );
 }
 
-std::string controlFileName( const std::string& path ) {
-   return fmt::format( "{}/{}", root(), flatName( path ) );
+std::string controlFileName( const std::string& root, const std::string& path ) {
+   return fmt::format( "{}/{}", root, flatName( path ) );
 }
 
-std::string dataFileName( const std::string& path, uint64_t generation ) {
-   return fmt::format( "{}/{}@{}", root(), flatName( path ), generation );
+std::string dataFileName( const std::string& root, const std::string& path, uint64_t generation ) {
+   return fmt::format( "{}/{}@{}", root, flatName( path ), generation );
 }
 
-std::string wakeFileName( const std::string& path ) {
-   return fmt::format( "{}/{}@wake", root(), flatName( path ) );
+std::string wakeFileName( const std::string& root, const std::string& path ) {
+   return fmt::format( "{}/{}@wake", root, flatName( path ) );
 }
 
 std::string readerSocketName( const std::string& root, uint32_t pid, uint32_t nonce ) {
@@ -358,11 +358,12 @@ SlotArray SlotArray::createAnonymous( const RecordLayout& layout, uint32_t capac
    return fromMapping( std::move( map ), layout, {} );
 }
 
-SlotArray SlotArray::createFile( const std::string& path, const RecordLayout& layout,
+SlotArray SlotArray::createFile( const std::string& root, const std::string& path,
+                                 const RecordLayout& layout,
                                  uint32_t capacity, uint64_t generation ) {
    uint32_t slots = slotCountFor( capacity );
    size_t size = dataSize( layout, slots );
-   std::string name = dataFileName( path, generation );
+   std::string name = dataFileName( root, path, generation );
    // A leftover of a writer that died before publishing this generation.
    ::unlink( name.c_str() );
    int fd = ::open( name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, fileMode );
@@ -380,9 +381,10 @@ SlotArray SlotArray::createFile( const std::string& path, const RecordLayout& la
    return fromMapping( std::move( map ), layout, name );
 }
 
-SlotArray SlotArray::openFile( const std::string& path, const RecordLayout& layout,
+SlotArray SlotArray::openFile( const std::string& root, const std::string& path,
+                               const RecordLayout& layout,
                                uint64_t generation, const CorruptionHandler& handler ) {
-   std::string name = dataFileName( path, generation );
+   std::string name = dataFileName( root, path, generation );
    int fd = ::open( name.c_str(), O_RDONLY | O_CLOEXEC );
    if ( fd < 0 ) {
       return {};
@@ -537,11 +539,11 @@ void unregisterLockFd( int fd ) {
 
 }  // namespace
 
-std::unique_ptr< Control > Control::openForWriter( const std::string& path,
+std::unique_ptr< Control > Control::openForWriter( const std::string& root, const std::string& path,
                                                    const RecordLayout& layout,
                                                    uint32_t feedCapacity,
                                                    const CorruptionHandler& handler ) {
-   std::string name = controlFileName( path );
+   std::string name = controlFileName( root, path );
    if ( feedCapacity == 0 || feedCapacity > maxFeedCapacity ) {
       MOX_THROW( Mox::Exception, "Lumen feed capacity {} out of range", feedCapacity );
    }
@@ -599,8 +601,8 @@ std::unique_ptr< Control > Control::openForWriter( const std::string& path,
    c->feedCapacity_ = c->header().feedCapacity;
    c->feedEntrySize_ = c->header().feedEntrySize;
    c->keySize_ = layout.keySize;
-   c->root_ = root();
-   c->wake_ = openWakeWord( wakeFileName( path ) );
+   c->root_ = root;
+   c->wake_ = openWakeWord( wakeFileName( root, path ) );
    if ( c->wake_ ) {
       c->fenceFree_ = registerFenceFreeWriter();
       wakeHeader( c->wake_ ).writerFenceFree.store( c->fenceFree_ ? 1 : 0, std::memory_order_relaxed );
@@ -611,10 +613,10 @@ std::unique_ptr< Control > Control::openForWriter( const std::string& path,
    return c;
 }
 
-std::unique_ptr< Control > Control::openForReader( const std::string& path,
+std::unique_ptr< Control > Control::openForReader( const std::string& root, const std::string& path,
                                                    const RecordLayout& layout,
                                                    const CorruptionHandler& handler ) {
-   std::string name = controlFileName( path );
+   std::string name = controlFileName( root, path );
    int fd = ::open( name.c_str(), O_RDONLY | O_CLOEXEC );
    if ( fd < 0 ) {
       return nullptr;
@@ -885,8 +887,10 @@ std::atomic< uint32_t > nextSocketNonce{ 1 };
 
 }  // namespace
 
-Notifier::Notifier( const std::string& path, uint64_t seenHead, MountStatus seenStatus )
-   : wakeName_( wakeFileName( path ) ), controlName_( controlFileName( path ) ),
+Notifier::Notifier( const std::string& root, const std::string& path, uint64_t seenHead,
+                    MountStatus seenStatus )
+   : wakeName_( wakeFileName( root, path ) ), controlName_( controlFileName( root, path ) ),
+     root_( root ),
      lastHead_( seenHead ), lastStatus_( seenStatus ) {
    openSockets();
    if ( openWake() && !socketName_.empty() ) {
@@ -919,7 +923,6 @@ Notifier::~Notifier() {
 }
 
 void Notifier::openSockets() {
-   root_ = root();
    nonce_ = nextSocketNonce.fetch_add( 1, std::memory_order_relaxed );
    std::string name = readerSocketName( root_, uint32_t( ::getpid() ), nonce_ );
    sockaddr_un addr {};

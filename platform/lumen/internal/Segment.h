@@ -42,9 +42,10 @@ struct RecordLayout {
 // Fable::CorruptionDetectedException with it.
 [[noreturn]] void raiseCorruption( const CorruptionHandler& handler, std::string message );
 
-std::string controlFileName( const std::string& path );
-std::string dataFileName( const std::string& path, uint64_t generation );
-std::string wakeFileName( const std::string& path );
+// Where table `path`'s files live under `root`.
+std::string controlFileName( const std::string& root, const std::string& path );
+std::string dataFileName( const std::string& root, const std::string& path, uint64_t generation );
+std::string wakeFileName( const std::string& root, const std::string& path );
 // Where reader `pid` binds the wake-up socket numbered `nonce`.
 std::string readerSocketName( const std::string& root, uint32_t pid, uint32_t nonce );
 
@@ -91,11 +92,13 @@ class SlotArray {
    SlotArray() = default;
    static SlotArray createAnonymous( const RecordLayout& layout, uint32_t capacity,
                                      uint64_t generation );
-   static SlotArray createFile( const std::string& path, const RecordLayout& layout,
+   static SlotArray createFile( const std::string& root, const std::string& path,
+                                const RecordLayout& layout,
                                 uint32_t capacity, uint64_t generation );
    // Maps generation `generation` read-only and checks its header against the
    // layout and the file size. Empty result if the file does not exist.
-   static SlotArray openFile( const std::string& path, const RecordLayout& layout,
+   static SlotArray openFile( const std::string& root, const std::string& path,
+                              const RecordLayout& layout,
                               uint64_t generation, const CorruptionHandler& handler );
    static uint32_t slotCountFor( uint32_t capacity );
 
@@ -136,12 +139,12 @@ class Control {
  public:
    // Creates or opens the control file and takes the writer lock. Throws
    // WriterConflictException when a live writer holds it.
-   static std::unique_ptr< Control > openForWriter( const std::string& path,
+   static std::unique_ptr< Control > openForWriter( const std::string& root, const std::string& path,
                                                     const RecordLayout& layout,
                                                     uint32_t feedCapacity,
                                                     const CorruptionHandler& handler );
    // Maps it read-only; null if it does not exist yet.
-   static std::unique_ptr< Control > openForReader( const std::string& path,
+   static std::unique_ptr< Control > openForReader( const std::string& root, const std::string& path,
                                                     const RecordLayout& layout,
                                                     const CorruptionHandler& handler );
    ~Control();
@@ -231,7 +234,7 @@ class Notifier {
  public:
    static constexpr int statusPollMs = 100;
 
-   Notifier( const std::string& path, uint64_t seenHead, MountStatus seenStatus );
+   Notifier( const std::string& root, const std::string& path, uint64_t seenHead, MountStatus seenStatus );
    ~Notifier();
    int fd() const { return recvFd_; }
    bool registered() const { return slot_ != nullptr; }

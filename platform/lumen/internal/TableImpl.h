@@ -239,12 +239,14 @@ void Writer< Record >::attach( const std::string& path ) {
    if ( attached() ) {
       detach();
    }
+   std::string root = Lumen::root();   // kept: later generations go where this one went
    auto control =
-      internal::Control::openForWriter( path, layout_, options_.feedCapacity, corruptionHandler_ );
+      internal::Control::openForWriter( root, path, layout_, options_.feedCapacity,
+                                        corruptionHandler_ );
    uint64_t oldGeneration = control->header().generation.load( std::memory_order_acquire );
    internal::SlotArray old;
    if ( oldGeneration != 0 ) {
-      old = internal::SlotArray::openFile( path, layout_, oldGeneration, corruptionHandler_ );
+      old = internal::SlotArray::openFile( root, path, layout_, oldGeneration, corruptionHandler_ );
       if ( !old ) {
          internal::raiseCorruption(
             corruptionHandler_,
@@ -269,7 +271,7 @@ void Writer< Record >::attach( const std::string& path ) {
       capacity *= 2;
    }
    capacity = std::min< uint64_t >( capacity, options_.maxCapacity );
-   auto next = internal::SlotArray::createFile( path, layout_, uint32_t( capacity ),
+   auto next = internal::SlotArray::createFile( root, path, layout_, uint32_t( capacity ),
                                                 oldGeneration + 1 );
    uint32_t count = 0;
    auto copyFrom = [ & ]( const internal::SlotArray& from ) {
@@ -302,7 +304,7 @@ void Writer< Record >::attach( const std::string& path ) {
    }
    if ( oldGeneration > 1 ) {
       // Left behind by a writer that died between a flip and its unlink.
-      ::unlink( internal::dataFileName( path, oldGeneration - 1 ).c_str() );
+      ::unlink( internal::dataFileName( root, path, oldGeneration - 1 ).c_str() );
    }
    control->markAttached();
    // Readers rescan: the previous writer may have died between changing a
@@ -312,6 +314,7 @@ void Writer< Record >::attach( const std::string& path ) {
    control_ = std::move( control );
    table_ = std::move( next );
    path_ = path;
+   root_ = root;
 }
 
 template< class Record >
@@ -359,7 +362,8 @@ uint32_t Writer< Record >::shrinkTarget() const {
 template< class Record >
 void Writer< Record >::rebuild( uint32_t newCapacity ) {
    uint64_t generation = table_.generation() + 1;
-   auto next = control_ ? internal::SlotArray::createFile( path_, layout_, newCapacity, generation )
+   auto next = control_ ? internal::SlotArray::createFile( root_, path_, layout_, newCapacity,
+                                                           generation )
                         : internal::SlotArray::createAnonymous( layout_, newCapacity, generation );
    uint32_t count = 0;
    for ( uint32_t i = 0; i < table_.slotCount(); ++i ) {
@@ -577,8 +581,8 @@ void Writer< Record >::sanityCheck() const {
 
 template< class Record >
 Reader< Record >::Reader( const std::string& path, const Record& defaultValue )
-   : path_( path ), default_( defaultValue ), layout_( Ops::layout() ) {
-   internal::controlFileName( path );   // rejects a malformed path up front
+   : path_( path ), root_( root() ), default_( defaultValue ), layout_( Ops::layout() ) {
+   internal::controlFileName( root_, path );   // rejects a malformed path up front
    try {
       if ( mount() ) {
          cursor_ = control_->header().feedHead.load( std::memory_order_acquire );
@@ -590,7 +594,7 @@ Reader< Record >::Reader( const std::string& path, const Record& defaultValue )
       control_.reset();
    }
    reportedStatus_ = mountStatus();
-   notifier_ = std::make_unique< internal::Notifier >( path_, control_ ? cursor_ : 0,
+   notifier_ = std::make_unique< internal::Notifier >( root_, path_, control_ ? cursor_ : 0,
                                                        reportedStatus_ );
    armForNextChange();
 }
@@ -625,7 +629,7 @@ Reader< Record >::~Reader() = default;
 template< class Record >
 bool Reader< Record >::mount() const {
    if ( !control_ ) {
-      control_ = internal::Control::openForReader( path_, layout_, corruptionHandler_ );
+      control_ = internal::Control::openForReader( root_, path_, layout_, corruptionHandler_ );
    }
    return control_ != nullptr;
 }
@@ -654,7 +658,8 @@ const internal::SlotArray* Reader< Record >::remap() const {
       if ( current_ && current_.generation() == generation ) {
          return &current_;
       }
-      auto opened = internal::SlotArray::openFile( path_, layout_, generation, corruptionHandler_ );
+      auto opened =
+         internal::SlotArray::openFile( root_, path_, layout_, generation, corruptionHandler_ );
       if ( opened ) {
          retire();
          current_ = std::move( opened );

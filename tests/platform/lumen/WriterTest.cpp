@@ -8,6 +8,7 @@
 #include <sched.h>
 #include <sys/mount.h>
 
+#include <filesystem>
 #include <map>
 #include <random>
 #include <string>
@@ -209,4 +210,22 @@ TEST( LumenWriter, TakeoverSizesTheCopyByLiveSlotsNotByTheCount ) {
    successor.attach( "/lumen/lagging" );
    EXPECT_EQ( successor.count(), 129u );
    EXPECT_EQ( successor.lookup( MacKey::of( 128 ) ), HostRec::of( 128, 128 ) );
+}
+
+// Changing the root moves no open table: a writer's later generations and a
+// reader's lookups stay where they were opened; new tables go to the new root.
+TEST( LumenWriter, OpenTablesKeepTheirRootWhenItChanges ) {
+   LumenRoot first;
+   Lumen::Writer< HostRec > writer( HostRec{}, { 64, 1u << 20, 64 } );
+   writer.attach( "/lumen/moving" );
+   Lumen::Reader< HostRec > reader( "/lumen/moving" );
+   LumenRoot second;
+   for ( uint32_t n = 0; n < 300; ++n ) {   // grows through new generations
+      writer.write( HostRec::of( n, n ) );
+   }
+   EXPECT_EQ( reader.lookup( MacKey::of( 299 ) ), HostRec::of( 299, 299 ) );
+   EXPECT_TRUE( std::filesystem::is_empty( second.dir() ) );
+   Lumen::Writer< HostRec > other;
+   other.attach( "/lumen/moving" );   // the same path under the new root: another table
+   EXPECT_EQ( other.count(), 0u );
 }
