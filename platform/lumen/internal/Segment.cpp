@@ -72,6 +72,18 @@ int reserve( int fd, size_t size ) {
    return ::posix_fallocate( fd, 0, off_t( size ) );
 }
 
+// Maps fd and closes it, whether or not the mapping succeeds (a mapping needs
+// no descriptor), so no path out of a caller leaks it.
+Mapping mapClosing( int fd, size_t size, bool writable ) {
+   void* addr = ::mmap( nullptr, size, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0 );
+   int err = errno;
+   ::close( fd );
+   if ( addr == MAP_FAILED ) {
+      MOX_THROW( Mox::Exception, "Lumen mmap of {} bytes failed: {}", size, std::strerror( err ) );
+   }
+   return Mapping( addr, size );
+}
+
 Mapping mapFd( int fd, size_t size, bool writable ) {
    void* addr = ::mmap( nullptr, size, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0 );
    if ( addr == MAP_FAILED ) {
@@ -85,7 +97,8 @@ Mapping mapFd( int fd, size_t size, bool writable ) {
 // Returns false if the name already exists.
 template< class Init >
 bool createComplete( const std::string& name, size_t size, Init init ) {
-   std::string tmp = fmt::format( "{}@new.{}", name, ::getpid() );
+   // Per thread: two threads creating one table must not share a scratch file.
+   std::string tmp = fmt::format( "{}@new.{}.{}", name, ::getpid(), thisThreadId() );
    ::unlink( tmp.c_str() );
    int fd = ::open( tmp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, fileMode );
    if ( fd < 0 ) {
@@ -96,11 +109,13 @@ bool createComplete( const std::string& name, size_t size, Init init ) {
       ::unlink( tmp.c_str() );
       MOX_THROW( Mox::Exception, "Lumen cannot size {}: {}", tmp, std::strerror( err ) );
    }
-   {
-      Mapping map = mapFd( fd, size, true );
+   try {
+      Mapping map = mapClosing( fd, size, true );
       init( map.data() );
+   } catch ( ... ) {
+      ::unlink( tmp.c_str() );
+      throw;
    }
-   ::close( fd );
    bool created = ::link( tmp.c_str(), name.c_str() ) == 0;
    int linkErrno = errno;
    ::unlink( tmp.c_str() );
@@ -375,8 +390,13 @@ SlotArray SlotArray::createFile( const std::string& root, const std::string& pat
       ::unlink( name.c_str() );
       MOX_THROW( Mox::Exception, "Lumen cannot size {}: {}", name, std::strerror( err ) );
    }
-   Mapping map = mapFd( fd, size, true );
-   ::close( fd );
+   Mapping map;
+   try {
+      map = mapClosing( fd, size, true );
+   } catch ( ... ) {
+      ::unlink( name.c_str() );
+      throw;
+   }
    initData( map.data(), layout, capacity, slots, generation );
    return fromMapping( std::move( map ), layout, name );
 }
@@ -395,8 +415,7 @@ SlotArray SlotArray::openFile( const std::string& root, const std::string& path,
       raiseCorruption( handler, fmt::format( "Lumen table {}: data segment of {} bytes is too short",
                                              path, size ) );
    }
-   Mapping map = mapFd( fd, size, false );
-   ::close( fd );
+   Mapping map = mapClosing( fd, size, false );
    std::string problem =
       checkData( *reinterpret_cast< const DataHeader* >( map.data() ), size, layout, generation );
    if ( !problem.empty() ) {
@@ -427,8 +446,12 @@ Mapping openWakeWord( const std::string& name ) {
       ::close( fd );
       return {};
    }
-   Mapping map = mapFd( fd, wakeSegmentSize, true );
-   ::close( fd );
+   Mapping map;
+   try {
+      map = mapClosing( fd, wakeSegmentSize, true );
+   } catch ( const Mox::Exception& ) {
+      return {};   // also called on a reader's thread, which must not throw
+   }
    auto* h = reinterpret_cast< WakeHeader* >( map.data() );
    h->magic = wakeMagic;
    return map;
@@ -587,13 +610,7 @@ std::unique_ptr< Control > Control::openForWriter( const std::string& root, cons
    if ( mapFdesc < 0 ) {
       MOX_THROW( Mox::Exception, "Lumen cannot open {}: {}", name, errnoText() );
    }
-   try {
-      c->map_ = mapFd( mapFdesc, actual, true );
-   } catch ( ... ) {
-      ::close( mapFdesc );
-      throw;
-   }
-   ::close( mapFdesc );
+   c->map_ = mapClosing( mapFdesc, actual, true );
    std::string problem = checkControl( c->header(), actual, layout );
    if ( !problem.empty() ) {
       raiseCorruption( handler, fmt::format( "Lumen table {}: {}", path, problem ) );
@@ -629,8 +646,7 @@ std::unique_ptr< Control > Control::openForReader( const std::string& root, cons
    }
    std::unique_ptr< Control > c( new Control );
    c->path_ = path;
-   c->map_ = mapFd( fd, size, false );
-   ::close( fd );
+   c->map_ = mapClosing( fd, size, false );
    std::string problem = checkControl( c->header(), size, layout );
    if ( !problem.empty() ) {
       raiseCorruption( handler, fmt::format( "Lumen table {}: {}", path, problem ) );
@@ -1034,13 +1050,17 @@ bool Notifier::openControl() {
    if ( fd < 0 ) {
       return false;
    }
-   if ( fileSize( fd ) >= sizeof( ControlHeader ) ) {
-      Mapping m = mapFd( fd, sizeof( ControlHeader ), false );
+   if ( fileSize( fd ) < sizeof( ControlHeader ) ) {
+      ::close( fd );
+      return false;
+   }
+   try {   // on the reader's thread, which must not throw
+      Mapping m = mapClosing( fd, sizeof( ControlHeader ), false );
       if ( reinterpret_cast< const ControlHeader* >( m.data() )->magic == controlMagic ) {
          control_ = std::move( m );
       }
+   } catch ( const Mox::Exception& ) {
    }
-   ::close( fd );
    return bool( control_ );
 }
 
