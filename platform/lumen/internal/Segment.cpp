@@ -75,19 +75,12 @@ int reserve( int fd, size_t size ) {
 // Maps fd and closes it, whether or not the mapping succeeds (a mapping needs
 // no descriptor), so no path out of a caller leaks it.
 Mapping mapClosing( int fd, size_t size, bool writable ) {
-   void* addr = ::mmap( nullptr, size, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0 );
+   int prot = writable ? PROT_READ | PROT_WRITE : PROT_READ;
+   void* addr = ::mmap( nullptr, size, prot, MAP_SHARED, fd, 0 );
    int err = errno;
    ::close( fd );
    if ( addr == MAP_FAILED ) {
       MOX_THROW( Mox::Exception, "Lumen mmap of {} bytes failed: {}", size, std::strerror( err ) );
-   }
-   return Mapping( addr, size );
-}
-
-Mapping mapFd( int fd, size_t size, bool writable ) {
-   void* addr = ::mmap( nullptr, size, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0 );
-   if ( addr == MAP_FAILED ) {
-      MOX_THROW( Mox::Exception, "Lumen mmap of {} bytes failed: {}", size, errnoText() );
    }
    return Mapping( addr, size );
 }
@@ -597,8 +590,11 @@ std::unique_ptr< Control > Control::openForWriter( const std::string& root, cons
                                              "short", path, actual ) );
    }
    if ( ::flock( c->fd_, LOCK_EX | LOCK_NB ) != 0 ) {
-      Mapping peek = mapFd( c->fd_, sizeof( ControlHeader ), false );
-      uint32_t pid = reinterpret_cast< const ControlHeader* >( peek.data() )->writerPid.load();
+      uint32_t pid = 0;
+      if ( ::pread( c->fd_, &pid, sizeof( pid ), offsetof( ControlHeader, writerPid ) ) !=
+           ssize_t( sizeof( pid ) ) ) {
+         pid = 0;
+      }
       MOX_THROW( WriterConflictException, "Lumen table {} already has a live writer (pid {})", path,
                  pid );
    }
