@@ -154,6 +154,7 @@ class Reader {
    void armForNextChange();                      // end of dispatch()
    bool readFeed( std::vector< Key >& keys );    // false: lapped
    void gather();                                // queues what changed
+   void remount();                               // the table was replaced
 
    std::string path_;
    std::string root_;   // Lumen::root() when constructed

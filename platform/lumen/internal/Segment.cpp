@@ -248,6 +248,22 @@ uint32_t thisThreadId() {
    return cachedTid;
 }
 
+FileIdentity identityOf( int fd ) {
+   struct stat st {};
+   if ( ::fstat( fd, &st ) != 0 ) {
+      return {};
+   }
+   return { uint64_t( st.st_dev ), uint64_t( st.st_ino ) };
+}
+
+bool fileReplaced( const std::string& name, const FileIdentity& mapped ) {
+   struct stat st {};
+   if ( ::stat( name.c_str(), &st ) != 0 ) {
+      return errno == ENOENT;
+   }
+   return uint64_t( st.st_dev ) != mapped.device || uint64_t( st.st_ino ) != mapped.inode;
+}
+
 bool processAlive( uint32_t pid ) {
    if ( pid == 0 || pid > uint32_t( INT_MAX ) ) {
       return false;
@@ -580,10 +596,12 @@ std::unique_ptr< Control > Control::openForWriter( const std::string& root, cons
 
    std::unique_ptr< Control > c( new Control );
    c->path_ = path;
+   c->controlName_ = name;
    c->fd_ = ::open( name.c_str(), O_RDWR | O_CLOEXEC );
    if ( c->fd_ < 0 ) {
       MOX_THROW( Mox::Exception, "Lumen cannot open {}: {}", name, errnoText() );
    }
+   c->identity_ = identityOf( c->fd_ );
    size_t actual = fileSize( c->fd_ );
    if ( actual < sizeof( ControlHeader ) ) {
       raiseCorruption( handler, fmt::format( "Lumen table {}: control segment of {} bytes is too "
@@ -642,6 +660,8 @@ std::unique_ptr< Control > Control::openForReader( const std::string& root, cons
    }
    std::unique_ptr< Control > c( new Control );
    c->path_ = path;
+   c->controlName_ = name;
+   c->identity_ = identityOf( fd );
    c->map_ = mapClosing( fd, size, false );
    std::string problem = checkControl( c->header(), size, layout );
    if ( !problem.empty() ) {
@@ -900,10 +920,10 @@ std::atomic< uint32_t > nextSocketNonce{ 1 };
 }  // namespace
 
 Notifier::Notifier( const std::string& root, const std::string& path, uint64_t seenHead,
-                    MountStatus seenStatus )
+                    MountStatus seenStatus, FileIdentity followed )
    : wakeName_( wakeFileName( root, path ) ), controlName_( controlFileName( root, path ) ),
      root_( root ),
-     lastHead_( seenHead ), lastStatus_( seenStatus ) {
+     followed_( followed ), lastHead_( seenHead ), lastStatus_( seenStatus ) {
    openSockets();
    if ( openWake() && !socketName_.empty() ) {
       claimSlot();
@@ -912,6 +932,16 @@ Notifier::Notifier( const std::string& root, const std::string& path, uint64_t s
 }
 
 Notifier::~Notifier() {
+   stopThread();
+   releaseSlot();
+   ::close( sendFd_ );
+   ::close( recvFd_ );
+   if ( !socketName_.empty() ) {
+      ::unlink( socketName_.c_str() );
+   }
+}
+
+void Notifier::stopThread() {
    {
       std::lock_guard lock( mutex_ );
       stop_ = true;
@@ -923,15 +953,40 @@ Notifier::~Notifier() {
       futexWakeAll( &wakeHeader( wake_ ).seq );
    }
    thread_.join();
+}
+
+void Notifier::releaseSlot() {
    if ( slot_ ) {
       disarm( wakeHeader( wake_ ), *slot_ );
       slot_->pid.store( 0, std::memory_order_release );
+      slot_ = nullptr;
    }
-   ::close( sendFd_ );
-   ::close( recvFd_ );
-   if ( !socketName_.empty() ) {
-      ::unlink( socketName_.c_str() );
+}
+
+void Notifier::reopen() {
+   stopThread();
+   releaseSlot();
+   wake_ = {};
+   control_ = {};
+   followed_ = {};
+   lastHead_ = 0;
+   lastStatus_ = MountStatus::unmounted;
+   {
+      std::lock_guard lock( mutex_ );
+      stop_ = false;
+      dispatched_ = false;
    }
+   if ( openWake() && !socketName_.empty() ) {
+      claimSlot();
+   }
+   thread_ = std::thread( [ this ] { run(); } );
+}
+
+// Whether the table the reader follows went away under it: only worth a
+// stat() while no writer is at work.
+bool Notifier::replacedWhileNotMounted( MountStatus status ) const {
+   return status != MountStatus::mounted && followed_.inode != 0 &&
+          fileReplaced( controlName_, followed_ );
 }
 
 void Notifier::openSockets() {
@@ -1050,6 +1105,13 @@ bool Notifier::openControl() {
       ::close( fd );
       return false;
    }
+   FileIdentity identity = identityOf( fd );
+   if ( followed_.inode != 0 && ( identity.device != followed_.device ||
+                                  identity.inode != followed_.inode ) ) {
+      ::close( fd );   // not the reader's table: watched for replacement only
+      return false;
+   }
+   followed_ = identity;
    try {   // on the reader's thread, which must not throw
       Mapping m = mapClosing( fd, sizeof( ControlHeader ), false );
       if ( reinterpret_cast< const ControlHeader* >( m.data() )->magic == controlMagic ) {
@@ -1081,12 +1143,11 @@ void Notifier::run() {
 // Registered: the writer pokes us for every change it makes, attach and
 // detach included; only its death goes unannounced.
 void Notifier::watchStatus() {
-   if ( control_ ) {
-      MountStatus status = statusOf( *reinterpret_cast< const ControlHeader* >( control_.data() ) );
-      if ( status != lastStatus_ ) {
-         lastStatus_ = status;
-         poke();
-      }
+   MountStatus status = control_ ? statusOf( *reinterpret_cast< const ControlHeader* >( control_.data() ) )
+                                 : MountStatus::waitingForWriter;
+   if ( ( control_ && status != lastStatus_ ) || replacedWhileNotMounted( status ) ) {
+      lastStatus_ = status;
+      poke();   // a replaced table: dispatch() reopens, which restarts us
    }
    std::unique_lock lock( mutex_ );
    cv_.wait_for( lock, std::chrono::milliseconds( statusPollMs ), [ this ] { return stop_; } );
@@ -1095,12 +1156,12 @@ void Notifier::watchStatus() {
 void Notifier::forwardChanges() {
    auto changed = [ this ] {
       if ( !control_ ) {
-         return false;
+         return replacedWhileNotMounted( MountStatus::waitingForWriter );
       }
       const auto& h = *reinterpret_cast< const ControlHeader* >( control_.data() );
       uint64_t head = h.feedHead.load( std::memory_order_acquire );
       MountStatus status = statusOf( h );
-      if ( head == lastHead_ && status == lastStatus_ ) {
+      if ( head == lastHead_ && status == lastStatus_ && !replacedWhileNotMounted( status ) ) {
          return false;
       }
       lastHead_ = head;

@@ -52,6 +52,15 @@ std::string wakeFileName( const std::string& root, const std::string& path );
 std::string readerSocketName( const std::string& root, uint32_t pid, uint32_t nonce );
 
 bool processAlive( uint32_t pid );
+
+// Which file a descriptor or name refers to, to notice a file replaced
+// under its name.
+struct FileIdentity {
+   uint64_t device = 0;
+   uint64_t inode = 0;
+};
+FileIdentity identityOf( int fd );
+bool fileReplaced( const std::string& name, const FileIdentity& mapped );
 uint32_t thisThreadId();   // cached per thread
 void futexWakeAll( std::atomic< uint32_t >* word );
 void futexWait( std::atomic< uint32_t >* word, uint32_t expected, int timeoutMs );
@@ -155,6 +164,10 @@ class Control {
    const std::string& path() const { return path_; }
    uint32_t feedCapacity() const { return feedCapacity_; }
    MountStatus status() const;
+   // True when the file under the table's name is no longer the one mapped
+   // (removed, or removed and created anew): a stat() per call.
+   bool replaced() const { return fileReplaced( controlName_, identity_ ); }
+   const FileIdentity& identity() const { return identity_; }
 
    // Writer side.
    // Called before each change: records the calling thread if it is not the
@@ -190,6 +203,8 @@ class Control {
    void poke( uint32_t i, ReaderSlot& slot );
 
    std::string path_;
+   std::string controlName_;
+   FileIdentity identity_;   // of the file mapped
    std::string root_;   // writer only: where readers' sockets live
    int fd_ = -1;
    Mapping map_;
@@ -239,7 +254,9 @@ class Notifier {
  public:
    static constexpr int statusPollMs = 100;
 
-   Notifier( const std::string& root, const std::string& path, uint64_t seenHead, MountStatus seenStatus );
+   // `followed`: the control file the reader has mapped, if any.
+   Notifier( const std::string& root, const std::string& path, uint64_t seenHead,
+             MountStatus seenStatus, FileIdentity followed );
    ~Notifier();
    int fd() const { return recvFd_; }
    bool registered() const { return slot_ != nullptr; }
@@ -250,6 +267,8 @@ class Notifier {
    bool arm();
    void poke();         // makes fd() readable
    void dispatched();   // fallback thread: dispatch() ran, it may sleep again
+   // The table's files were replaced: registers with the new ones. fd() stays.
+   void reopen();   // the reader follows no control file now
 
  private:
    void openSockets();
@@ -259,6 +278,9 @@ class Notifier {
    void forwardChanges();
    bool openWake();
    bool openControl();
+   void stopThread();
+   void releaseSlot();
+   bool replacedWhileNotMounted( MountStatus status ) const;
 
    std::string wakeName_;
    std::string controlName_;
@@ -269,6 +291,7 @@ class Notifier {
    int sendFd_ = -1;          // connected to recvFd_, for poke()
    Mapping wake_;
    Mapping control_;
+   FileIdentity followed_;    // thread only after construction; none: any
    ReaderSlot* slot_ = nullptr;
    uint64_t lastHead_;        // thread only
    MountStatus lastStatus_;   // thread only

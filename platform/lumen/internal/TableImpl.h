@@ -599,8 +599,9 @@ Reader< Record >::Reader( const std::string& path, const Record& defaultValue )
       control_.reset();
    }
    reportedStatus_ = mountStatus();
-   notifier_ = std::make_unique< internal::Notifier >( root_, path_, control_ ? cursor_ : 0,
-                                                       reportedStatus_ );
+   notifier_ = std::make_unique< internal::Notifier >(
+      root_, path_, control_ ? cursor_ : 0, reportedStatus_,
+      control_ ? control_->identity() : internal::FileIdentity{} );
    armForNextChange();
 }
 
@@ -851,8 +852,30 @@ bool Reader< Record >::readFeed( std::vector< Key >& keys ) {
    return true;
 }
 
+// The table's files were removed (and maybe created anew) under us: what it
+// held is gone, so every key told so far is announced again, and the reader
+// follows whatever table now bears the name, from a full pass.
+template< class Record >
+void Reader< Record >::remount() {
+   control_.reset();
+   current_ = {};
+   retired_.clear();
+   iterating_.clear();
+   synced_ = false;
+   notifier_->reopen();
+   pending_.push_back( { Event::quiescedTrue, {}, {} } );
+   for ( const Key& k : known_ ) {
+      pending_.push_back( { Event::changed, k, {} } );
+   }
+   pending_.push_back( { Event::quiescedFalse, {}, {} } );
+   known_.clear();
+}
+
 template< class Record >
 void Reader< Record >::gather() {
+   if ( control_ && control_->status() != MountStatus::mounted && control_->replaced() ) {
+      remount();
+   }
    MountStatus status = mountStatus();
    if ( status != reportedStatus_ ) {
       reportedStatus_ = status;

@@ -1,10 +1,11 @@
 // Reader behaviour within one process: resynchronisation after the feed laps
 // it, generations that change under an iteration, and change callbacks
-// (coalesced, re-entered, throwing).
+// (coalesced, re-entered, throwing), a table replaced under the reader.
 #include "tests/platform/lumen/LumenTestSupport.h"
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <map>
 #include <set>
 #include <stdexcept>
@@ -175,4 +176,45 @@ TEST( LumenReader, AThrowInsideDispatchLosesNothingAndKeepsFdAlive ) {
    reader.dispatch();
    EXPECT_EQ( quiesced, ( std::vector< bool >{ true, false } ) );
    EXPECT_EQ( announced.size(), 39u );   // 40 present keys, one taken by the throw
+}
+
+// Removing a table's files under a reader: what it held is announced gone,
+// and the reader wakes by itself for the table created anew under the name.
+TEST( LumenReader, AReplacedTableIsAnnouncedGoneAndTheNewOneFollowed ) {
+   LumenRoot root;
+   auto writer = std::make_unique< Lumen::Writer< HostRec > >();
+   writer->attach( "/lumen/replaced" );
+   writer->write( HostRec::of( 1, 1 ) );
+   Lumen::Reader< HostRec > reader( "/lumen/replaced" );
+   std::vector< MacKey > keys;
+   std::vector< Lumen::MountStatus > statuses;
+   reader.onKeyIs( [ & ]( const MacKey& k ) { keys.push_back( k ); } );
+   reader.onMountStatusIs( [ & ]( Lumen::MountStatus s ) { statuses.push_back( s ); } );
+   writer.reset();
+   ASSERT_TRUE( readable( reader.fd(), 2000 ) );
+   reader.dispatch();   // detached
+   std::vector< std::filesystem::path > files;
+   for ( const auto& e : std::filesystem::directory_iterator( root.dir() ) ) {
+      files.push_back( e.path() );
+   }
+   for ( const auto& f : files ) {
+      std::filesystem::remove( f );
+   }
+   ASSERT_TRUE( readable( reader.fd(), 2000 ) ) << "the removal went unnoticed";
+   reader.dispatch();
+   EXPECT_EQ( keys, std::vector< MacKey >{ MacKey::of( 1 ) } );
+   EXPECT_EQ( reader.lookup( MacKey::of( 1 ) ), HostRec{} );
+   EXPECT_EQ( statuses.back(), Lumen::MountStatus::waitingForWriter );
+
+   keys.clear();
+   Lumen::Writer< HostRec > again;
+   again.attach( "/lumen/replaced" );
+   again.write( HostRec::of( 2, 2 ) );
+   for ( int i = 0; i < 3 && keys.empty(); ++i ) {
+      ASSERT_TRUE( readable( reader.fd(), 2000 ) ) << "the new table did not wake the reader";
+      reader.dispatch();
+   }
+   EXPECT_EQ( keys, std::vector< MacKey >{ MacKey::of( 2 ) } );
+   EXPECT_EQ( reader.lookup( MacKey::of( 2 ) ), HostRec::of( 2, 2 ) );
+   EXPECT_EQ( statuses.back(), Lumen::MountStatus::mounted );
 }
