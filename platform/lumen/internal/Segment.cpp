@@ -271,9 +271,9 @@ bool processAlive( uint32_t pid ) {
    return ::kill( pid_t( pid ), 0 ) == 0 || errno == EPERM;
 }
 
-void futexWakeAll( std::atomic< uint32_t >* word ) {
-   ::syscall( SYS_futex, reinterpret_cast< uint32_t* >( word ), FUTEX_WAKE, INT_MAX, nullptr,
-              nullptr, 0 );
+int futexWakeAll( std::atomic< uint32_t >* word ) {
+   return int( ::syscall( SYS_futex, reinterpret_cast< uint32_t* >( word ), FUTEX_WAKE, INT_MAX,
+                          nullptr, nullptr, 0 ) );
 }
 
 void futexWait( std::atomic< uint32_t >* word, uint32_t expected, int timeoutMs ) {
@@ -742,9 +742,21 @@ void Control::wake() {
    if ( w.armedCount.load( std::memory_order_relaxed ) != 0 ) {
       pokeArmedReaders();
    }
-   if ( w.sleepers.load( std::memory_order_relaxed ) != 0 ) {
+   uint32_t sleepers = w.sleepers.load( std::memory_order_relaxed );
+   if ( sleepers != 0 && sleepers != deadSleepers_ ) {
       w.seq.fetch_add( 1, std::memory_order_seq_cst );
-      futexWakeAll( &w.seq );
+      // A live sleeper is caught by some wake within a second of changes; a
+      // count that none catches belongs to a reader killed mid-sleep. Not
+      // waking it costs a live one nothing it cannot see itself: its wait is
+      // bounded, and it re-checks the feed after it.
+      if ( futexWakeAll( &w.seq ) > 0 ) {
+         missedSince_ = {};
+      } else if ( missedSince_ == std::chrono::steady_clock::time_point{} ) {
+         missedSince_ = std::chrono::steady_clock::now();
+      } else if ( std::chrono::steady_clock::now() - missedSince_ > std::chrono::seconds( 1 ) ) {
+         deadSleepers_ = sleepers;
+         missedSince_ = {};
+      }
    }
 }
 

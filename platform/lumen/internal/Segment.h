@@ -62,7 +62,7 @@ struct FileIdentity {
 FileIdentity identityOf( int fd );
 bool fileReplaced( const std::string& name, const FileIdentity& mapped );
 uint32_t thisThreadId();   // cached per thread
-void futexWakeAll( std::atomic< uint32_t >* word );
+int futexWakeAll( std::atomic< uint32_t >* word );   // how many woke
 void futexWait( std::atomic< uint32_t >* word, uint32_t expected, int timeoutMs );
 inline uint32_t mixHash( uint32_t h ) {
    // Final mixer of MurmurHash3: homes use the high bits of the product, so
@@ -212,6 +212,11 @@ class Control {
    Peer peers_[ wakeReaderSlots ];   // writer only, by registration index
    bool fenceFree_ = false;   // writer only: readers issue the barrier
    pthread_t lastThread_ {};  // writer only: whose tid is in the header
+   // Writer only: a sleeper count that futex wakes found nobody behind for a
+   // while (a fallback reader killed while counted); not woken for again
+   // until the count changes. ~0u: none.
+   uint32_t deadSleepers_ = ~0u;
+   std::chrono::steady_clock::time_point missedSince_ {};
    uint32_t feedCapacity_ = 0;
    uint32_t feedEntrySize_ = 0;
    uint32_t keySize_ = 0;

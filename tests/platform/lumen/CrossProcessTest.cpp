@@ -277,3 +277,58 @@ TEST( LumenCrossProcess, EveryChangeWakesAnIdleReaderAndRegistrationsAreFreed ) 
       EXPECT_NE( ::access( name.c_str(), F_OK ), 0 );
    }
 }
+
+// A reader that cannot register (its socket name would be too long) sleeps on
+// the wake word, counted in `sleepers`; killed there, it stays counted. The
+// writer must stop paying a futex wake per change for it within a second or
+// so, and a live sleeper must still be served.
+TEST( LumenCrossProcess, AFallbackReaderKilledAsleepStopsCostingTheWriter ) {
+   LumenRoot base;
+   std::string longRoot = base.dir() + "/" + std::string( 90, 'r' );
+   ASSERT_EQ( ::mkdir( longRoot.c_str(), 0700 ), 0 );
+   Lumen::rootIs( longRoot );
+   Lumen::Writer< HostRec > writer;
+   writer.attach( "/lumen/sleepers" );
+   auto startReader = [] {
+      return startChild( [] {
+         Lumen::Reader< HostRec > reader( "/lumen/sleepers" );
+         for ( ;; ) {
+            readable( reader.fd(), 1000 );
+            reader.dispatch();
+            if ( reader.contains( MacKey::of( 999 ) ) ) {
+               return 0;
+            }
+         }
+      } );
+   };
+   pid_t child = startReader();
+   int fd = ::open( ( longRoot + "/lumen.sleepers@wake" ).c_str(), O_RDWR );
+   ASSERT_GE( fd, 0 );
+   auto* wake = static_cast< li::WakeHeader* >(
+      ::mmap( nullptr, li::wakeSegmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0 ) );
+   ::close( fd );
+   for ( int i = 0; i < 5000 && wake->sleepers.load() == 0; ++i ) {
+      ::usleep( 1000 );
+   }
+   ASSERT_EQ( wake->sleepers.load(), 1u ) << "the reader never fell back to its thread";
+   ::kill( child, SIGKILL );
+   EXPECT_EQ( waitChild( child ), 128 + SIGKILL );
+   for ( uint32_t n = 0; n < 150; ++n ) {   // 1.5 s of changes
+      writer.write( HostRec::of( n, n ) );
+      ::usleep( 10000 );
+   }
+   uint32_t seq = wake->seq.load();
+   for ( uint32_t n = 0; n < 10; ++n ) {
+      writer.write( HostRec::of( n, n + 1 ) );
+   }
+   EXPECT_EQ( wake->seq.load(), seq ) << "still waking the futex for a dead reader";
+   child = startReader();   // a live sleeper is woken again
+   for ( int i = 0; i < 5000 && wake->sleepers.load() != 2; ++i ) {
+      ::usleep( 1000 );
+   }
+   writer.write( HostRec::of( 999, 1 ) );
+   EXPECT_EQ( waitChild( child ), 0 );
+   EXPECT_NE( wake->seq.load(), seq );
+   ::munmap( wake, li::wakeSegmentSize );
+   Lumen::rootIs( base.dir() );
+}
