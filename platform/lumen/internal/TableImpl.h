@@ -873,10 +873,11 @@ void Reader< Record >::remount() {
 
 template< class Record >
 void Reader< Record >::gather() {
-   if ( control_ && control_->status() != MountStatus::mounted && control_->replaced() ) {
-      remount();
-   }
    MountStatus status = mountStatus();
+   if ( control_ && status != MountStatus::mounted && control_->replaced() ) {
+      remount();
+      status = mountStatus();
+   }
    if ( status != reportedStatus_ ) {
       reportedStatus_ = status;
       pending_.push_back( { Event::mountStatus, {}, status } );
