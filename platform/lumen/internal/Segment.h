@@ -272,8 +272,10 @@ class Notifier {
    bool arm();
    void poke();         // makes fd() readable
    void dispatched();   // fallback thread: dispatch() ran, it may sleep again
-   // The table's files were replaced: registers with the new ones. fd() stays.
-   void reopen();   // the reader follows no control file now
+   // The table's files were replaced: registers with whatever files bear the
+   // name now (the reader follows no control file until it mounts one); fd()
+   // stays the same.
+   void reopen();
 
  private:
    void openSockets();
