@@ -766,7 +766,9 @@ std::optional< std::pair< Record, Hint > > Reader< Record >::next( Hint from ) c
    Record r;
    for ( uint64_t i = internal::hintSlot( *t, from ); i < t->slotCount(); ++i ) {
       if ( Ops::read( *t, uint32_t( i ), r, ctx ) == internal::slotLive ) {
-         if ( std::find( iterating_.begin(), iterating_.end(), tag ) == iterating_.end() ) {
+         // Noted when an iteration arrives on t, not at every step.
+         bool arrives = ( from.value >> 40 ) != tag;
+         if ( arrives && std::find( iterating_.begin(), iterating_.end(), tag ) == iterating_.end() ) {
             iterating_.push_back( tag );
          }
          return std::make_pair( r, internal::makeHint( *t, i + 1 ) );
