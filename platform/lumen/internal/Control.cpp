@@ -1,0 +1,260 @@
+// The control segment: the table's header, the writer lock and the change
+// feed.
+#include "platform/lumen/internal/Files.h"
+#include "platform/lumen/internal/Wake.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <unistd.h>
+#include <pthread.h>
+#include <sys/file.h>
+
+namespace Lumen::internal {
+
+namespace {
+
+std::string checkControl( const ControlHeader& h, size_t size, const RecordLayout& layout ) {
+   if ( h.magic != controlMagic ) {
+      return fmt::format( "bad control magic {:#x}", h.magic );
+   }
+   if ( h.formatVersion != formatVersion ) {
+      return fmt::format( "format version {} (expected {})", h.formatVersion, formatVersion );
+   }
+   if ( h.headerSize != sizeof( ControlHeader ) ) {
+      return fmt::format( "control header size {}", h.headerSize );
+   }
+   std::string name( h.typeName, strnlen( h.typeName, sizeof( h.typeName ) ) );
+   if ( h.recordSize != layout.recordSize || h.recordAlign != layout.recordAlign ||
+        h.keySize != layout.keySize || name != layout.typeName ||
+        h.layoutSignature != layout.signature() ) {
+      return fmt::format( "record layout {} ({} bytes, key {} bytes) does not match {} ({} bytes, "
+                          "key {} bytes)",
+                          name, h.recordSize, h.keySize, layout.typeName, layout.recordSize,
+                          layout.keySize );
+   }
+   if ( h.feedEntrySize != layout.feedEntrySize() || h.feedCapacity == 0 ||
+        h.feedCapacity > maxFeedCapacity ||
+        sizeof( ControlHeader ) + uint64_t( h.feedCapacity ) * h.feedEntrySize > size ) {
+      return fmt::format( "feed of {} entries of {} bytes does not fit a {} byte segment",
+                          h.feedCapacity, h.feedEntrySize, size );
+   }
+   return {};
+}
+
+// Writer locks are flocks, which belong to an open file description that a
+// fork() shares with the child: a child that outlived its writer parent would
+// keep the table locked with nobody writing. The child therefore swaps each
+// lock descriptor for /dev/null right after fork (an exec closes them anyway:
+// they are close-on-exec). Plain atomics: the child handler must be
+// async-signal-safe, and may not take a lock another thread held at fork.
+constexpr size_t maxLockFds = 256;
+std::atomic< int > lockFds[ maxLockFds ];
+
+void releaseLocksInChild() {
+   int null = ::open( "/dev/null", O_RDONLY | O_CLOEXEC );
+   for ( auto& slot : lockFds ) {
+      int fd = slot.load( std::memory_order_relaxed );
+      if ( fd > 0 && null >= 0 ) {
+         ::dup3( null, fd, O_CLOEXEC );
+      }
+      slot.store( 0, std::memory_order_relaxed );
+   }
+   if ( null >= 0 ) {
+      ::close( null );
+   }
+}
+
+void registerLockFd( int fd ) {
+   static const int registered = ::pthread_atfork( nullptr, nullptr, releaseLocksInChild );
+   (void)registered;
+   for ( auto& slot : lockFds ) {
+      int free = 0;
+      if ( slot.compare_exchange_strong( free, fd ) ) {
+         return;
+      }
+   }
+   // More writers than slots: those beyond keep the old behaviour.
+}
+
+void unregisterLockFd( int fd ) {
+   for ( auto& slot : lockFds ) {
+      int mine = fd;
+      if ( slot.compare_exchange_strong( mine, 0 ) ) {
+         return;
+      }
+   }
+}
+
+
+}  // namespace
+
+std::unique_ptr< Control > Control::openForWriter( const std::string& root, const std::string& path,
+                                                   const RecordLayout& layout,
+                                                   uint32_t feedCapacity,
+                                                   const CorruptionHandler& handler ) {
+   std::string name = controlFileName( root, path );
+   if ( feedCapacity == 0 || feedCapacity > maxFeedCapacity ) {
+      MOX_THROW( Mox::Exception, "Lumen feed capacity {} out of range", feedCapacity );
+   }
+   size_t size = sizeof( ControlHeader ) + size_t( feedCapacity ) * layout.feedEntrySize();
+   createComplete( name, size, [ & ]( uint8_t* base ) {
+      auto* h = new ( base ) ControlHeader{};
+      h->magic = controlMagic;
+      h->formatVersion = formatVersion;
+      h->headerSize = sizeof( ControlHeader );
+      h->layoutSignature = layout.signature();
+      h->recordSize = layout.recordSize;
+      h->recordAlign = layout.recordAlign;
+      h->keySize = layout.keySize;
+      h->feedCapacity = feedCapacity;
+      h->feedEntrySize = layout.feedEntrySize();
+      std::strncpy( h->typeName, layout.typeName.c_str(), sizeof( h->typeName ) - 1 );
+   } );
+
+   std::unique_ptr< Control > c( new Control );
+   c->path_ = path;
+   c->controlName_ = name;
+   c->fd_ = ::open( name.c_str(), O_RDWR | O_CLOEXEC );
+   if ( c->fd_ < 0 ) {
+      MOX_THROW( Mox::Exception, "Lumen cannot open {}: {}", name, errnoText() );
+   }
+   c->identity_ = identityOf( c->fd_ );
+   size_t actual = fileSize( c->fd_ );
+   if ( actual < sizeof( ControlHeader ) ) {
+      raiseCorruption( handler, fmt::format( "Lumen table {}: control segment of {} bytes is too "
+                                             "short", path, actual ) );
+   }
+   if ( ::flock( c->fd_, LOCK_EX | LOCK_NB ) != 0 ) {
+      uint32_t pid = 0;
+      if ( ::pread( c->fd_, &pid, sizeof( pid ), offsetof( ControlHeader, writerPid ) ) !=
+           ssize_t( sizeof( pid ) ) ) {
+         pid = 0;
+      }
+      MOX_THROW( WriterConflictException, "Lumen table {} already has a live writer (pid {})", path,
+                 pid );
+   }
+   registerLockFd( c->fd_ );
+   // Mapped through a second open file description: a mapping holds its
+   // description, and one that shares the locked description would keep the
+   // lock alive in a forked child.
+   int mapFdesc = ::open( name.c_str(), O_RDWR | O_CLOEXEC );
+   if ( mapFdesc < 0 ) {
+      MOX_THROW( Mox::Exception, "Lumen cannot open {}: {}", name, errnoText() );
+   }
+   c->map_ = mapClosing( mapFdesc, actual, true );
+   std::string problem = checkControl( c->header(), actual, layout );
+   if ( !problem.empty() ) {
+      raiseCorruption( handler, fmt::format( "Lumen table {}: {}", path, problem ) );
+   }
+   c->feedCapacity_ = c->header().feedCapacity;
+   c->feedEntrySize_ = c->header().feedEntrySize;
+   c->keySize_ = layout.keySize;
+   c->root_ = root;
+   c->wake_ = openWakeWord( wakeFileName( root, path ) );
+   if ( c->wake_ ) {
+      c->fenceFree_ = registerFenceFreeWriter();
+      wakeHeader( c->wake_ ).writerFenceFree.store( c->fenceFree_ ? 1 : 0, std::memory_order_relaxed );
+      // A sleeper that still reads the old flag has counted itself first:
+      // this fence makes our later sleepers checks see it.
+      std::atomic_thread_fence( std::memory_order_seq_cst );
+   }
+   return c;
+}
+
+std::unique_ptr< Control > Control::openForReader( const std::string& root, const std::string& path,
+                                                   const RecordLayout& layout,
+                                                   const CorruptionHandler& handler ) {
+   std::string name = controlFileName( root, path );
+   int fd = ::open( name.c_str(), O_RDONLY | O_CLOEXEC );
+   if ( fd < 0 ) {
+      return nullptr;
+   }
+   size_t size = fileSize( fd );
+   if ( size < sizeof( ControlHeader ) ) {
+      ::close( fd );
+      raiseCorruption( handler, fmt::format( "Lumen table {}: control segment of {} bytes is too "
+                                             "short", path, size ) );
+   }
+   std::unique_ptr< Control > c( new Control );
+   c->path_ = path;
+   c->controlName_ = name;
+   c->identity_ = identityOf( fd );
+   c->map_ = mapClosing( fd, size, false );
+   std::string problem = checkControl( c->header(), size, layout );
+   if ( !problem.empty() ) {
+      raiseCorruption( handler, fmt::format( "Lumen table {}: {}", path, problem ) );
+   }
+   c->feedCapacity_ = c->header().feedCapacity;
+   c->feedEntrySize_ = c->header().feedEntrySize;
+   c->keySize_ = layout.keySize;
+   return c;
+}
+
+Control::~Control() {
+   for ( Peer& p : peers_ ) {
+      if ( p.fd >= 0 ) {
+         ::close( p.fd );
+      }
+   }
+   if ( fd_ >= 0 ) {
+      unregisterLockFd( fd_ );   // first: a fork meanwhile must not touch a reused number
+      ::close( fd_ );            // releases the writer lock
+   }
+}
+
+MountStatus Control::status() const {
+   return statusOf( header() );
+}
+
+void Control::publish( const void* key ) {
+   ControlHeader& h = header();
+   uint64_t seq = h.feedHead.load( std::memory_order_relaxed );
+   uint8_t* entry = map_.data() + sizeof( ControlHeader ) + ( seq % feedCapacity_ ) * feedEntrySize_;
+   auto& entrySeq = *reinterpret_cast< std::atomic< uint64_t >* >( entry );
+   entrySeq.store( 2 * seq + 1, std::memory_order_relaxed );
+   std::atomic_thread_fence( std::memory_order_release );
+   std::memcpy( entry + feedKeyOffset, key, keySize_ );
+   entrySeq.store( 2 * seq + 2, std::memory_order_release );
+   h.feedHead.store( seq + 1, std::memory_order_release );
+   wake();
+}
+
+void Control::forceResync() {
+   ControlHeader& h = header();
+   h.feedHead.store( h.feedHead.load( std::memory_order_relaxed ) + feedCapacity_ + 1,
+                     std::memory_order_release );
+}
+
+void Control::markAttached() {
+   ControlHeader& h = header();
+   struct timespec ts {};
+   ::clock_gettime( CLOCK_REALTIME, &ts );
+   h.writerPid.store( uint32_t( ::getpid() ), std::memory_order_relaxed );
+   h.writerStartNs.store( uint64_t( ts.tv_sec ) * 1000000000ULL + uint64_t( ts.tv_nsec ),
+                          std::memory_order_relaxed );
+   h.writerEpoch.fetch_add( 1, std::memory_order_relaxed );
+   h.writerState.store( uint32_t( WriterState::attached ), std::memory_order_release );
+}
+
+void Control::markDetached() {
+   header().writerState.store( uint32_t( WriterState::detached ), std::memory_order_release );
+}
+
+bool Control::readFeed( uint64_t seq, void* keyOut ) const {
+   const uint8_t* entry =
+      map_.data() + sizeof( ControlHeader ) + ( seq % feedCapacity_ ) * feedEntrySize_;
+   const auto& entrySeq = *reinterpret_cast< const std::atomic< uint64_t >* >( entry );
+   uint64_t before = entrySeq.load( std::memory_order_acquire );
+   if ( before != 2 * seq + 2 ) {
+      return false;
+   }
+   std::memcpy( keyOut, entry + feedKeyOffset, keySize_ );
+   std::atomic_thread_fence( std::memory_order_acquire );
+   return entrySeq.load( std::memory_order_relaxed ) == before;
+}
+
+}  // namespace Lumen::internal

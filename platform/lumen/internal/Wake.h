@@ -1,0 +1,27 @@
+// The wake-up segment shared by a table's writer and its readers: helpers
+// for its header, reader registrations and the datagram pokes. Internal to
+// Lumen; the protocol is drawn in docs/lumen-format.md.
+#pragma once
+
+#include "platform/lumen/internal/Segment.h"
+
+#include <string>
+
+namespace Lumen::internal {
+
+// Opens (creating and sizing if needed) and maps the wake segment; an empty
+// mapping when that fails. Never throws: readers' threads call it.
+Mapping openWakeWord( const std::string& name );
+WakeHeader& wakeHeader( const Mapping& m );
+ReaderSlot& readerSlot( const Mapping& m, uint32_t i );
+// Clears a reader's armed flag, keeping armedCount in step; true when it
+// was armed (so exactly one of several racing callers sees true).
+bool disarm( WakeHeader& w, ReaderSlot& slot );
+// A non-blocking datagram socket connected to `name`, or -1.
+int connectTo( const std::string& name );
+// False when the peer is gone; a full queue is success.
+bool sendPoke( int fd );
+// The mount status a control header shows, the writer's liveness included.
+MountStatus statusOf( const ControlHeader& h );
+
+}  // namespace Lumen::internal
