@@ -2,7 +2,7 @@
 PRESET ?= debug
 JOBS   ?= $(shell nproc)
 
-.PHONY: setup build test bench clean
+.PHONY: setup build test soak bench clean
 
 setup:
 	@scripts/setup
@@ -13,6 +13,12 @@ build: setup
 
 test: build
 	ctest --preset $(PRESET)
+
+# Long churn of the shared tables against an oracle (default 300 s).
+SOAK_SECONDS ?= 300
+soak: build
+	LUMEN_CHURN_SECONDS=$(SOAK_SECONDS) build/$(PRESET)/tests/platform/lumen/lumen_tests \
+	   --gtest_filter='LumenChurn.*'
 
 bench: PRESET = release
 bench: build

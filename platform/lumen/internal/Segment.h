@@ -114,7 +114,19 @@ class SlotArray {
    static uint32_t slotCountFor( uint32_t capacity );
 
    explicit operator bool() const { return bool( map_ ); }
-   DataHeader& header() const { return *reinterpret_cast< DataHeader* >( map_.data() ); }
+   // The header's counts, read and changed through the array at each call.
+   // There is deliberately no DataHeader& to hold: a rebuild, growth, shrink
+   // or remap replaces the mapping under it, and a reference kept across such
+   // a call would write into unmapped (or another generation's) memory.
+   uint32_t liveCount() const { return header().count.load( std::memory_order_relaxed ); }
+   uint32_t tombstoneCount() const { return header().tombstones.load( std::memory_order_relaxed ); }
+   void liveCountIs( uint32_t n ) { header().count.store( n, std::memory_order_relaxed ); }
+   // Counts have one writer: a plain load and store, not a locked
+   // read-modify-write, which would stall each write on its own cache miss.
+   void liveCountAdd( int delta ) { liveCountIs( liveCount() + uint32_t( delta ) ); }
+   void tombstoneCountAdd( int delta ) {
+      header().tombstones.store( tombstoneCount() + uint32_t( delta ), std::memory_order_relaxed );
+   }
    uint64_t generation() const { return generation_; }
    uint32_t slotCount() const { return slotCount_; }
    uint64_t reciprocal() const { return reciprocal_; }   // floor( ( 2^64 - 1 ) / slotCount )
@@ -134,6 +146,7 @@ class SlotArray {
 
  private:
    static SlotArray fromMapping( Mapping map, const RecordLayout& layout, std::string file );
+   DataHeader& header() const { return *reinterpret_cast< DataHeader* >( map_.data() ); }
    Mapping map_;
    std::string file_;
    uint8_t* slots_ = nullptr;

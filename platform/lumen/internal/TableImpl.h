@@ -25,12 +25,6 @@ namespace Lumen::internal {
 
 inline constexpr uint32_t noSlot = ~0u;
 
-// Header counters have one writer: a plain load and store, not a locked
-// read-modify-write, which would stall each write on its own cache miss.
-inline void bump( std::atomic< uint32_t >& counter, int delta ) {
-   counter.store( counter.load( std::memory_order_relaxed ) + uint32_t( delta ),
-                  std::memory_order_relaxed );
-}
 
 // Hint bits: generation tag (24) | position in hash space (33). Slot i of
 // S slots is position ceil( i * 2^32 / S ), the smallest mixed hash whose home
@@ -301,7 +295,7 @@ void Writer< Record >::attach( const std::string& path ) {
       copyFrom( old );
    }
    copyFrom( table_ );
-   next.header().count.store( count, std::memory_order_relaxed );
+   next.liveCountIs( count );
 
    control->header().generation.store( next.generation(), std::memory_order_release );
    if ( old ) {
@@ -338,7 +332,7 @@ void Writer< Record >::detach() {
          ++count;
       }
    }
-   copy.header().count.store( count, std::memory_order_relaxed );
+   copy.liveCountIs( count );
    control_->markDetached();
    control_->wake();
    control_.reset();
@@ -354,7 +348,7 @@ void Writer< Record >::publish( const Key& k ) {
 
 template< class Record >
 uint32_t Writer< Record >::shrinkTarget() const {
-   uint64_t live = uint64_t( table_.header().count.load( std::memory_order_relaxed ) ) + 1;
+   uint64_t live = uint64_t( table_.liveCount() ) + 1;
    uint32_t target = table_.capacity();
    if ( live * 8 <= target ) {
       while ( target / 2 >= options_.initialCapacity && live * 4 <= target / 2 ) {
@@ -379,7 +373,7 @@ void Writer< Record >::rebuild( uint32_t newCapacity ) {
          ++count;
       }
    }
-   next.header().count.store( count, std::memory_order_relaxed );
+   next.liveCountIs( count );
    if ( control_ ) {
       // Readers see the new generation from here on; ones still probing the
       // old mapping re-check the generation afterwards and retry.
@@ -391,7 +385,7 @@ void Writer< Record >::rebuild( uint32_t newCapacity ) {
 
 template< class Record >
 void Writer< Record >::insertNew( const Record& r, const Key& k, uint32_t slot ) {
-   uint32_t live = table_.header().count.load( std::memory_order_relaxed );
+   uint32_t live = table_.liveCount();
    uint64_t generation = table_.generation();
    if ( live >= table_.capacity() ) {
       if ( table_.capacity() >= options_.maxCapacity ) {
@@ -406,20 +400,18 @@ void Writer< Record >::insertNew( const Record& r, const Key& k, uint32_t slot )
    if ( table_.generation() != generation ) {
       slot = Ops::find( table_, k, path_, corruptionHandler_ ).slot;
    }
-   auto& h = table_.header();
    bool reusesTombstone =
       ( table_.word( slot ).load( std::memory_order_relaxed ) & 3 ) == internal::slotTombstone;
-   if ( !reusesTombstone && h.count.load( std::memory_order_relaxed ) +
-                               h.tombstones.load( std::memory_order_relaxed ) + 1 >
-                            table_.usedLimit() ) {
+   if ( !reusesTombstone &&
+        table_.liveCount() + table_.tombstoneCount() + 1 > table_.usedLimit() ) {
       rebuild( table_.capacity() );   // sweeps tombstones so probes stay short
       slot = Ops::find( table_, k, path_, corruptionHandler_ ).slot;
    }
    Ops::store( table_, slot, &r, internal::slotLive );
    if ( reusesTombstone ) {
-      internal::bump( h.tombstones, -1 );
+      table_.tombstoneCountAdd( -1 );
    }
-   internal::bump( h.count, 1 );
+   table_.liveCountAdd( 1 );
 }
 
 template< class Record >
@@ -450,8 +442,8 @@ std::optional< Record > Writer< Record >::remove( const Key& k ) {
    }
    Record old = Ops::recordAt( table_, f.slot );
    Ops::store( table_, f.slot, nullptr, internal::slotTombstone );
-   internal::bump( table_.header().count, -1 );
-   internal::bump( table_.header().tombstones, 1 );
+   table_.liveCountAdd( -1 );
+   table_.tombstoneCountAdd( 1 );
    publish( k );
    return old;
 }
@@ -469,7 +461,7 @@ bool Writer< Record >::contains( const Key& k ) const {
 
 template< class Record >
 uint32_t Writer< Record >::count() const {
-   return table_.header().count.load( std::memory_order_relaxed );
+   return table_.liveCount();
 }
 
 template< class Record >
@@ -566,10 +558,9 @@ void Writer< Record >::sanityCheck() const {
          }
       }
    }
-   const auto& h = table_.header();
-   if ( live != h.count.load() || tombstones != h.tombstones.load() ) {
+   if ( live != table_.liveCount() || tombstones != table_.tombstoneCount() ) {
       fail( fmt::format( "header counts {} live and {} tombstones, slots hold {} and {}",
-                         h.count.load(), h.tombstones.load(), live, tombstones ) );
+                         table_.liveCount(), table_.tombstoneCount(), live, tombstones ) );
    }
    if ( live > table_.capacity() || empty == 0 ) {
       fail( fmt::format( "{} live entries, {} empty slots for capacity {}", live, empty,
@@ -734,7 +725,7 @@ uint32_t Reader< Record >::count() const {
    if ( !t ) {
       return 0;
    }
-   uint32_t n = t->header().count.load( std::memory_order_relaxed );
+   uint32_t n = t->liveCount();
    if ( n > t->slotCount() ) {
       internal::raiseCorruption(
          corruptionHandler_,
