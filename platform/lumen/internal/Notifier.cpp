@@ -202,7 +202,7 @@ bool Notifier::openControl() {
    if ( control_ ) {
       return true;
    }
-   int fd = ::open( controlName_.c_str(), O_RDONLY | O_CLOEXEC );
+   int fd = TableFile::open( controlName_, O_RDONLY, anyOwner ).release();
    if ( fd < 0 ) {
       return false;
    }
