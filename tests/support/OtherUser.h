@@ -7,7 +7,9 @@
 //    int rc = OtherUser::nobody().run( [] { ...; return 0; } );
 //
 // The child leaves with _exit (see LumenRoot), its exit code is run()'s
-// result, 128 + signal when it was killed, and 97 when the switch failed.
+// result, 128 + signal when it was killed, and 97 when the switch failed. A
+// child that must run alongside the test (started with the test's own fork
+// helper) calls become() first.
 // gtest assertions do not cross the fork: the body reports by exit code.
 //
 // A LumenRoot is a private 0700 folder; shareRoot() opens it to every user
@@ -51,11 +53,17 @@ class OtherUser {
       return {};
    }
 
+   // Becomes this user, for good: only in a forked child. False if refused.
+   bool become() const {
+      return ::setgroups( groups_.size(), groups_.data() ) == 0 && ::setgid( gid_ ) == 0 &&
+             ::setuid( uid_ ) == 0;
+   }
+
+   // Runs `body` as this user in a forked child and waits for it.
    int run( const std::function< int () >& body ) const {
       pid_t pid = ::fork();
       if ( pid == 0 ) {
-         if ( ::setgroups( groups_.size(), groups_.data() ) != 0 || ::setgid( gid_ ) != 0 ||
-              ::setuid( uid_ ) != 0 ) {
+         if ( !become() ) {
             ::_exit( switchFailed );
          }
          try {
