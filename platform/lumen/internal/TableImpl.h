@@ -581,7 +581,9 @@ void Writer< Record >::sanityCheck() const {
 template< class Record >
 Reader< Record >::Reader( const std::string& path, const Record& defaultValue )
    : path_( path ), root_( root() ), default_( defaultValue ), layout_( Ops::layout() ) {
-   internal::controlFileName( root_, path );   // rejects a malformed path up front
+   // Rejects a malformed or over-long path up front, as attach() does: a
+   // table no writer can create must not leave its readers waiting.
+   internal::controlFileName( root_, path );
    try {
       if ( mount() ) {
          cursor_ = control_->header().feedHead.load( std::memory_order_acquire );
