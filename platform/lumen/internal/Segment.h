@@ -314,6 +314,7 @@ class Notifier {
 
  private:
    void openSockets();
+   void shareSocketWithWriter();
    void claimSlot();
    void run();
    void watchStatus();

@@ -356,6 +356,51 @@ TEST( LumenFiles, OnlyTheTableGroupReadsItAndOthersAreToldSo ) {
    EXPECT_EQ( waitChild( early ), 0 ) << "2: the outsider was not told";
 }
 
+// The supported case no root writer shows: writer and reader are two
+// unprivileged users sharing the table's group. The reader's socket was its
+// user's alone, so the writer could not wake it.
+TEST( LumenFiles, AGroupMemberIsWokenByAWriterOfAnotherUser ) {
+   SKIP_WITHOUT_OTHER_USER();
+   LumenRoot root;
+   OtherUser::shareRoot( root.dir() );
+   constexpr gid_t tableGroup = 4242;
+   Pipe attached;
+   Pipe armed;
+   Pipe done;
+   pid_t writer = startChild( [ & ] {
+      ::alarm( 20 );   // should the reader never signal
+      if ( !OtherUser::nobody( { tableGroup } ).become() ) {
+         return OtherUser::switchFailed;
+      }
+      Lumen::Options options;
+      options.group = tableGroup;
+      Lumen::Writer< HostRec > table( HostRec{}, options );
+      table.attach( "/lumen/shared" );
+      attached.signal();
+      armed.wait();
+      table.write( HostRec::of( 1, 1 ) );
+      done.wait();
+      return 0;
+   } );
+   pid_t reader = startChild( [ & ] {
+      ::alarm( 20 );
+      if ( !OtherUser( OtherUser::nobodyUid - 1, OtherUser::nogroupGid - 1, { tableGroup } )
+               .become() ) {
+         return OtherUser::switchFailed;
+      }
+      attached.wait();
+      Lumen::Reader< HostRec > table( "/lumen/shared" );
+      table.dispatch();
+      armed.signal();
+      // Only the writer's poke makes fd() readable: no dispatch() meanwhile.
+      bool woken = readable( table.fd(), 5000 );
+      done.signal();
+      return woken ? 0 : 1;
+   } );
+   EXPECT_EQ( waitChild( reader ), 0 ) << "1: the writer's change never woke the reader";
+   EXPECT_EQ( waitChild( writer ), 0 );
+}
+
 // --------------------------------------------------------------- hostile files
 
 // A link planted under a table's name once made a root writer (or reader)
