@@ -12,6 +12,7 @@
 
 #include <cctype>
 #include <fstream>
+#include <random>
 #include <set>
 #include <sstream>
 
@@ -233,6 +234,37 @@ TEST( LumenFiles, AWriterRemovesTheScratchFilesOfDeadWriters ) {
    EXPECT_FALSE( std::filesystem::exists( deadOne ) );
    EXPECT_TRUE( std::filesystem::exists( liveOne ) );
    EXPECT_TRUE( std::filesystem::exists( otherTable ) ) << "another table's is for its own writer";
+}
+
+// Writers killed at random points of attach(), half of them creating the
+// table: whatever they left, the next writer leaves no scratch file.
+TEST( LumenFiles, WritersKilledWhileAttachingLeaveNoScratchFiles ) {
+   LumenRoot root;
+   std::mt19937 random( 7 );
+   Lumen::Options options;
+   options.feedCapacity = 1u << 18;   // a 6 MB control file: a while to build
+   for ( int kill = 0; kill < 60; ++kill ) {
+      if ( kill % 2 == 0 ) {
+         std::filesystem::remove( root.file( "lumen.killed" ) );
+      }
+      Pipe started;
+      pid_t child = startChild( [ & ] {
+         started.signal();
+         Lumen::Writer< HostRec > writer( HostRec{}, options );
+         writer.attach( "/lumen/killed" );
+         ::pause();
+         return 0;
+      } );
+      started.wait();
+      ::usleep( std::uniform_int_distribution< useconds_t >( 0, 3000 )( random ) );
+      ::kill( child, SIGKILL );
+      waitChild( child );
+   }
+   Lumen::Writer< HostRec > writer( HostRec{}, options );
+   writer.attach( "/lumen/killed" );
+   for ( const auto& e : std::filesystem::directory_iterator( root.dir() ) ) {
+      EXPECT_EQ( e.path().filename().string().find( "@new." ), std::string::npos ) << e.path();
+   }
 }
 
 // --------------------------------------------------------------- modes
