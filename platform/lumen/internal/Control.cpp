@@ -89,11 +89,6 @@ void unregisterLockFd( int fd ) {
    }
 }
 
-
-}  // namespace
-
-namespace {
-
 // The control file, this user's, created if missing. The scratch file
 // createComplete() needs is only built when there is no table yet: one per
 // attach would pile up, for good, behind writers killed while attaching.

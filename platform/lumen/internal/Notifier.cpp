@@ -136,8 +136,10 @@ void Notifier::shareSocketWithWriter() {
    if ( ::stat( wakeName_.c_str(), &st ) != 0 || st.st_uid == ::geteuid() ) {
       return;
    }
-   if ( ::chown( socketName_.c_str(), uid_t( -1 ), st.st_gid ) == 0 ) {
-      ::chmod( socketName_.c_str(), groupSocketMode );
+   // Never through a link someone put in the socket's place.
+   if ( ::fchownat( AT_FDCWD, socketName_.c_str(), uid_t( -1 ), st.st_gid, AT_SYMLINK_NOFOLLOW ) ==
+        0 ) {
+      ::fchmodat( AT_FDCWD, socketName_.c_str(), groupSocketMode, AT_SYMLINK_NOFOLLOW );
    }
 }
 
