@@ -10,7 +10,10 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
+
+#include <sys/types.h>
 
 namespace Lumen {
 
@@ -18,6 +21,13 @@ namespace Lumen {
 // the environment variable ORBEVPN_LUMEN_ROOT, and by rootIs() above both.
 void rootIs( std::string path );
 std::string root();
+
+// The table whose control file in a root is named `fileName`, or nothing
+// when `fileName` names no control file (a data, wake or scratch file, a
+// reader's socket, a stranger). Table paths map to file names one to one
+// (docs/lumen-format.md, "Files of one table"), so a tool listing a root
+// can print every table's path.
+std::optional< std::string > tablePathOfFile( const std::string& fileName );
 
 // True when the lock-free 32- and 64-bit atomics the segment protocol relies on
 // are available (a reader in another process cannot take a mutex of ours).
@@ -36,6 +46,15 @@ struct Options {
    uint32_t initialCapacity = 1024;   // entries the first generation holds
    uint32_t maxCapacity = 1u << 24;   // growth stops here: a new key then fails
    uint32_t feedCapacity = 4096;      // change-feed ring entries
+   // Who may read the table: the writer's user, and members of `group` (the
+   // writer's effective group when unset). The control and data files get
+   // tableMode; the wake file wakeMode, as readers register in it. Applied
+   // to every file at each attach, so a change reaches an existing table.
+   // Neither may let others write (a writer dies of SIGBUS when its file is
+   // truncated), nor tableMode the group.
+   mode_t tableMode = 0640;
+   mode_t wakeMode = 0660;
+   std::optional< gid_t > group {};
 };
 
 using CorruptionHandler = std::function< void ( const std::string& message ) >;
@@ -54,6 +73,15 @@ struct RecordTraits {
 
 // A write of a new key when the table holds maxCapacity entries.
 class TableFullException : public Mox::Exception {
+ public:
+   using Mox::Exception::Exception;
+};
+
+// A table's file that this process may not use: one it has no permission
+// to open (a reader outside the table's group), or one that is not what
+// the table's writer makes (another user's, a symbolic link, not a regular
+// file). The message names the file, its owner and mode.
+class TableAccessException : public Mox::Exception {
  public:
    using Mox::Exception::Exception;
 };

@@ -89,63 +89,84 @@ void unregisterLockFd( int fd ) {
    }
 }
 
+// The control file, this user's, created if missing. The scratch file
+// createComplete() needs is only built when there is no table yet: one per
+// attach would pile up, for good, behind writers killed while attaching.
+TableFile openOrCreateControl( const std::string& root, const std::string& path,
+                               const std::string& name, const RecordLayout& layout,
+                               uint32_t feedCapacity, const FileAccess& access ) {
+   removeDeadScratchFiles( root, path );
+   for ( int attempt = 0; attempt < 3; ++attempt ) {
+      TableFile file = TableFile::open( name, O_RDWR, ::geteuid() );
+      if ( !file.absent() ) {
+         file.require();
+         return file;
+      }
+      size_t size = sizeof( ControlHeader ) + size_t( feedCapacity ) * layout.feedEntrySize();
+      createComplete( name, size, access, [ & ]( uint8_t* base ) {
+         auto* h = new ( base ) ControlHeader{};
+         h->magic = controlMagic;
+         h->formatVersion = formatVersion;
+         h->headerSize = sizeof( ControlHeader );
+         h->layoutSignature = layout.signature();
+         h->recordSize = layout.recordSize;
+         h->recordAlign = layout.recordAlign;
+         h->keySize = layout.keySize;
+         h->feedCapacity = feedCapacity;
+         h->feedEntrySize = layout.feedEntrySize();
+         std::strncpy( h->typeName, layout.typeName.c_str(), sizeof( h->typeName ) - 1 );
+      } );
+      // Ours, or another writer's that won the race: open whichever it is.
+   }
+   MOX_THROW( Mox::Exception, "Lumen cannot create {}: it keeps vanishing", name );
+}
 
 }  // namespace
 
 std::unique_ptr< Control > Control::openForWriter( const std::string& root, const std::string& path,
                                                    const RecordLayout& layout,
                                                    uint32_t feedCapacity,
+                                                   const FileAccess& access,
                                                    const CorruptionHandler& handler ) {
    std::string name = controlFileName( root, path );
    if ( feedCapacity == 0 || feedCapacity > maxFeedCapacity ) {
       MOX_THROW( Mox::Exception, "Lumen feed capacity {} out of range", feedCapacity );
    }
-   size_t size = sizeof( ControlHeader ) + size_t( feedCapacity ) * layout.feedEntrySize();
-   createComplete( name, size, [ & ]( uint8_t* base ) {
-      auto* h = new ( base ) ControlHeader{};
-      h->magic = controlMagic;
-      h->formatVersion = formatVersion;
-      h->headerSize = sizeof( ControlHeader );
-      h->layoutSignature = layout.signature();
-      h->recordSize = layout.recordSize;
-      h->recordAlign = layout.recordAlign;
-      h->keySize = layout.keySize;
-      h->feedCapacity = feedCapacity;
-      h->feedEntrySize = layout.feedEntrySize();
-      std::strncpy( h->typeName, layout.typeName.c_str(), sizeof( h->typeName ) - 1 );
-   } );
+   TableFile lockFile = openOrCreateControl( root, path, name, layout, feedCapacity, access );
 
    std::unique_ptr< Control > c( new Control );
    c->path_ = path;
    c->controlName_ = name;
-   c->fd_ = ::open( name.c_str(), O_RDWR | O_CLOEXEC );
-   if ( c->fd_ < 0 ) {
-      MOX_THROW( Mox::Exception, "Lumen cannot open {}: {}", name, errnoText() );
-   }
-   c->identity_ = identityOf( c->fd_ );
-   size_t actual = fileSize( c->fd_ );
+   c->identity_ = lockFile.identity();
+   c->owner_ = lockFile.owner();
+   size_t actual = lockFile.size();
    if ( actual < sizeof( ControlHeader ) ) {
       raiseCorruption( handler, fmt::format( "Lumen table {}: control segment of {} bytes is too "
                                              "short", path, actual ) );
    }
-   if ( ::flock( c->fd_, LOCK_EX | LOCK_NB ) != 0 ) {
+   if ( ::flock( lockFile.fd(), LOCK_EX | LOCK_NB ) != 0 ) {
       uint32_t pid = 0;
-      if ( ::pread( c->fd_, &pid, sizeof( pid ), offsetof( ControlHeader, writerPid ) ) !=
+      if ( ::pread( lockFile.fd(), &pid, sizeof( pid ), offsetof( ControlHeader, writerPid ) ) !=
            ssize_t( sizeof( pid ) ) ) {
          pid = 0;
       }
       MOX_THROW( WriterConflictException, "Lumen table {} already has a live writer (pid {})", path,
                  pid );
    }
+   c->fd_ = lockFile.release();
    registerLockFd( c->fd_ );
    // Mapped through a second open file description: a mapping holds its
    // description, and one that shares the locked description would keep the
-   // lock alive in a forked child.
-   int mapFdesc = ::open( name.c_str(), O_RDWR | O_CLOEXEC );
-   if ( mapFdesc < 0 ) {
-      MOX_THROW( Mox::Exception, "Lumen cannot open {}: {}", name, errnoText() );
+   // lock alive in a forked child. Checked to be the file locked: the name
+   // may have been replaced meanwhile.
+   TableFile mapped = TableFile::open( name, O_RDWR, ::geteuid() );
+   mapped.require();
+   FileIdentity same = mapped.identity();
+   if ( same.device != c->identity_.device || same.inode != c->identity_.inode ) {
+      MOX_THROW( Mox::Exception, "Lumen table {}: {} was replaced while attaching", path, name );
    }
-   c->map_ = mapClosing( mapFdesc, actual, true );
+   mapped.conform( access.tableMode, access.group );
+   c->map_ = mapClosing( mapped.release(), actual, true );
    std::string problem = checkControl( c->header(), actual, layout );
    if ( !problem.empty() ) {
       raiseCorruption( handler, fmt::format( "Lumen table {}: {}", path, problem ) );
@@ -154,7 +175,7 @@ std::unique_ptr< Control > Control::openForWriter( const std::string& root, cons
    c->feedEntrySize_ = c->header().feedEntrySize;
    c->keySize_ = layout.keySize;
    c->root_ = root;
-   c->wake_ = openWakeWord( wakeFileName( root, path ) );
+   c->wake_ = openWakeWord( wakeFileName( root, path ), &access );
    if ( c->wake_ ) {
       c->fenceFree_ = registerFenceFreeWriter();
       wakeHeader( c->wake_ ).writerFenceFree.store( c->fenceFree_ ? 1 : 0, std::memory_order_relaxed );
@@ -169,21 +190,24 @@ std::unique_ptr< Control > Control::openForReader( const std::string& root, cons
                                                    const RecordLayout& layout,
                                                    const CorruptionHandler& handler ) {
    std::string name = controlFileName( root, path );
-   int fd = ::open( name.c_str(), O_RDONLY | O_CLOEXEC );
-   if ( fd < 0 ) {
+   // Whoever owns the control file writes the table; the other files must
+   // be theirs too.
+   TableFile file = TableFile::open( name, O_RDONLY, anyOwner );
+   if ( file.absent() ) {
       return nullptr;
    }
-   size_t size = fileSize( fd );
+   file.require();   // a reader outside the table's group learns it here
+   size_t size = file.size();
    if ( size < sizeof( ControlHeader ) ) {
-      ::close( fd );
       raiseCorruption( handler, fmt::format( "Lumen table {}: control segment of {} bytes is too "
                                              "short", path, size ) );
    }
    std::unique_ptr< Control > c( new Control );
    c->path_ = path;
    c->controlName_ = name;
-   c->identity_ = identityOf( fd );
-   c->map_ = mapClosing( fd, size, false );
+   c->identity_ = file.identity();
+   c->owner_ = file.owner();
+   c->map_ = mapClosing( file.release(), size, false );
    std::string problem = checkControl( c->header(), size, layout );
    if ( !problem.empty() ) {
       raiseCorruption( handler, fmt::format( "Lumen table {}: {}", path, problem ) );

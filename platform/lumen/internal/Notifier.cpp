@@ -19,6 +19,7 @@ namespace Lumen::internal {
 namespace {
 
 constexpr mode_t socketMode = 0600;   // only our own user's writer may poke
+constexpr mode_t groupSocketMode = 0660;   // and a writer of the table's group
 
 std::atomic< uint32_t > nextSocketNonce{ 1 };
 
@@ -126,7 +127,24 @@ void Notifier::openSockets() {
    sendFd_ = pair[ 1 ];
 }
 
+// The writer pokes us through our socket, so it must be allowed to connect:
+// as our own user, or as a member of the table's group (the wake file's),
+// to which the socket is then opened. Failing that, it stays our user's,
+// and only a writer of our own user (or root) can wake us.
+void Notifier::shareSocketWithWriter() {
+   struct stat st {};
+   if ( ::stat( wakeName_.c_str(), &st ) != 0 || st.st_uid == ::geteuid() ) {
+      return;
+   }
+   // Never through a link someone put in the socket's place.
+   if ( ::fchownat( AT_FDCWD, socketName_.c_str(), uid_t( -1 ), st.st_gid, AT_SYMLINK_NOFOLLOW ) ==
+        0 ) {
+      ::fchmodat( AT_FDCWD, socketName_.c_str(), groupSocketMode, AT_SYMLINK_NOFOLLOW );
+   }
+}
+
 void Notifier::claimSlot() {
+   shareSocketWithWriter();
    uint32_t me = uint32_t( ::getpid() );
    WakeHeader& w = wakeHeader( wake_ );
    for ( uint32_t i = 0; i < wakeReaderSlots && !slot_; ++i ) {
@@ -202,7 +220,7 @@ bool Notifier::openControl() {
    if ( control_ ) {
       return true;
    }
-   int fd = ::open( controlName_.c_str(), O_RDONLY | O_CLOEXEC );
+   int fd = TableFile::open( controlName_, O_RDONLY, anyOwner ).release();
    if ( fd < 0 ) {
       return false;
    }

@@ -22,6 +22,7 @@
 #include <thread>
 
 #include <pthread.h>
+#include <sys/types.h>
 
 namespace Lumen::internal {
 
@@ -44,7 +45,18 @@ struct RecordLayout {
 // Fable::CorruptionDetectedException with it.
 [[noreturn]] void raiseCorruption( const CorruptionHandler& handler, std::string message );
 
-// Where table `path`'s files live under `root`.
+// How a writer makes and keeps a table's files: Options' modes, checked, and
+// the group resolved (the option, else the writer's effective group).
+struct FileAccess {
+   mode_t tableMode = 0640;   // control and data files
+   mode_t wakeMode = 0660;    // the wake file: readers register in it
+   gid_t group = 0;
+   static FileAccess of( const Options& options );   // throws on a mode it refuses
+};
+
+// Where table `path`'s files live under `root`. Each throws, with one
+// message for writer and reader alike, for a path that is malformed or
+// whose file names would not fit the file system.
 std::string controlFileName( const std::string& root, const std::string& path );
 std::string dataFileName( const std::string& root, const std::string& path, uint64_t generation );
 std::string wakeFileName( const std::string& root, const std::string& path );
@@ -104,13 +116,15 @@ class SlotArray {
    static SlotArray createAnonymous( const RecordLayout& layout, uint32_t capacity,
                                      uint64_t generation );
    static SlotArray createFile( const std::string& root, const std::string& path,
-                                const RecordLayout& layout,
-                                uint32_t capacity, uint64_t generation );
+                                const RecordLayout& layout, uint32_t capacity,
+                                uint64_t generation, const FileAccess& access );
    // Maps generation `generation` read-only and checks its header against the
    // layout and the file size. Empty result if the file does not exist.
+   // Throws TableAccessException for a file not owned by `owner` (the
+   // control file's owner) or not a regular file.
    static SlotArray openFile( const std::string& root, const std::string& path,
-                              const RecordLayout& layout,
-                              uint64_t generation, const CorruptionHandler& handler );
+                              const RecordLayout& layout, uint64_t generation, uid_t owner,
+                              const CorruptionHandler& handler );
    static uint32_t slotCountFor( uint32_t capacity );
 
    explicit operator bool() const { return bool( map_ ); }
@@ -162,12 +176,16 @@ class SlotArray {
 class Control {
  public:
    // Creates or opens the control file and takes the writer lock. Throws
-   // WriterConflictException when a live writer holds it.
+   // WriterConflictException when a live writer holds it, and
+   // TableAccessException when the table's files are not this user's.
    static std::unique_ptr< Control > openForWriter( const std::string& root, const std::string& path,
                                                     const RecordLayout& layout,
                                                     uint32_t feedCapacity,
+                                                    const FileAccess& access,
                                                     const CorruptionHandler& handler );
-   // Maps it read-only; null if it does not exist yet.
+   // Maps it read-only; null if it does not exist yet. Throws
+   // TableAccessException when it exists but may not be read (this user is
+   // neither its owner nor in its group) or is no regular file.
    static std::unique_ptr< Control > openForReader( const std::string& root, const std::string& path,
                                                     const RecordLayout& layout,
                                                     const CorruptionHandler& handler );
@@ -181,6 +199,9 @@ class Control {
    // (removed, or removed and created anew): a stat() per call.
    bool replaced() const { return fileReplaced( controlName_, identity_ ); }
    const FileIdentity& identity() const { return identity_; }
+   // The control file's owner: the table's writer user, who must own every
+   // other file of the table too.
+   uid_t owner() const { return owner_; }
 
    // Writer side.
    // Called before each change: records the calling thread if it is not the
@@ -218,6 +239,7 @@ class Control {
    std::string path_;
    std::string controlName_;
    FileIdentity identity_;   // of the file mapped
+   uid_t owner_ = 0;         // of the file mapped
    std::string root_;   // writer only: where readers' sockets live
    int fd_ = -1;
    Mapping map_;
@@ -292,6 +314,7 @@ class Notifier {
 
  private:
    void openSockets();
+   void shareSocketWithWriter();
    void claimSlot();
    void run();
    void watchStatus();

@@ -146,25 +146,22 @@ SlotArray SlotArray::createAnonymous( const RecordLayout& layout, uint32_t capac
 }
 
 SlotArray SlotArray::createFile( const std::string& root, const std::string& path,
-                                 const RecordLayout& layout,
-                                 uint32_t capacity, uint64_t generation ) {
+                                 const RecordLayout& layout, uint32_t capacity,
+                                 uint64_t generation, const FileAccess& access ) {
    uint32_t slots = slotCountFor( capacity );
    size_t size = dataSize( layout, slots );
    std::string name = dataFileName( root, path, generation );
    // A leftover of a writer that died before publishing this generation.
    ::unlink( name.c_str() );
-   int fd = ::open( name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, fileMode );
-   if ( fd < 0 ) {
-      MOX_THROW( Mox::Exception, "Lumen cannot create {}: {}", name, errnoText() );
-   }
-   if ( int err = reserve( fd, size ) ) {
-      ::close( fd );
+   TableFile file = TableFile::create( name, access.tableMode, access.group );
+   file.require();
+   if ( int err = reserve( file.fd(), size ) ) {
       ::unlink( name.c_str() );
       MOX_THROW( Mox::Exception, "Lumen cannot size {}: {}", name, std::strerror( err ) );
    }
    Mapping map;
    try {
-      map = mapClosing( fd, size, true );
+      map = mapClosing( file.release(), size, true );
    } catch ( ... ) {
       ::unlink( name.c_str() );
       throw;
@@ -174,20 +171,20 @@ SlotArray SlotArray::createFile( const std::string& root, const std::string& pat
 }
 
 SlotArray SlotArray::openFile( const std::string& root, const std::string& path,
-                               const RecordLayout& layout,
-                               uint64_t generation, const CorruptionHandler& handler ) {
+                               const RecordLayout& layout, uint64_t generation, uid_t owner,
+                               const CorruptionHandler& handler ) {
    std::string name = dataFileName( root, path, generation );
-   int fd = ::open( name.c_str(), O_RDONLY | O_CLOEXEC );
-   if ( fd < 0 ) {
+   TableFile file = TableFile::open( name, O_RDONLY, owner );
+   if ( file.absent() ) {
       return {};
    }
-   size_t size = fileSize( fd );
+   file.require();
+   size_t size = file.size();
    if ( size < sizeof( DataHeader ) ) {
-      ::close( fd );
       raiseCorruption( handler, fmt::format( "Lumen table {}: data segment of {} bytes is too short",
                                              path, size ) );
    }
-   Mapping map = mapClosing( fd, size, false );
+   Mapping map = mapClosing( file.release(), size, false );
    std::string problem =
       checkData( *reinterpret_cast< const DataHeader* >( map.data() ), size, layout, generation );
    if ( !problem.empty() ) {

@@ -239,13 +239,15 @@ void Writer< Record >::attach( const std::string& path ) {
       detach();
    }
    std::string root = Lumen::root();   // kept: later generations go where this one went
+   auto access = internal::FileAccess::of( options_ );
    auto control =
-      internal::Control::openForWriter( root, path, layout_, options_.feedCapacity,
+      internal::Control::openForWriter( root, path, layout_, options_.feedCapacity, access,
                                         corruptionHandler_ );
    uint64_t oldGeneration = control->header().generation.load( std::memory_order_acquire );
    internal::SlotArray old;
    if ( oldGeneration != 0 ) {
-      old = internal::SlotArray::openFile( root, path, layout_, oldGeneration, corruptionHandler_ );
+      old = internal::SlotArray::openFile( root, path, layout_, oldGeneration, control->owner(),
+                                           corruptionHandler_ );
       if ( !old ) {
          internal::raiseCorruption(
             corruptionHandler_,
@@ -271,7 +273,7 @@ void Writer< Record >::attach( const std::string& path ) {
    }
    capacity = std::min< uint64_t >( capacity, options_.maxCapacity );
    auto next = internal::SlotArray::createFile( root, path, layout_, uint32_t( capacity ),
-                                                oldGeneration + 1 );
+                                                oldGeneration + 1, access );
    uint32_t count = 0;
    auto copyFrom = [ & ]( const internal::SlotArray& from ) {
       for ( uint32_t i = 0; i < from.slotCount(); ++i ) {
@@ -362,7 +364,8 @@ template< class Record >
 void Writer< Record >::rebuild( uint32_t newCapacity ) {
    uint64_t generation = table_.generation() + 1;
    auto next = control_ ? internal::SlotArray::createFile( root_, path_, layout_, newCapacity,
-                                                           generation )
+                                                           generation,
+                                                           internal::FileAccess::of( options_ ) )
                         : internal::SlotArray::createAnonymous( layout_, newCapacity, generation );
    uint32_t count = 0;
    for ( uint32_t i = 0; i < table_.slotCount(); ++i ) {
@@ -578,7 +581,9 @@ void Writer< Record >::sanityCheck() const {
 template< class Record >
 Reader< Record >::Reader( const std::string& path, const Record& defaultValue )
    : path_( path ), root_( root() ), default_( defaultValue ), layout_( Ops::layout() ) {
-   internal::controlFileName( root_, path );   // rejects a malformed path up front
+   // Rejects a malformed or over-long path up front, as attach() does: a
+   // table no writer can create must not leave its readers waiting.
+   internal::controlFileName( root_, path );
    try {
       if ( mount() ) {
          cursor_ = control_->header().feedHead.load( std::memory_order_acquire );
@@ -655,8 +660,8 @@ const internal::SlotArray* Reader< Record >::remap() const {
       if ( current_ && current_.generation() == generation ) {
          return &current_;
       }
-      auto opened =
-         internal::SlotArray::openFile( root_, path_, layout_, generation, corruptionHandler_ );
+      auto opened = internal::SlotArray::openFile( root_, path_, layout_, generation,
+                                                   control_->owner(), corruptionHandler_ );
       if ( opened ) {
          retire();
          current_ = std::move( opened );

@@ -39,8 +39,8 @@ void readerBarrier() {
    ::syscall( SYS_membarrier, MEMBARRIER_CMD_GLOBAL_EXPEDITED, 0, 0 );
 }
 
-Mapping openWakeWord( const std::string& name ) {
-   int fd = ::open( name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, fileMode );
+Mapping openWakeWord( const std::string& name, const FileAccess* writer ) {
+   int fd = openWakeFile( name, writer );
    if ( fd < 0 ) {
       return {};
    }

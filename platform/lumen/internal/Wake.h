@@ -10,8 +10,10 @@
 namespace Lumen::internal {
 
 // Opens (creating and sizing if needed) and maps the wake segment; an empty
-// mapping when that fails. Never throws: readers' threads call it.
-Mapping openWakeWord( const std::string& name );
+// mapping when that fails. Never throws to a reader (`writer` null): its
+// threads call it. The table's writer passes its file access, and gets a
+// TableAccessException for a wake file it must refuse (openWakeFile()).
+Mapping openWakeWord( const std::string& name, const FileAccess* writer = nullptr );
 WakeHeader& wakeHeader( const Mapping& m );
 ReaderSlot& readerSlot( const Mapping& m, uint32_t i );
 // Clears a reader's armed flag, keeping armedCount in step; true when it
