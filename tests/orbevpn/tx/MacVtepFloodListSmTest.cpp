@@ -75,4 +75,23 @@ TEST_F( PerMacDeathTest, TheEvpnTestNeedsAnInitialisedMachine ) {
    EXPECT_DEATH( m->floodIpProvidedByEvpn( vtepA ), "^initialized\\(\\)\n$" );
 }
 
+TEST_F( PerMac, GenericInterfaceReachesEveryAttributeByTypeName ) {
+   Mox::Ptr< const MacVtepFloodListV2 > list = ctrl, e = evpn;
+   VniFdbStatusSm* parent = child( 10 ).ptr();
+   Generic g( "OrbEvpn::MacVtepFloodListSm",
+              { "macAddr", "macVtepFloodList", "floodListFromEvpn", "floodIpProvidedByEvpn", "handleVtepIp",
+                "cleanup", "initialized", "handleInitialized", "vniFdbStatusSm" },
+              { &mac1, &list, &parent } );
+   auto m = Mox::ptrCast< MacVtepFloodListSm >( g.object );
+   ASSERT_TRUE( m && floodSet().size() == 1 );
+   EXPECT_TRUE( g( 132, set, &e ) == done && floodSet().empty() );   // floodListFromEvpnIs
+   EXPECT_TRUE( g( 133, invoke, &vtepA ) == done && g.r.get< bool >() );
+   floods->floodEntryIs( FloodEntry( flood( 10, vtepA ) ) );
+   EXPECT_TRUE( g( 134, invoke ) == done && floodSet().empty() );   // every address
+   const bool off = false;
+   EXPECT_TRUE( g( 136, set, &off ) == done && !m->initialized() );   // stores only
+   EXPECT_TRUE( g( 138, get ) == done && g.r.object().ptr() == parent );
+   EXPECT_TRUE( g( 131, set, &list ) == refused && g( 139, get ) == unknown );
+}
+
 }  // namespace

@@ -215,4 +215,33 @@ TEST_F( TxRootDeathTest, PublicationNeedsAnInitialisedRootAndListedIdsAreOfVniTy
    EXPECT_DEATH( tx->cleanupStaleBrIdEntries(), "^brType\\(\\) == brTypeVni\\(\\)\n$" );
 }
 
+TEST_F( TxRoot, GenericInterfaceReachesEveryAttributeByTypeName ) {
+   EXPECT_TRUE( Mox::moxModule( "OrbEvpnTxSm" )->type( "OrbEvpn::MacVtepFloodListSm" ) );
+   Mox::Ptr< const Mox::Dir > d = vniDir;
+   Mox::Ptr< const VniStatusDirV2 > e = evpnDir;
+   Generic g( "OrbEvpn::OrbEvpnTxSm",
+              { "vniDir", "vniStatusDirFromEvpn", "orbBrIdList", "hostTableOut", "floodTableOut", "publishBrId",
+                "unpublishBrId", "vniFdbStatusSm", "handleVniStatusFromEvpn", "handleVniFdbStatus",
+                "cleanupStaleBrIdEntries", "cleanup", "initialized", "handleInitialized" },
+              { &d, &e, &brIds, &hosts, &floods } );
+   tx = Mox::ptrCast< OrbEvpnTxSm >( g.object );
+   ASSERT_TRUE( tx && tx->initialized() && tx->hasNotificationActive() );
+   EXPECT_TRUE( g( 133, get ) == done && g.r.object() == hosts );
+   EXPECT_TRUE( g( 130, set, &d ) == refused && g( 144, get ) == unknown );
+   tx->vniDirReactor()->hasNotificationActiveIs( false );   // an entry the reactor misses...
+   addVni( 10 )->macVtepTableIs( entry( mac1, vtepA, 1 ) );
+   const Mox::String name( "10" );
+   EXPECT_EQ( g( 139, invoke, &name ), done );   // ...handled by name
+   EXPECT_EQ( hostList().size(), 1u );
+   const Vni v10( 10 ), v20( 20 );
+   Mox::Ptr< const VniFdbStatusV2 > s20 = VniFdbStatusV2::VniFdbStatusV2Is( v20 );
+   EXPECT_EQ( g( 137, set, &v20, &s20 ), done );   // instantiates, no more
+   EXPECT_TRUE( child( 20 ) && !child( 20 )->initialized() );
+   EXPECT_THROW( g( 137, set, &v10, &s20 ), Mox::ReinstantiationException );
+   EXPECT_TRUE( g( 137, get, &v10 ) == done && g.r.object() == child( 10 ) );
+   EXPECT_TRUE( g( 137, Mox::genericOpDel, &v20 ) == done && !child( 20 ) );
+   EXPECT_TRUE( g( 141, invoke ) == done && hostList().empty() );   // cleanup
+   EXPECT_TRUE( g( 143, invoke ) == done && hostList().size() == 1 );   // handleInitialized
+}
+
 }  // namespace

@@ -44,6 +44,29 @@ inline TraceCapture::Line line( int level, std::string text ) {
    return { "VxlanControllerEvpnTxSm", level, std::move( text ) };
 }
 
+// One object driven through the generic interface of its registered type.
+struct Generic {
+   const Mox::Type* type;
+   Mox::Ptr< Mox::PtrInterface > object;
+   Mox::GenericValue r;
+   // Constructs from pointers to the constructor arguments; the ids of
+   // `names` must run from 130 in order.
+   Generic( const char* typeName, std::vector< const char* > names, std::vector< const void* > args )
+         : type( Mox::moxTypeByName( typeName ) ) {
+      EXPECT_TRUE( type ) << typeName;
+      Mox::AttributeId id = 130;
+      for ( const char* n : names ) EXPECT_EQ( type->attributeId( n ), id++ ) << n;
+      type->genericIfConstructFromCtorArgs( r, args.data() );
+      object = r.get< Mox::Ptr< Mox::PtrInterface > >();
+   }
+   int operator()( Mox::AttributeId a, int op, const void* x = nullptr, const void* y = nullptr ) {
+      r.clear();
+      return type->genericIfAttributeOp( r, object.ptr(), a, op, x, y );
+   }
+};
+constexpr int get = Mox::genericOpGet, set = Mox::genericOpSet, invoke = Mox::genericOpInvoke,
+              done = Mox::genericDone, refused = Mox::genericNotAllowed, unknown = Mox::genericNoSuchAttribute;
+
 class TxFixture : public ::testing::Test {
  protected:
    void SetUp() override { trace_.levelsIs( Trace::allLevels ); }   // arguments evaluated too

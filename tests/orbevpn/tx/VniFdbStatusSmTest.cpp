@@ -143,4 +143,37 @@ TEST_F( PerVniDeathTest, TheExclusionTestAndTheBridgeIdNeedAnInitialisedMachine 
    EXPECT_DEATH( c->updateBrIdList(), "^initialized\\(\\)\n$" );
 }
 
+TEST_F( PerVni, GenericInterfaceReachesEveryAttributeByTypeName ) {
+   start();
+   auto s = VniFdbStatusV2::VniFdbStatusV2Is( Vni( 10 ) );
+   s->macVtepTableIs( entry( mac1, vtepA, 3 ) );
+   const Vni v10( 10 );
+   Mox::Ptr< const VniFdbStatusV2 > cs = s;
+   OrbEvpnTxSm* parent = tx.ptr();
+   Generic g( "OrbEvpn::VniFdbStatusSm",
+              { "vni", "vniFdbStatus", "vniStatusFromEvpn", "macVtepFloodListSm", "initialized", "orbEvpnTxSm",
+                "handleHost", "handleMultiPath", "macEntryProvidedByEvpn", "cleanupStaleHostEntries",
+                "vniStatusFromEvpnDel", "handleInitialized", "handleFloodList", "updateBrIdList",
+                "cleanupStaleFloodListEntries", "cleanup" },
+              { &v10, &cs, &parent } );
+   auto c = Mox::ptrCast< VniFdbStatusSm >( g.object );
+   ASSERT_TRUE( c && c->hasNotificationActive() && !c->initialized() );
+   const bool on = true;
+   EXPECT_TRUE( g( 134, set, &on ) == done && hostList().size() == 1 );   // runs the passes
+   auto e = VniStatusV2::VniStatusV2Is( v10 );
+   e->macVtepTableIs( entry( mac1, vtepA, 3 ) );
+   const Mox::Ptr< const VniStatusV2 > ce = e;
+   EXPECT_TRUE( g( 132, set, &ce ) == done && hostList().empty() );   // vniStatusFromEvpnIs
+   EXPECT_TRUE( g( 138, invoke, &mac1 ) == done && g.r.get< bool >() );
+   EXPECT_TRUE( g( 140, invoke ) == done && hostList().size() == 1 );   // vniStatusFromEvpnDel
+   hosts->hostDelAll();
+   EXPECT_TRUE( g( 136, invoke, &mac1 ) == done && hostList().size() == 1 );   // handleHost( mac )
+   Mox::Ptr< const MacVtepFloodListV2 > list = MacVtepFloodListV2::MacVtepFloodListV2Is( bum );
+   EXPECT_EQ( g( 133, set, &bum, &list ), done );
+   EXPECT_TRUE( g( 133, get, &bum ) == done && g.r.object() == c->macVtepFloodListSm( bum ) );
+   EXPECT_TRUE( g( 135, get ) == done && g.r.object() == tx );
+   EXPECT_TRUE( g( 131, set, &cs ) == refused && g( 146, get ) == unknown );
+   EXPECT_TRUE( g( 145, invoke ) == done && !c->initialized() );   // cleanup
+}
+
 }  // namespace
