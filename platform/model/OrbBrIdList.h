@@ -32,6 +32,7 @@
 #include "platform/mox/Entity.h"
 #include "platform/values/BridgeId.h"
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -85,6 +86,7 @@ class OrbBrIdList : public Mox::Entity {
    class IteratorConst {
     public:
       explicit operator bool() const { return cur_.has_value(); }
+      bool done() const { return !cur_; }
       Bridging::BridgeId key() const { return cur_->first.brId; }
       bool value() const { return cur_->first.value; }
       IteratorConst& operator++() {
@@ -99,6 +101,31 @@ class OrbBrIdList : public Mox::Entity {
       std::optional< std::pair< BrIdListRecord, Lumen::Hint > > cur_;
    };
    IteratorConst brIdListIterConst() const { return IteratorConst( this ); }
+
+   // A read-only view in the shape of a framework collection, as callers of
+   // the list knew it when it lived in process memory.
+   class View {
+    public:
+      size_t size() const { return list_->brIdListSize(); }
+      bool empty() const { return size() == 0; }
+      bool contains( Bridging::BridgeId b ) const { return list_->brIdListContains( b ); }
+      bool get( Bridging::BridgeId b ) const { return list_->brIdList( b ); }
+      IteratorConst iterator() const { return list_->brIdListIterConst(); }
+      // A copy of the content, in bridge-id order.
+      std::map< Bridging::BridgeId, bool > map() const {
+         std::map< Bridging::BridgeId, bool > m;
+         for ( auto it = iterator(); it; ++it ) {
+            m.emplace( it.key(), it.value() );
+         }
+         return m;
+      }
+
+    private:
+      friend class OrbBrIdList;
+      explicit View( const OrbBrIdList* l ) : list_( l ) {}
+      const OrbBrIdList* list_;
+   };
+   View brIdListColl() const { return View( this ); }
 
    // ---- reader role: the host program's event loop
    int fd() const { return reader_ ? reader_->fd() : -1; }

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <map>
 #include <set>
 
 namespace {
@@ -120,6 +121,8 @@ TEST( OrbBrIdList, UnattachedItNotifiesEachChangeAndEmptiesInBridgeIdOrder ) {
    EXPECT_EQ( list->brIdListSize(), 2u );
    EXPECT_FALSE( list->brIdList( b5 ) );
    EXPECT_TRUE( list->brIdListContains( b5 ) );
+   EXPECT_EQ( list->brIdListColl().map(), ( std::map< BridgeId, bool >{ { b5, false }, { b7, true } } ) );
+   EXPECT_TRUE( list->brIdListColl().contains( b7 ) && !list->brIdListColl().iterator().done() );
    list->brIdListDel( BridgeId( Vni( 6 ) ) );
    list->brIdListDelAll();
    EXPECT_THAT( rec->events(), ElementsAre( Pair( 258u, b7 ), Pair( 258u, b7 ), Pair( 258u, b5 ),
