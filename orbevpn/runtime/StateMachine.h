@@ -78,6 +78,20 @@ class StateMachine : public Mox::PtrInterface {
       return r;
    }
 
+   // Takes a reactor out of its slot for good (a machine whose input is
+   // replaced or withdrawn): a zombie first, so that nothing it still
+   // receives reaches the owner, then without an owner. Returns it, null
+   // when the slot was empty.
+   template< class R >
+   static Mox::Ptr< R > moxRetireReactor( Mox::Ptr< R >& slot ) {
+      Mox::Ptr< R > r = std::move( slot );
+      if ( r ) {
+         r->moxDoZombieReactors( true );
+         r->owner = nullptr;
+      }
+      return r;
+   }
+
  private:
    Derived& derived() { return static_cast< Derived& >( *this ); }
 

@@ -12,8 +12,13 @@ void VniFdbStatusV2::moxDescribe( Mox::TypeBuilder< VniFdbStatusV2 >& b ) {
 VniFdbStatusV2::VniFdbStatusV2( Vxlan::Vni vni )
       : MacVtepTables( Vxlan::valueToStrep( vni ) ), vni_( vni ) {}
 
+VniFdbStatusV2::VniFdbStatusV2( const Mox::String& name )
+      : MacVtepTables( name ), vni_( Vxlan::vniFromName( name ) ) {}
+
 Mox::Ptr< VniFdbStatusV2 > VniFdbStatusV2::VniFdbStatusV2Is( const Mox::String& name ) {
-   return VniFdbStatusV2Is( Mox::strepToValue< Vxlan::Vni >( name ) );
+   Mox::Ptr< VniFdbStatusV2 > p( new VniFdbStatusV2( name ) );
+   p->hasNotificationActiveIs( true );
+   return p;
 }
 
 Mox::Ptr< VniFdbStatusV2 > VniFdbStatusV2::VniFdbStatusV2Is( Vxlan::Vni vni ) {

@@ -1,8 +1,11 @@
 // VxlanController::VniFdbStatusV2: the controller's forwarding status of
 // one VNI.
 //
-// Filed in the controller's VNI directory (a Mox::Dir) under its VNI in
-// decimal; the VNI is fixed at construction. Holds the three per-MAC
+// Filed in the controller's VNI directory (a Mox::Dir), normally under its
+// VNI in decimal. A controller may name an entry anything: a status made
+// from a name reads its VNI from that name as Vxlan::vniFromName does
+// ("007" is VNI 7, "abc" VNI 0, "16777216" is refused), and keeps the name.
+// The VNI is fixed at construction. Holds the three per-MAC
 // collections of MacVtepTables: what the controller learnt (MAC to VTEP),
 // multi-path sets and flood lists. Written by the controller service; the
 // export side reads it and reacts to its notifications.
@@ -27,7 +30,9 @@ class VniFdbStatusV2 : public MacVtepTables< VniFdbStatusV2 > {
    static void moxDescribe( Mox::TypeBuilder< VniFdbStatusV2 >& b );
 
    explicit VniFdbStatusV2( Vxlan::Vni vni );
-   // `name` must be a VNI in decimal (RangeException otherwise).
+   // Named `name`, VNI Vxlan::vniFromName( name ) (RangeException above the
+   // VNI range).
+   explicit VniFdbStatusV2( const Mox::String& name );
    static Mox::Ptr< VniFdbStatusV2 > VniFdbStatusV2Is( const Mox::String& name );
    static Mox::Ptr< VniFdbStatusV2 > VniFdbStatusV2Is( Vxlan::Vni vni );
 

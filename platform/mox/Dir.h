@@ -34,6 +34,11 @@ class Dir : public Entity {
    size_t entityPtrs() const { return entities_.size(); }
    // Files `e` under its name, replacing (and letting go of) any other entry.
    void entityPtrIs( const Ptr< Entity >& e );
+   // Files `e` under `name`, which may differ from the entity's own name (a
+   // controller's model files entries under names of its choosing). The
+   // entity keeps its own name, so what it derives from it (a table's path)
+   // does not change; only the directory's key is `name`.
+   void entityPtrIs( const String& name, const Ptr< Entity >& e );
    // Removes the entry `name`; returns it (null if absent).
    Ptr< Entity > entityPtrDel( const String& name );
    void entityPtrDelAll();

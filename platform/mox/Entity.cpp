@@ -42,7 +42,7 @@ void Dir::moxDescribe( TypeBuilder< Dir >& b ) {
       .reserve( "dirControl" );
    bindCollection(
       b, "entityPtr", []( const Dir& d ) -> const EntityColl& { return d.entities_; },
-      []( Dir& d, const String&, const Ptr< Entity >& e ) { d.entityPtrIs( e ); },
+      []( Dir& d, const String& name, const Ptr< Entity >& e ) { d.entityPtrIs( name, e ); },
       []( Dir& d, const String& n ) { d.entityPtrDel( n ); } );
 }
 
@@ -66,10 +66,16 @@ Ptr< Dir > Dir::DirIs( const String& name ) {
 }
 
 void Dir::entityPtrIs( const Ptr< Entity >& e ) {
+   if ( e ) {
+      entityPtrIs( e->name(), e );
+   }
+}
+
+void Dir::entityPtrIs( const String& name, const Ptr< Entity >& e ) {
    if ( !e ) {
       return;
    }
-   Ptr< Entity > old = entities_.get( e->name() );
+   Ptr< Entity > old = entities_.get( name );
    if ( old == e ) {
       return;
    }
@@ -77,7 +83,7 @@ void Dir::entityPtrIs( const Ptr< Entity >& e ) {
       old->handleParent( nullptr );
    }
    e->handleParent( Ptr< Entity >( this ) );
-   entities_.set( e->name(), e );
+   entities_.set( name, e );
 }
 
 Ptr< Entity > Dir::entityPtrDel( const String& name ) {
@@ -125,7 +131,7 @@ Ptr< Entity > Dir::newEntity( std::string_view typeName, const String& name,
       fn = it->second;
    }
    Ptr< Entity > e = fn( name, args );
-   entityPtrIs( e );
+   entityPtrIs( name, e );
    return e;
 }
 

@@ -39,6 +39,26 @@ class TypeBuilder {
                   } );
    }
 
+   // A writable input: get as above; set (1) hands the new entity (a
+   // Ptr< const X >, possibly null) to the owner's setter, which re-targets
+   // the reactor.
+   template< class R, class S >
+   TypeBuilder& input( std::string name, R ( T::*get )() const, void ( T::*set )( S ) ) {
+      using V = std::decay_t< S >;
+      return add( std::move( name ), AttrKind::input,
+                  [ get, set ]( GenericValue& r, void* o, int op, const void* arg, const void* ) {
+                     if ( op == genericOpGet ) {
+                        r.set( Ptr< const PtrInterface >( ( self( o ).*get )() ) );
+                        return int( genericDone );
+                     }
+                     if ( op == genericOpSet && arg ) {
+                        ( self( o ).*set )( *static_cast< const V* >( arg ) );
+                        return int( genericDone );
+                     }
+                     return int( genericNotAllowed );
+                  } );
+   }
+
    // An output: get yields the held pointer (a new reference).
    template< class R >
    TypeBuilder& output( std::string name, R ( T::*get )() const ) {
@@ -63,6 +83,27 @@ class TypeBuilder {
                         return int( genericNotAllowed );
                      }
                      Invoker< Sig >::call( r, self( o ), method, arg );
+                     return int( genericDone );
+                  } );
+   }
+
+   // One operation with a per-key and a whole-pass form (handleHost( mac )
+   // and handleHost()): invoked with an argument it runs the per-key form,
+   // without one the whole pass.
+   template< class A >
+   TypeBuilder& handlerPair( std::string name, void ( T::*perKey )( A ), void ( T::*whole )() ) {
+      using V = std::decay_t< A >;
+      return add( std::move( name ), AttrKind::handler,
+                  [ perKey, whole ]( GenericValue&, void* o, int op, const void* arg,
+                                     const void* ) {
+                     if ( op != genericOpInvoke ) {
+                        return int( genericNotAllowed );
+                     }
+                     if ( arg ) {
+                        ( self( o ).*perKey )( *static_cast< const V* >( arg ) );
+                     } else {
+                        ( self( o ).*whole )();
+                     }
                      return int( genericDone );
                   } );
    }

@@ -4,11 +4,20 @@
 #include "platform/mox/Type.h"
 #include "platform/values/internal/ValueText.h"
 
+#include <cstdlib>
+#include <string>
+
 namespace Vxlan {
 
 void Vni::throwOutOfRange() {
    MOX_THROW( Mox::RangeException,
               "Vxlan::Vni::value < Vxlan::Vni::min or > Vxlan::Vni::max not allowed" );
+}
+
+Vni vniFromName( const Mox::String& name ) {
+   // strtol needs a terminated string; Mox::String views need not be.
+   const std::string text( name.view() );
+   return Vni( static_cast< uint32_t >( std::strtol( text.c_str(), nullptr, 10 ) ) );
 }
 
 Vni::Vni( Mox::String::IteratorConst& it, const Mox::String::IteratorConst& end ) {

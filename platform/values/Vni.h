@@ -58,6 +58,13 @@ class Vni {
 };
 
 Mox::String valueToStrep( Vni v );
+
+// The VNI a directory entry's name stands for, read as a controller's model
+// reads it: a base-10 strtol of the whole text with trailing characters
+// ignored, taken as an unsigned 32-bit value. A name that is no number is
+// VNI 0 ("abc"), "7abc" is 7, and anything above Vni::max ("16777216", or
+// "-1", which wraps) raises the range exception.
+Vni vniFromName( const Mox::String& name );
 std::ostream& operator<<( std::ostream& os, Vni v );
 
 }  // namespace Vxlan

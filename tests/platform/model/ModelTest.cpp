@@ -76,6 +76,32 @@ TEST( ModelRegistry, AttributeIdsModulesAndDirectoryHooks ) {
    EXPECT_EQ( dir->entityPtrs(), 1u );
 }
 
+TEST( VniFdbStatusV2, AnyNameGivesAStatusWhoseVniIsReadFromIt ) {
+   LeakCheck leaks;
+   using VxlanController::VniFdbStatusV2;
+   const struct {
+      const char* name;
+      uint32_t vni;
+   } cases[] = { { "5", 5 }, { "007", 7 }, { "7abc", 7 }, { "abc", 0 }, { "16777215", 16777215 } };
+   auto dir = Mox::Dir::DirIs( "vniDir" );
+   for ( const auto& c : cases ) {
+      auto s = VniFdbStatusV2::VniFdbStatusV2Is( Mox::String( c.name ) );
+      EXPECT_EQ( s->vni(), Vni( c.vni ) ) << c.name;
+      EXPECT_EQ( s->name(), Mox::String( c.name ) );
+      // Through the directory hook as well, filed under the name given.
+      auto viaDir = Mox::ptrCast< VniFdbStatusV2 >(
+         dir->newEntity( "VxlanController::VniFdbStatusV2", Mox::String( c.name ) ) );
+      ASSERT_TRUE( viaDir );
+      EXPECT_EQ( viaDir->vni(), Vni( c.vni ) );
+      EXPECT_EQ( dir->entityPtr( Mox::String( c.name ) ), viaDir );
+   }
+   for ( const char* bad : { "16777216", "-1" } ) {
+      EXPECT_THROW( VniFdbStatusV2::VniFdbStatusV2Is( Mox::String( bad ) ), Mox::RangeException );
+   }
+   // Made from a VNI it is named by the VNI's text.
+   EXPECT_EQ( VniFdbStatusV2::VniFdbStatusV2Is( Vni( 12 ) )->name(), Mox::String( "12" ) );
+}
+
 TEST( MacVtepV2, DefaultEqualityAndTextForm ) {
    using Keel::Seqno32;
    const Wire::EthAddr mac( 0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e );

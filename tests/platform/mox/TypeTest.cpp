@@ -99,6 +99,34 @@ class Machine : public Mox::PtrInterface {
    bool initialized_ = false;
 };
 
+// An object whose input can be re-targeted and whose operation has a
+// per-key and a whole-pass form.
+class Steerable : public Mox::PtrInterface {
+   MOX_ALLOC_TRACKED( Steerable )
+
+ public:
+   using MoxBase = Mox::PtrInterface;
+   static constexpr const char* moxTypeName = "MoxTest::Steerable";
+   static void moxDescribe( Mox::TypeBuilder< Steerable >& b ) {
+      b.input( "target", &Steerable::target, &Steerable::targetIs )
+         .handlerPair( "visit", static_cast< void ( Steerable::* )( const uint32_t& ) >( &Steerable::visit ),
+                       static_cast< void ( Steerable::* )() >( &Steerable::visit ) );
+   }
+   const Mox::Type* fwkType() const override { return &Mox::TypeImpl< Steerable >::instance(); }
+   Ptr< const Mox::Entity > target() const { return target_; }
+   void targetIs( const Ptr< const Mox::Entity >& t ) {
+      target_ = t;
+      ++retargets;
+   }
+   void visit( const uint32_t& k ) { visited.push_back( k ); }
+   void visit() { ++wholePasses; }
+   int retargets = 0, wholePasses = 0;
+   std::vector< uint32_t > visited;
+
+ private:
+   Ptr< const Mox::Entity > target_;
+};
+
 Mox::Module testModule( "MoxTest", { &Mox::TypeImpl< Machine >::instance(),
                                      &Mox::TypeImpl< Leaf >::instance(),
                                      &Mox::TypeImpl< Pair >::instance() } );
@@ -239,6 +267,31 @@ TEST_F( GenericFixture, ScalarsHandlersInputsConstructionAndEveryRefusal ) {
                    ::testing::StrEq( "type MoxTest::Leaf cannot be constructed generically" ) ) );
 }
 
+TEST( GenericInterface, AWritableInputIsSetThroughItsOwnerAndAPairOfFormsShareOneName ) {
+   LeakCheck leaks;
+   Ptr< Steerable > s( new Steerable );
+   const auto& t = Mox::TypeImpl< Steerable >::instance();
+   EXPECT_EQ( t.attributeId( "target" ), 130u );
+   EXPECT_EQ( t.attributeId( "visit" ), 131u );
+   GenericValue r;
+   const Ptr< const Mox::Entity > e( new Mox::Entity( "e" ) ), none;
+   EXPECT_EQ( t.genericIfAttributeOp( r, s.ptr(), 130, set, &e ), Mox::genericDone );
+   EXPECT_EQ( s->target(), e );
+   EXPECT_EQ( t.genericIfAttributeOp( r, s.ptr(), 130, get ), Mox::genericDone );
+   EXPECT_EQ( r.object(), e );
+   EXPECT_EQ( t.genericIfAttributeOp( r, s.ptr(), 130, set, &none ), Mox::genericDone );
+   EXPECT_FALSE( s->target() );
+   EXPECT_EQ( t.genericIfAttributeOp( r, s.ptr(), 130, invoke ), Mox::genericNotAllowed );
+   EXPECT_EQ( s->retargets, 2 );
+
+   const uint32_t k = 4;
+   EXPECT_EQ( t.genericIfAttributeOp( r, s.ptr(), 131, invoke, &k ), Mox::genericDone );
+   EXPECT_EQ( t.genericIfAttributeOp( r, s.ptr(), 131, invoke ), Mox::genericDone );
+   EXPECT_EQ( t.genericIfAttributeOp( r, s.ptr(), 131, get ), Mox::genericNotAllowed );
+   EXPECT_THAT( s->visited, ElementsAre( 4u ) );
+   EXPECT_EQ( s->wholePasses, 1 );
+}
+
 TEST_F( GenericFixture, CollectionIteratorDeletesInPlaceAndHoldsTheOwner ) {
    for ( uint32_t k : { 4u, 1u, 3u, 2u } ) {
       m->table_.set( k, Mox::String( std::to_string( k * 10 ) ) );
@@ -325,6 +378,29 @@ TEST_F( DirTest, AddReplaceRemoveNotifyTheNameAfterSettingParents ) {
    dir->entityPtrDelAll();
    EXPECT_THAT( rec->keys( entityPtrId ), ElementsAre( "a", "b" ) );
    EXPECT_EQ( b->parent(), nullptr );
+}
+
+TEST_F( DirTest, AnEntryCanBeFiledUnderANameOtherThanItsOwn ) {
+   auto a = child( "a" ), b = child( "b" );
+   dir->entityPtrIs( String( "007" ), a );
+   EXPECT_EQ( dir->entityPtr( "007" ), a );
+   EXPECT_FALSE( dir->entityPtr( "a" ) );
+   EXPECT_EQ( a->name(), String( "a" ) );   // the entity keeps its own name
+   EXPECT_EQ( a->parent(), dir.ptr() );
+   dir->entityPtrIs( String( "007" ), b );   // replaces, letting the old entry go
+   EXPECT_EQ( a->parent(), nullptr );
+   // The generic interface files under the key it is given.
+   const String key( "x" );
+   const Ptr< Mox::Entity > asEntity( a );
+   GenericValue r;
+   const auto& dirType = Mox::TypeImpl< Mox::Dir >::instance();
+   EXPECT_EQ( dirType.genericIfAttributeOp( r, dir.ptr(), entityPtrId, set, &key, &asEntity ),
+              Mox::genericDone );
+   EXPECT_EQ( dir->entityPtr( "x" ), a );
+   EXPECT_FALSE( dir->entityPtr( "a" ) );
+   EXPECT_EQ( dir->entityPtrDel( "007" ), b );
+   EXPECT_THAT( rec->keys( entityPtrId ), ElementsAre( "007", "007", "x", "007" ) );
+   dir->entityPtrDelAll();
 }
 
 TEST_F( DirTest, FullNamesFollowTheTreeIterationIsInNameOrderAndDestructionClearsParents ) {

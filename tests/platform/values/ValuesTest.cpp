@@ -153,6 +153,23 @@ TEST( Vni, RangeEndsAt24BitsWhicheverWayItIsBuilt ) {
    EXPECT_LT( Vni( 9 ), Vni( 10 ) );
 }
 
+TEST( Vni, ANameIsReadAsABase10NumberThenRangeChecked ) {
+   const struct {
+      const char* name;
+      uint32_t vni;
+   } good[] = { { "7", 7 }, { "007", 7 }, { "7abc", 7 }, { "abc", 0 }, { "", 0 },
+                { "16777215", 16777215 }, { " 12", 12 }, { "4294967303", 7 } };
+   for ( const auto& c : good ) {
+      EXPECT_EQ( Vxlan::vniFromName( Mox::String( c.name ) ), Vxlan::Vni( c.vni ) ) << c.name;
+   }
+   for ( const char* bad : { "16777216", "-1", "4294967295", "99999999999999999999" } ) {
+      EXPECT_THAT( [ & ] { Vxlan::vniFromName( Mox::String( bad ) ); },
+                   ::testing::ThrowsMessage< Mox::RangeException >( ::testing::StrEq(
+                      "Vxlan::Vni::value < Vxlan::Vni::min or > Vxlan::Vni::max not allowed" ) ) )
+         << bad;
+   }
+}
+
 TEST( IpAddr, HeldInHostOrderReadAsFourOctetsAndOrderedNumerically ) {
    EXPECT_EQ( IpAddr::fromOctets( 10, 0, 0, 1 ).value(), 0x0a000001u );
    EXPECT_EQ( Mox::strepToValue< IpAddr >( "255.0.255.1" ), IpAddr( 0xff00ff01 ) );
