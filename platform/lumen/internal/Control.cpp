@@ -45,7 +45,7 @@ std::string checkControl( const ControlHeader& h, size_t size, const RecordLayou
    return {};
 }
 
-// Writer locks are flocks, which belong to an open file description that a
+// Writer locks are open-file-description locks, which belong to a description that a
 // fork() shares with the child: a child that outlived its writer parent would
 // keep the table locked with nobody writing. The child therefore swaps each
 // lock descriptor for /dev/null right after fork (an exec closes them anyway:
@@ -128,7 +128,7 @@ std::unique_ptr< Control > Control::openForWriter( const std::string& root, cons
       raiseCorruption( handler, fmt::format( "Lumen table {}: control segment of {} bytes is too "
                                              "short", path, actual ) );
    }
-   if ( ::flock( c->fd_, LOCK_EX | LOCK_NB ) != 0 ) {
+   if ( !takeWriterLock( c->fd_ ) ) {
       uint32_t pid = 0;
       if ( ::pread( c->fd_, &pid, sizeof( pid ), offsetof( ControlHeader, writerPid ) ) !=
            ssize_t( sizeof( pid ) ) ) {
@@ -183,6 +183,7 @@ std::unique_ptr< Control > Control::openForReader( const std::string& root, cons
    c->path_ = path;
    c->controlName_ = name;
    c->identity_ = identityOf( fd );
+   c->probeFd_ = ::fcntl( fd, F_DUPFD_CLOEXEC, 0 );
    c->map_ = mapClosing( fd, size, false );
    std::string problem = checkControl( c->header(), size, layout );
    if ( !problem.empty() ) {
@@ -204,10 +205,17 @@ Control::~Control() {
       unregisterLockFd( fd_ );   // first: a fork meanwhile must not touch a reused number
       ::close( fd_ );            // releases the writer lock
    }
+   if ( probeFd_ >= 0 ) {
+      ::close( probeFd_ );
+   }
 }
 
 MountStatus Control::status() const {
-   return statusOf( header() );
+   return statusOf( header(), probeFd_ );
+}
+
+bool Control::writerAlive() const {
+   return internal::writerAlive( header(), probeFd_ );
 }
 
 void Control::publish( const void* key ) {

@@ -27,7 +27,7 @@ inline constexpr uint32_t formatVersion = 2;
 // ControlHeader::writerState.
 enum class WriterState : uint32_t {
    none = 0,        // created, no writer has finished attaching yet
-   attached = 1,    // writerPid holds the table (alive or not: readers check)
+   attached = 1,    // a writer holds the table while it holds the writer lock
    detached = 2,    // the last writer detached cleanly
 };
 

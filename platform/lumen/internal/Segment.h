@@ -52,6 +52,14 @@ std::string wakeFileName( const std::string& root, const std::string& path );
 std::string readerSocketName( const std::string& root, uint32_t pid, uint32_t nonce );
 
 bool processAlive( uint32_t pid );
+// The writer lock: an exclusive open-file-description lock on the control
+// file, held for as long as the writer is attached. takeWriterLock() is
+// false when another description holds it. writerLockHeld() tests it without
+// taking it (1 held, 0 free, -1 cannot tell); a description never sees its
+// own lock.
+bool takeWriterLock( int fd );
+int writerLockHeld( int fd );
+bool writerAlive( const ControlHeader& h, int lockFd );
 
 // Which file a descriptor or name refers to, to notice a file replaced
 // under its name.
@@ -177,6 +185,8 @@ class Control {
    const std::string& path() const { return path_; }
    uint32_t feedCapacity() const { return feedCapacity_; }
    MountStatus status() const;
+   // Whether the attached writer lives: reader side, by the writer lock.
+   bool writerAlive() const;
    // True when the file under the table's name is no longer the one mapped
    // (removed, or removed and created anew): a stat() per call.
    bool replaced() const { return fileReplaced( controlName_, identity_ ); }
@@ -219,7 +229,8 @@ class Control {
    std::string controlName_;
    FileIdentity identity_;   // of the file mapped
    std::string root_;   // writer only: where readers' sockets live
-   int fd_ = -1;
+   int fd_ = -1;        // writer: holds the writer lock
+   int probeFd_ = -1;   // reader: tests the writer lock
    Mapping map_;
    Mapping wake_;   // writer only
    Peer peers_[ wakeReaderSlots ];   // writer only, by registration index
@@ -298,6 +309,7 @@ class Notifier {
    void forwardChanges();
    bool openWake();
    bool openControl();
+   void closeControlFd();
    void stopThread();
    void releaseSlot();
    bool replacedWhileNotMounted( MountStatus status ) const;
@@ -311,6 +323,7 @@ class Notifier {
    int sendFd_ = -1;          // connected to recvFd_, for poke()
    Mapping wake_;
    Mapping control_;
+   int controlFd_ = -1;       // thread only: tests the writer lock of control_
    FileIdentity followed_;    // thread only after construction; none: any
    ReaderSlot* slot_ = nullptr;
    uint64_t lastHead_;        // thread only

@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <fstream>
+#include <iterator>
 #include <chrono>
 #include <random>
 #include <set>
@@ -197,6 +199,60 @@ TEST( LumenCrossProcess, OneLiveWriterAndAKilledOneIsTakenOver ) {
    for ( uint32_t n = 0; n < 500; ++n ) {
       ASSERT_EQ( reader.lookup( MacKey::of( n ) ), successor.lookup( MacKey::of( n ) ) );
    }
+}
+
+// A pid says nothing about the writer: a killed writer that nobody reaped yet
+// (a zombie) still answers kill( pid, 0 ), and so does whatever process got
+// its pid since. Neither may pass for a live writer.
+TEST( LumenCrossProcess, AZombieOrAReusedPidIsNotALiveWriter ) {
+   LumenRoot root;
+   Pipe ready;
+   pid_t writerPid = startChild( [ & ] {
+      Lumen::Writer< HostRec > writer;
+      writer.attach( "/lumen/zombie" );
+      writer.write( HostRec::of( 1, 1 ) );
+      ready.signal();
+      ::pause();
+      return 0;
+   } );
+   ASSERT_TRUE( ready.wait() );
+   Lumen::Reader< HostRec > reader( "/lumen/zombie" );
+   EXPECT_EQ( reader.mountStatus(), MountStatus::mounted );
+   ::kill( writerPid, SIGKILL );
+   auto state = [ & ] {
+      std::ifstream stat( fmt::format( "/proc/{}/stat", writerPid ) );
+      std::string text( ( std::istreambuf_iterator< char >( stat ) ), std::istreambuf_iterator< char >() );
+      size_t paren = text.rfind( ')' );
+      return paren == std::string::npos || paren + 2 >= text.size() ? '?' : text[ paren + 2 ];
+   };
+   for ( int i = 0; i < 500 && state() != 'Z'; ++i ) {
+      ::usleep( 2000 );
+   }
+   ASSERT_EQ( state(), 'Z' );
+   EXPECT_EQ( reader.mountStatus(), MountStatus::writerGone ) << "a zombie passed for the writer";
+   EXPECT_EQ( waitChild( writerPid ), 128 + SIGKILL );
+
+   // Files whose writerPid names a live process that is no writer: this one,
+   // and a sleeping child of it.
+   Lumen::Writer< HostRec > writer;
+   writer.attach( "/lumen/live" );
+   writer.write( HostRec::of( 2, 2 ) );
+   copyTable( root, "lumen.live", "lumen.reused" );
+   Lumen::Reader< HostRec > reused( "/lumen/reused" );
+   EXPECT_EQ( reused.lookup( MacKey::of( 2 ) ), HostRec::of( 2, 2 ) );
+   EXPECT_EQ( reused.mountStatus(), MountStatus::writerGone ) << "our own pid passed for the writer";
+   pid_t sleeper = startChild( [] {
+      ::sleep( 30 );
+      return 0;
+   } );
+   editFile( root.file( "lumen.reused" ), [ & ]( uint8_t* p, size_t ) {
+      reinterpret_cast< li::ControlHeader* >( p )->writerPid = uint32_t( sleeper );
+   } );
+   EXPECT_EQ( reused.mountStatus(), MountStatus::writerGone ) << "an unrelated process passed for the writer";
+   ::kill( sleeper, SIGKILL );
+   waitChild( sleeper );
+   // The table's own writer, in this process, is alive for a reader here.
+   EXPECT_EQ( Lumen::Reader< HostRec >( "/lumen/live" ).mountStatus(), MountStatus::mounted );
 }
 
 // The reader sleeps only in poll() on fd() with a long timeout, so every burst
