@@ -38,7 +38,8 @@ std::string checkControl( const ControlHeader& h, size_t size, const RecordLayou
    }
    if ( h.feedEntrySize != layout.feedEntrySize() || h.feedCapacity == 0 ||
         h.feedCapacity > maxFeedCapacity ||
-        sizeof( ControlHeader ) + uint64_t( h.feedCapacity ) * h.feedEntrySize > size ) {
+        controlUndoOffset( h.feedCapacity, h.feedEntrySize ) +
+              controlUndoSize( layout.recordSize, layout.recordAlign ) > size ) {
       return fmt::format( "feed of {} entries of {} bytes does not fit a {} byte segment",
                           h.feedCapacity, h.feedEntrySize, size );
    }
@@ -100,7 +101,8 @@ std::unique_ptr< Control > Control::openForWriter( const std::string& root, cons
    if ( feedCapacity == 0 || feedCapacity > maxFeedCapacity ) {
       MOX_THROW( Mox::Exception, "Lumen feed capacity {} out of range", feedCapacity );
    }
-   size_t size = sizeof( ControlHeader ) + size_t( feedCapacity ) * layout.feedEntrySize();
+   size_t size = controlUndoOffset( feedCapacity, layout.feedEntrySize() ) +
+                 controlUndoSize( layout.recordSize, layout.recordAlign );
    createComplete( name, size, [ & ]( uint8_t* base ) {
       auto* h = new ( base ) ControlHeader{};
       h->magic = controlMagic;
@@ -153,6 +155,8 @@ std::unique_ptr< Control > Control::openForWriter( const std::string& root, cons
    c->feedCapacity_ = c->header().feedCapacity;
    c->feedEntrySize_ = c->header().feedEntrySize;
    c->keySize_ = layout.keySize;
+   c->undoOffset_ = controlUndoOffset( c->feedCapacity_, c->feedEntrySize_ );
+   c->undoRecordOffset_ = undoRecordOffset( layout.recordAlign );
    c->root_ = root;
    c->wake_ = openWakeWord( wakeFileName( root, path ) );
    if ( c->wake_ ) {
@@ -250,6 +254,16 @@ void Control::markAttached() {
 
 void Control::markDetached() {
    header().writerState.store( uint32_t( WriterState::detached ), std::memory_order_release );
+}
+
+const uint8_t* Control::undoFor( uint64_t generation, uint32_t slot, uint32_t word ) const {
+   const UndoHeader& u = undo();
+   if ( ( word & 3 ) != slotBusy || u.busyWord.load( std::memory_order_relaxed ) != word ||
+        u.slot.load( std::memory_order_relaxed ) != slot ||
+        u.generation.load( std::memory_order_relaxed ) != generation ) {
+      return nullptr;
+   }
+   return undoRecord();
 }
 
 bool Control::readFeed( uint64_t seq, void* keyOut ) const {

@@ -22,7 +22,7 @@ namespace Lumen::internal {
 inline constexpr uint64_t controlMagic = 0x314c54434e4d554cULL;   // "LUMNCTL1"
 inline constexpr uint64_t dataMagic = 0x315441444e4d554cULL;      // "LUMNDAT1"
 inline constexpr uint64_t wakeMagic = 0x324b41574e4d554cULL;      // "LUMNWAK2"
-inline constexpr uint32_t formatVersion = 2;
+inline constexpr uint32_t formatVersion = 3;
 
 // ControlHeader::writerState.
 enum class WriterState : uint32_t {
@@ -79,6 +79,33 @@ static_assert( offsetof( ControlHeader, typeName ) == 192 );
 //   uint64_t seq   2s+1 while written, 2s+2 once the key is complete
 //   Key key        at offset 8; entry size rounded up to 8 bytes
 inline constexpr uint32_t feedKeyOffset = 8;
+
+// Undo image, after the feed at controlUndoOffset(): the record a writer is
+// replacing, kept before it turns the slot busy, so that a writer killed in
+// the middle of the copy leaves the last completed value behind. Written by
+// the writer only, on every replacement; no reader reads it. The next writer
+// restores it at takeover when, and only when, slot `slot` of generation
+// `generation` still holds `busyWord`: slot words only grow, so that matches
+// the one unfinished change the image was kept for, never a later insert
+// into the same slot.
+struct UndoHeader {
+   std::atomic< uint64_t > generation;    // 0
+   std::atomic< uint32_t > slot;          // 8
+   std::atomic< uint32_t > busyWord;      // 12: the slot's word during the change; 0 = none
+};
+static_assert( sizeof( UndoHeader ) == 16 );
+
+// Record offset in the undo area: 16, or the record's alignment if larger.
+inline constexpr uint32_t undoRecordOffset( uint32_t recordAlign ) {
+   return recordAlign > sizeof( UndoHeader ) ? recordAlign : uint32_t( sizeof( UndoHeader ) );
+}
+// The undo area starts on the cache line after the feed and fills whole lines.
+inline constexpr uint64_t controlUndoOffset( uint32_t feedCapacity, uint32_t feedEntrySize ) {
+   return ( 256 + uint64_t( feedCapacity ) * feedEntrySize + 63 ) / 64 * 64;
+}
+inline constexpr uint64_t controlUndoSize( uint32_t recordSize, uint32_t recordAlign ) {
+   return ( undoRecordOffset( recordAlign ) + uint64_t( recordSize ) + 63 ) / 64 * 64;
+}
 
 struct DataHeader {
    // Written once by the writer before the generation is published.
