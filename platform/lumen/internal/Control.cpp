@@ -188,8 +188,13 @@ std::unique_ptr< Control > Control::openForReader( const std::string& root, cons
    c->controlName_ = name;
    c->identity_ = identityOf( fd );
    c->probeFd_ = ::fcntl( fd, F_DUPFD_CLOEXEC, 0 );
+   uint64_t allocated = allocatedSize( fd );
    c->map_ = mapClosing( fd, size, false );
    std::string problem = checkControl( c->header(), size, layout );
+   if ( problem.empty() ) {
+      problem = checkAllocated( allocated, size );
+      problem = problem.empty() ? problem : "control " + problem;
+   }
    if ( !problem.empty() ) {
       raiseCorruption( handler, fmt::format( "Lumen table {}: {}", path, problem ) );
    }

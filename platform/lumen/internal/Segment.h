@@ -88,6 +88,15 @@ inline uint32_t mixHash( uint32_t h ) {
 bool registerFenceFreeWriter();
 void readerBarrier();
 
+// Fault guard of read-only mappings (FaultGuard.cpp): a SIGBUS inside a
+// guarded mapping (its file truncated under it) maps zero pages over the
+// rest of it and sets the returned flag, instead of killing the process.
+// `index` receives what unguardMapping() takes; -1 when the registry is full
+// (the mapping is then unguarded and its flag never set).
+const std::atomic< uint32_t >* guardMapping( void* addr, size_t size, int* index );
+void unguardMapping( int index );
+const std::atomic< uint32_t >* unguardedFlag();
+
 class Mapping {
  public:
    Mapping() = default;
@@ -98,10 +107,18 @@ class Mapping {
    uint8_t* data() const { return static_cast< uint8_t* >( addr_ ); }
    size_t size() const { return size_; }
    explicit operator bool() const { return addr_ != nullptr; }
+   // Read-only file mappings only: survive the file's truncation (see above).
+   void guard() { damaged_ = guardMapping( addr_, size_, &guard_ ); }
+   // The file was truncated under the mapping: part of it now reads zeros.
+   // One load, no system call.
+   bool damaged() const { return damaged_->load( std::memory_order_relaxed ) != 0; }
 
  private:
+   void release();
    void* addr_ = nullptr;
    size_t size_ = 0;
+   int guard_ = -1;
+   const std::atomic< uint32_t >* damaged_ = unguardedFlag();
 };
 
 // One generation of a table: DataHeader then 1 << shift slots. Either process
@@ -122,6 +139,8 @@ class SlotArray {
    static uint32_t slotCountFor( uint32_t capacity );
 
    explicit operator bool() const { return bool( map_ ); }
+   // The file was truncated under a reader's mapping (see Mapping::guard).
+   bool damaged() const { return map_.damaged(); }
    // The header's counts, read and changed through the array at each call.
    // There is deliberately no DataHeader& to hold: a rebuild, growth, shrink
    // or remap replaces the mapping under it, and a reference kept across such
@@ -191,6 +210,8 @@ class Control {
    // (removed, or removed and created anew): a stat() per call.
    bool replaced() const { return fileReplaced( controlName_, identity_ ); }
    const FileIdentity& identity() const { return identity_; }
+   // Reader: the file was truncated under the mapping (see Mapping::guard).
+   bool damaged() const { return map_.damaged(); }
 
    // Writer side.
    // Called before each change: records the calling thread if it is not the

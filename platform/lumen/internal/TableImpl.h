@@ -657,6 +657,10 @@ template< class Record >
 bool Reader< Record >::mount() const {
    if ( !control_ ) {
       control_ = internal::Control::openForReader( root_, path_, layout_, corruptionHandler_ );
+   } else if ( control_->damaged() ) [[unlikely]] {
+      internal::raiseCorruption(
+         corruptionHandler_,
+         fmt::format( "Lumen table {}: control segment was truncated under the reader", path_ ) );
    }
    return control_ != nullptr;
 }
@@ -665,8 +669,8 @@ template< class Record >
 const internal::SlotArray* Reader< Record >::current() const {
    // The one load of the control segment on a lookup's way.
    if ( control_ && current_ &&
-        control_->header().generation.load( std::memory_order_acquire ) == current_.generation() )
-      [[likely]] {
+        control_->header().generation.load( std::memory_order_acquire ) == current_.generation() &&
+        !current_.damaged() ) [[likely]] {
       return &current_;
    }
    return remap();
@@ -683,6 +687,12 @@ const internal::SlotArray* Reader< Record >::remap() const {
          return nullptr;
       }
       if ( current_ && current_.generation() == generation ) {
+         if ( current_.damaged() ) {
+            internal::raiseCorruption(
+               corruptionHandler_,
+               fmt::format( "Lumen table {}: data segment of generation {} was truncated under the "
+                            "reader", path_, generation ) );
+         }
          return &current_;
       }
       auto opened =
