@@ -131,6 +131,9 @@ std::unique_ptr< Control > Control::openForWriter( const std::string& root, cons
                                              "short", path, actual ) );
    }
    if ( !takeWriterLock( c->fd_ ) ) {
+      if ( errno != EAGAIN && errno != EACCES ) {
+         MOX_THROW( Mox::Exception, "Lumen cannot lock {}: {}", name, errnoText() );
+      }
       uint32_t pid = 0;
       if ( ::pread( c->fd_, &pid, sizeof( pid ), offsetof( ControlHeader, writerPid ) ) !=
            ssize_t( sizeof( pid ) ) ) {
