@@ -5,7 +5,8 @@
 //
 // Three files per table under Lumen::root() (path "/a/b/c" flattens to "a.b.c"):
 //   <flat>          control segment: identity, generation word, writer state,
-//                   change feed. Stable for the table's life.
+//                   change feed, undo image. Stable for the table's life; its
+//                   writer holds an open-file-description lock on it.
 //   <flat>@<gen>    data segment of one generation: header, then slots.
 //   <flat>@wake     wake segment: the only file readers map writable (the
 //                   futex word and the reader registrations).
@@ -22,6 +23,8 @@ namespace Lumen::internal {
 inline constexpr uint64_t controlMagic = 0x314c54434e4d554cULL;   // "LUMNCTL1"
 inline constexpr uint64_t dataMagic = 0x315441444e4d554cULL;      // "LUMNDAT1"
 inline constexpr uint64_t wakeMagic = 0x324b41574e4d554cULL;      // "LUMNWAK2"
+// 3: the control segment ends with the undo area; the writer lock is an
+// open-file-description lock (readers test it), no longer a flock.
 inline constexpr uint32_t formatVersion = 3;
 
 // ControlHeader::writerState.
@@ -121,7 +124,9 @@ struct DataHeader {
    uint32_t capacity;                     // 48: entries this generation holds
    uint32_t reserved0;                    // 52
    uint8_t reserved1[ 8 ];                // 56
-   // Written by the writer on every insert and remove.
+   // Written by the writer on every insert and remove. At every instant
+   // count <= capacity and count + tombstones <= slotCount - slotCount / 8;
+   // a reader checks each alone when it maps the generation.
    std::atomic< uint32_t > count;         // 64: live slots
    std::atomic< uint32_t > tombstones;    // 68
    uint8_t reserved2[ 56 ];               // 72
