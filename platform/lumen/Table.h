@@ -103,6 +103,7 @@ class Writer {
    internal::RecordLayout layout_;
    internal::SlotArray table_;                    // current generation
    std::unique_ptr< internal::Control > control_; // set while attached
+   uint64_t undoGeneration_ = 0;   // generation stored in the undo image; 0 = none
    std::vector< std::unique_ptr< Record > > staged_;   // slotFor() images
 };
 

@@ -158,7 +158,7 @@ std::unique_ptr< Control > Control::openForWriter( const std::string& root, cons
    c->feedCapacity_ = c->header().feedCapacity;
    c->feedEntrySize_ = c->header().feedEntrySize;
    c->keySize_ = layout.keySize;
-   c->undoOffset_ = controlUndoOffset( c->feedCapacity_, c->feedEntrySize_ );
+   c->undo_ = c->map_.data() + controlUndoOffset( c->feedCapacity_, c->feedEntrySize_ );
    c->undoRecordOffset_ = undoRecordOffset( layout.recordAlign );
    c->root_ = root;
    c->wake_ = openWakeWord( wakeFileName( root, path ) );
@@ -266,8 +266,7 @@ void Control::markDetached() {
 
 const uint8_t* Control::undoFor( uint64_t generation, uint32_t slot, uint32_t word ) const {
    const UndoHeader& u = undo();
-   if ( ( word & 3 ) != slotBusy || u.busyWord.load( std::memory_order_relaxed ) != word ||
-        u.slot.load( std::memory_order_relaxed ) != slot ||
+   if ( ( word & 3 ) != slotBusy || u.change.load( std::memory_order_relaxed ) != undoChange( slot, word ) ||
         u.generation.load( std::memory_order_relaxed ) != generation ) {
       return nullptr;
    }

@@ -92,10 +92,15 @@ inline constexpr uint32_t feedKeyOffset = 8;
 // the one unfinished change the image was kept for, never a later insert
 // into the same slot.
 struct UndoHeader {
+   // Stored only when it differs from the last image's.
    std::atomic< uint64_t > generation;    // 0
-   std::atomic< uint32_t > slot;          // 8
-   std::atomic< uint32_t > busyWord;      // 12: the slot's word during the change; 0 = none
+   // busyWord << 32 | slot, one store: busyWord is the slot's word during
+   // the change; 0 = no image.
+   std::atomic< uint64_t > change;        // 8
 };
+inline constexpr uint64_t undoChange( uint32_t slot, uint32_t busyWord ) {
+   return uint64_t( busyWord ) << 32 | slot;
+}
 static_assert( sizeof( UndoHeader ) == 16 );
 
 // Record offset in the undo area: 16, or the record's alignment if larger.

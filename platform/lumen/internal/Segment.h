@@ -228,8 +228,8 @@ class Control {
    void publish( const void* key );
    // The undo image (see UndoHeader): the writer fills it, record last, via
    // undo() and undoRecord() before each replacement of a live record.
-   UndoHeader& undo() const { return *reinterpret_cast< UndoHeader* >( map_.data() + undoOffset_ ); }
-   uint8_t* undoRecord() const { return map_.data() + undoOffset_ + undoRecordOffset_; }
+   UndoHeader& undo() const { return *reinterpret_cast< UndoHeader* >( undo_ ); }
+   uint8_t* undoRecord() const { return undo_ + undoRecordOffset_; }
    // Takeover: the record to restore into `slot` of `generation`, whose word
    // a dead writer left at `word`; null when the image is not of that change.
    const uint8_t* undoFor( uint64_t generation, uint32_t slot, uint32_t word ) const;
@@ -272,8 +272,10 @@ class Control {
    uint32_t feedCapacity_ = 0;
    uint32_t feedEntrySize_ = 0;
    uint32_t keySize_ = 0;
-   uint64_t undoOffset_ = 0;        // writer only
-   uint32_t undoRecordOffset_ = 0;  // writer only
+   // Writer only: the undo area, in map_, which lives as long as this
+   // object and is never remapped.
+   uint8_t* undo_ = nullptr;
+   uint32_t undoRecordOffset_ = 0;
 };
 
 // What a reader needs to decide that a slot it keeps finding busy was left

@@ -323,6 +323,7 @@ void Writer< Record >::attach( const std::string& path ) {
    control->wake();
    control_ = std::move( control );
    table_ = std::move( next );
+   undoGeneration_ = 0;   // the image's generation is not ours yet
    path_ = path;
    root_ = root;
 }
@@ -427,16 +428,20 @@ void Writer< Record >::insertNew( const Record& r, const Key& k, uint32_t slot )
 
 // Before a live record is overwritten: a copy of it, and which change it
 // undoes (the word the slot will hold while busy), into the control
-// segment's undo area. One record copy into lines only this writer touches;
-// no fence, since only a later writer, which takes the lock after our death,
-// reads it: compiler order alone puts the image before the busy word.
+// segment's undo area. One word and one record copy into a line only this
+// writer touches (the generation only when it changed); no fence, since
+// only a later writer, which takes the lock after our death, reads it:
+// compiler order alone puts the image before the busy word.
 template< class Record >
 void Writer< Record >::keepUndo( uint32_t slot ) {
    internal::UndoHeader& u = control_->undo();
+   if ( undoGeneration_ != table_.generation() ) [[unlikely]] {
+      undoGeneration_ = table_.generation();
+      u.generation.store( undoGeneration_, std::memory_order_relaxed );
+   }
    uint32_t word = table_.word( slot ).load( std::memory_order_relaxed );
-   u.generation.store( table_.generation(), std::memory_order_relaxed );
-   u.slot.store( slot, std::memory_order_relaxed );
-   u.busyWord.store( ( ( word >> 2 ) + 1 ) << 2 | internal::slotBusy, std::memory_order_relaxed );
+   u.change.store( internal::undoChange( slot, ( ( word >> 2 ) + 1 ) << 2 | internal::slotBusy ),
+                   std::memory_order_relaxed );
    std::memcpy( control_->undoRecord(), table_.record( slot ), sizeof( Record ) );
    std::atomic_signal_fence( std::memory_order_release );
 }
