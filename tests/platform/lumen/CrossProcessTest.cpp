@@ -280,7 +280,13 @@ TEST( LumenTakeover, AWriterKilledMidChangeLeavesTheKeyOldOrNew ) {
             return 0;
          } );
          uint32_t target = 3 + rng() % 300;
-         while ( progress->load( std::memory_order_acquire ) < target ) {
+         auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds( 10 );
+         for ( uint32_t spins = 1; progress->load( std::memory_order_acquire ) < target; ++spins ) {
+            if ( spins % 4096 == 0 && ( ::waitpid( child, nullptr, WNOHANG ) == child ||
+                                        std::chrono::steady_clock::now() > deadline ) ) {
+               ::kill( child, SIGKILL );
+               FAIL() << "the writer stopped before making " << target << " changes";
+            }
          }
          ::kill( child, SIGKILL );
          ASSERT_EQ( waitChild( child ), 128 + SIGKILL );
