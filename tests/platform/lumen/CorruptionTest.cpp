@@ -124,17 +124,28 @@ TEST_F( LumenCorruption, ASparseSegmentIsRefusedBeforeAnyScan ) {
 // and its next check reports the damage. Run in a child, so that a reader
 // killed by SIGBUS fails the test instead of ending it.
 TEST_F( LumenCorruption, AFileTruncatedUnderAReaderIsReportedNotFatal ) {
+   // 3000 entries over 7176 slots: 224 KB of data segment, most of which a
+   // truncation to two pages takes away.
+   Lumen::Writer< HostRec > big( HostRec{}, { 4096, 1u << 16, 64 } );
+   big.attach( "/lumen/big" );
+   for ( uint32_t n = 0; n < 3000; ++n ) {
+      big.write( HostRec::of( n, n ) );
+   }
    struct Case {
+      std::string table;
+      uint32_t keys;
       std::string file;
       off_t size;
       std::string what;
    };
-   for ( const Case& c : { Case{ data(), 0, "data segment of generation 1 was truncated under the reader" },
-                           Case{ control(), 0, "control segment was truncated under the reader" } } ) {
-      copyTable( root, "lumen.good", "lumen.bad" );
+   std::string dataTruncated = "data segment of generation 1 was truncated under the reader";
+   for ( const Case& c : { Case{ "lumen.good", 40, data(), 0, dataTruncated },
+                           Case{ "lumen.big", 3000, data(), 8192, dataTruncated },
+                           Case{ "lumen.good", 40, control(), 0, "control segment was truncated under the reader" } } ) {
+      copyTable( root, c.table, "lumen.bad" );
       pid_t child = startChild( [ & ] {
          Lumen::Reader< HostRec > reader( "/lumen/bad" );
-         for ( uint32_t n = 0; n < 40; ++n ) {
+         for ( uint32_t n = 0; n < c.keys; ++n ) {
             if ( reader.lookup( MacKey::of( n ) ) != HostRec::of( n, n ) ) {
                return 2;
             }
@@ -145,7 +156,7 @@ TEST_F( LumenCorruption, AFileTruncatedUnderAReaderIsReportedNotFatal ) {
          int reported = 0;
          for ( int round = 0; round < 3; ++round ) {
             try {
-               for ( uint32_t n = 0; n < 40; ++n ) {
+               for ( uint32_t n = 0; n < c.keys; ++n ) {
                   reader.lookup( MacKey::of( n ) );
                }
                reader.count();
@@ -162,7 +173,7 @@ TEST_F( LumenCorruption, AFileTruncatedUnderAReaderIsReportedNotFatal ) {
          }
          return reported >= 2 ? 0 : 5;
       } );
-      EXPECT_EQ( waitChild( child ), 0 ) << c.file << " truncated to " << c.size << ": " << 128 + SIGBUS
+      EXPECT_EQ( waitChild( child ), 0 ) << c.table << ": " << c.file << " truncated to " << c.size << ": " << 128 + SIGBUS
                                          << " is death by SIGBUS, 5 too few reports";
    }
 }
