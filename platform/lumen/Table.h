@@ -90,6 +90,7 @@ class Writer {
    using Ops = internal::SlotOps< Record >;
    void insertNew( const Record& r, const Key& k, uint32_t slot );   // slot: where find() put k
    void rebuild( uint32_t newCapacity );
+   void keepUndo( uint32_t slot );   // before slot's live record is overwritten
    void publish( const Key& k );
    void refreshStaged( const Key& k, const Record* now );   // now: null = removed
    uint32_t shrinkTarget() const;
@@ -102,6 +103,7 @@ class Writer {
    internal::RecordLayout layout_;
    internal::SlotArray table_;                    // current generation
    std::unique_ptr< internal::Control > control_; // set while attached
+   uint64_t undoGeneration_ = 0;   // generation stored in the undo image; 0 = none
    std::vector< std::unique_ptr< Record > > staged_;   // slotFor() images
 };
 

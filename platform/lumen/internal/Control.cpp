@@ -38,14 +38,15 @@ std::string checkControl( const ControlHeader& h, size_t size, const RecordLayou
    }
    if ( h.feedEntrySize != layout.feedEntrySize() || h.feedCapacity == 0 ||
         h.feedCapacity > maxFeedCapacity ||
-        sizeof( ControlHeader ) + uint64_t( h.feedCapacity ) * h.feedEntrySize > size ) {
+        controlUndoOffset( h.feedCapacity, h.feedEntrySize ) +
+              controlUndoSize( layout.recordSize, layout.recordAlign ) > size ) {
       return fmt::format( "feed of {} entries of {} bytes does not fit a {} byte segment",
                           h.feedCapacity, h.feedEntrySize, size );
    }
    return {};
 }
 
-// Writer locks are flocks, which belong to an open file description that a
+// Writer locks are open-file-description locks, which belong to a description that a
 // fork() shares with the child: a child that outlived its writer parent would
 // keep the table locked with nobody writing. The child therefore swaps each
 // lock descriptor for /dev/null right after fork (an exec closes them anyway:
@@ -102,7 +103,8 @@ TableFile openOrCreateControl( const std::string& root, const std::string& path,
          file.require();
          return file;
       }
-      size_t size = sizeof( ControlHeader ) + size_t( feedCapacity ) * layout.feedEntrySize();
+      size_t size = controlUndoOffset( feedCapacity, layout.feedEntrySize() ) +
+                    controlUndoSize( layout.recordSize, layout.recordAlign );
       createComplete( name, size, access, [ & ]( uint8_t* base ) {
          auto* h = new ( base ) ControlHeader{};
          h->magic = controlMagic;
@@ -144,7 +146,10 @@ std::unique_ptr< Control > Control::openForWriter( const std::string& root, cons
       raiseCorruption( handler, fmt::format( "Lumen table {}: control segment of {} bytes is too "
                                              "short", path, actual ) );
    }
-   if ( ::flock( lockFile.fd(), LOCK_EX | LOCK_NB ) != 0 ) {
+   if ( !takeWriterLock( lockFile.fd() ) ) {
+      if ( errno != EAGAIN && errno != EACCES ) {
+         MOX_THROW( Mox::Exception, "Lumen cannot lock {}: {}", name, errnoText() );
+      }
       uint32_t pid = 0;
       if ( ::pread( lockFile.fd(), &pid, sizeof( pid ), offsetof( ControlHeader, writerPid ) ) !=
            ssize_t( sizeof( pid ) ) ) {
@@ -174,6 +179,8 @@ std::unique_ptr< Control > Control::openForWriter( const std::string& root, cons
    c->feedCapacity_ = c->header().feedCapacity;
    c->feedEntrySize_ = c->header().feedEntrySize;
    c->keySize_ = layout.keySize;
+   c->undo_ = c->map_.data() + controlUndoOffset( c->feedCapacity_, c->feedEntrySize_ );
+   c->undoRecordOffset_ = undoRecordOffset( layout.recordAlign );
    c->root_ = root;
    c->wake_ = openWakeWord( wakeFileName( root, path ), &access );
    if ( c->wake_ ) {
@@ -207,8 +214,14 @@ std::unique_ptr< Control > Control::openForReader( const std::string& root, cons
    c->controlName_ = name;
    c->identity_ = file.identity();
    c->owner_ = file.owner();
+   c->probeFd_ = ::fcntl( file.fd(), F_DUPFD_CLOEXEC, 0 );
+   uint64_t allocated = allocatedSize( file.fd() );
    c->map_ = mapClosing( file.release(), size, false );
    std::string problem = checkControl( c->header(), size, layout );
+   if ( problem.empty() ) {
+      problem = checkAllocated( allocated, size );
+      problem = problem.empty() ? problem : "control " + problem;
+   }
    if ( !problem.empty() ) {
       raiseCorruption( handler, fmt::format( "Lumen table {}: {}", path, problem ) );
    }
@@ -228,10 +241,17 @@ Control::~Control() {
       unregisterLockFd( fd_ );   // first: a fork meanwhile must not touch a reused number
       ::close( fd_ );            // releases the writer lock
    }
+   if ( probeFd_ >= 0 ) {
+      ::close( probeFd_ );
+   }
 }
 
 MountStatus Control::status() const {
-   return statusOf( header() );
+   return statusOf( header(), probeFd_ );
+}
+
+bool Control::writerAlive() const {
+   return internal::writerAlive( header(), probeFd_ );
 }
 
 void Control::publish( const void* key ) {
@@ -266,6 +286,15 @@ void Control::markAttached() {
 
 void Control::markDetached() {
    header().writerState.store( uint32_t( WriterState::detached ), std::memory_order_release );
+}
+
+const uint8_t* Control::undoFor( uint64_t generation, uint32_t slot, uint32_t word ) const {
+   const UndoHeader& u = undo();
+   if ( ( word & 3 ) != slotBusy || u.change.load( std::memory_order_relaxed ) != undoChange( slot, word ) ||
+        u.generation.load( std::memory_order_relaxed ) != generation ) {
+      return nullptr;
+   }
+   return undoRecord();
 }
 
 bool Control::readFeed( uint64_t seq, void* keyOut ) const {

@@ -371,12 +371,33 @@ Mapping mapClosing( int fd, size_t size, bool writable ) {
    if ( addr == MAP_FAILED ) {
       MOX_THROW( Mox::Exception, "Lumen mmap of {} bytes failed: {}", size, std::strerror( err ) );
    }
-   return Mapping( addr, size );
+   Mapping map( addr, size );
+   if ( !writable ) {
+      map.guard();   // a reader must survive the file's truncation
+   }
+   return map;
 }
 
 size_t fileSize( int fd ) {
    struct stat st {};
    return ::fstat( fd, &st ) == 0 ? size_t( st.st_size ) : 0;
+}
+
+// Bytes the file has storage for. Every segment is created with its pages
+// reserved, so one whose size outruns its storage is sparse: not ours, and
+// reading its holes would fill the file system with zero pages.
+uint64_t allocatedSize( int fd ) {
+   struct stat st {};
+   return ::fstat( fd, &st ) == 0 ? uint64_t( st.st_blocks ) * 512 : 0;
+}
+
+std::string checkAllocated( uint64_t allocated, uint64_t needed ) {
+   // Storage comes in blocks: a partial last block is no sign of a hole.
+   if ( allocated + 4096 < needed ) {
+      return fmt::format( "segment of {} bytes has storage for only {} (a sparse file)", needed,
+                          allocated );
+   }
+   return {};
 }
 
 std::string controlFileName( const std::string& root, const std::string& path ) {
@@ -427,26 +448,38 @@ bool fileReplaced( const std::string& name, const FileIdentity& mapped ) {
    return uint64_t( st.st_dev ) != mapped.device || uint64_t( st.st_ino ) != mapped.inode;
 }
 
-Mapping::~Mapping() {
+// Unguarded first: the fault handler must never map over a range that is
+// no longer ours.
+void Mapping::release() {
+   unguardMapping( guard_ );
    if ( addr_ ) {
       ::munmap( addr_, size_ );
    }
 }
 
-Mapping::Mapping( Mapping&& o ) noexcept : addr_( o.addr_ ), size_( o.size_ ) {
+Mapping::~Mapping() {
+   release();
+}
+
+Mapping::Mapping( Mapping&& o ) noexcept
+   : addr_( o.addr_ ), size_( o.size_ ), guard_( o.guard_ ), damaged_( o.damaged_ ) {
    o.addr_ = nullptr;
    o.size_ = 0;
+   o.guard_ = -1;
+   o.damaged_ = unguardedFlag();
 }
 
 Mapping& Mapping::operator=( Mapping&& o ) noexcept {
    if ( this != &o ) {
-      if ( addr_ ) {
-         ::munmap( addr_, size_ );
-      }
+      release();
       addr_ = o.addr_;
       size_ = o.size_;
+      guard_ = o.guard_;
+      damaged_ = o.damaged_;
       o.addr_ = nullptr;
       o.size_ = 0;
+      o.guard_ = -1;
+      o.damaged_ = unguardedFlag();
    }
    return *this;
 }

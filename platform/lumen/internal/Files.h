@@ -88,6 +88,10 @@ int reserve( int fd, size_t size );
 // Maps fd and closes it, whether or not the mapping succeeds.
 Mapping mapClosing( int fd, size_t size, bool writable );
 size_t fileSize( int fd );
+// Bytes of storage a file has (st_blocks), and the problem when they fall
+// short of `needed` bytes: the file is sparse (empty: no problem).
+uint64_t allocatedSize( int fd );
+std::string checkAllocated( uint64_t allocated, uint64_t needed );
 
 // The wake file, opened for mapping: by the table's writer (`writer` set),
 // owned by this user with its mode and group, created if missing; by a

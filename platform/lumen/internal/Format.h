@@ -5,7 +5,8 @@
 //
 // Three files per table under Lumen::root() (path "/a/b/c" flattens to "a.b.c"):
 //   <flat>          control segment: identity, generation word, writer state,
-//                   change feed. Stable for the table's life.
+//                   change feed, undo image. Stable for the table's life; its
+//                   writer holds an open-file-description lock on it.
 //   <flat>@<gen>    data segment of one generation: header, then slots.
 //   <flat>@wake     wake segment: the only file readers map writable (the
 //                   futex word and the reader registrations).
@@ -22,12 +23,14 @@ namespace Lumen::internal {
 inline constexpr uint64_t controlMagic = 0x314c54434e4d554cULL;   // "LUMNCTL1"
 inline constexpr uint64_t dataMagic = 0x315441444e4d554cULL;      // "LUMNDAT1"
 inline constexpr uint64_t wakeMagic = 0x324b41574e4d554cULL;      // "LUMNWAK2"
-inline constexpr uint32_t formatVersion = 2;
+// 3: the control segment ends with the undo area; the writer lock is an
+// open-file-description lock (readers test it), no longer a flock.
+inline constexpr uint32_t formatVersion = 3;
 
 // ControlHeader::writerState.
 enum class WriterState : uint32_t {
    none = 0,        // created, no writer has finished attaching yet
-   attached = 1,    // writerPid holds the table (alive or not: readers check)
+   attached = 1,    // a writer holds the table while it holds the writer lock
    detached = 2,    // the last writer detached cleanly
 };
 
@@ -80,6 +83,38 @@ static_assert( offsetof( ControlHeader, typeName ) == 192 );
 //   Key key        at offset 8; entry size rounded up to 8 bytes
 inline constexpr uint32_t feedKeyOffset = 8;
 
+// Undo image, after the feed at controlUndoOffset(): the record a writer is
+// replacing, kept before it turns the slot busy, so that a writer killed in
+// the middle of the copy leaves the last completed value behind. Written by
+// the writer only, on every replacement; no reader reads it. The next writer
+// restores it at takeover when, and only when, slot `slot` of generation
+// `generation` still holds `busyWord`: slot words only grow, so that matches
+// the one unfinished change the image was kept for, never a later insert
+// into the same slot.
+struct UndoHeader {
+   // Stored only when it differs from the last image's.
+   std::atomic< uint64_t > generation;    // 0
+   // busyWord << 32 | slot, one store: busyWord is the slot's word during
+   // the change; 0 = no image.
+   std::atomic< uint64_t > change;        // 8
+};
+inline constexpr uint64_t undoChange( uint32_t slot, uint32_t busyWord ) {
+   return uint64_t( busyWord ) << 32 | slot;
+}
+static_assert( sizeof( UndoHeader ) == 16 );
+
+// Record offset in the undo area: 16, or the record's alignment if larger.
+inline constexpr uint32_t undoRecordOffset( uint32_t recordAlign ) {
+   return recordAlign > sizeof( UndoHeader ) ? recordAlign : uint32_t( sizeof( UndoHeader ) );
+}
+// The undo area starts on the cache line after the feed and fills whole lines.
+inline constexpr uint64_t controlUndoOffset( uint32_t feedCapacity, uint32_t feedEntrySize ) {
+   return ( 256 + uint64_t( feedCapacity ) * feedEntrySize + 63 ) / 64 * 64;
+}
+inline constexpr uint64_t controlUndoSize( uint32_t recordSize, uint32_t recordAlign ) {
+   return ( undoRecordOffset( recordAlign ) + uint64_t( recordSize ) + 63 ) / 64 * 64;
+}
+
 struct DataHeader {
    // Written once by the writer before the generation is published.
    uint64_t magic;                        // 0
@@ -94,7 +129,9 @@ struct DataHeader {
    uint32_t capacity;                     // 48: entries this generation holds
    uint32_t reserved0;                    // 52
    uint8_t reserved1[ 8 ];                // 56
-   // Written by the writer on every insert and remove.
+   // Written by the writer on every insert and remove. At every instant
+   // count <= capacity and count + tombstones <= slotCount - slotCount / 8;
+   // a reader checks each alone when it maps the generation.
    std::atomic< uint32_t > count;         // 64: live slots
    std::atomic< uint32_t > tombstones;    // 68
    uint8_t reserved2[ 56 ];               // 72

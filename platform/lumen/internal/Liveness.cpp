@@ -22,11 +22,46 @@ bool processAlive( uint32_t pid ) {
    return ::kill( pid_t( pid ), 0 ) == 0 || errno == EPERM;
 }
 
-MountStatus statusOf( const ControlHeader& h ) {
+// The writer lock is an open-file-description lock, not a flock(), because
+// only those can be tested without being taken: a reader that took the lock
+// for a moment, even shared, could make a starting writer's attach fail.
+// The whole file is locked, so a shared query conflicts with it.
+bool takeWriterLock( int fd ) {
+   struct flock lock {};
+   lock.l_type = F_WRLCK;
+   lock.l_whence = SEEK_SET;
+   return ::fcntl( fd, F_OFD_SETLK, &lock ) == 0;
+}
+
+int writerLockHeld( int fd ) {
+   if ( fd < 0 ) {
+      return -1;
+   }
+   struct flock lock {};
+   lock.l_type = F_RDLCK;
+   lock.l_whence = SEEK_SET;
+   if ( ::fcntl( fd, F_OFD_GETLK, &lock ) != 0 ) {
+      return -1;
+   }
+   return lock.l_type != F_UNLCK;
+}
+
+// A pid alone proves nothing: kill( pid, 0 ) succeeds on a writer that was
+// killed and not yet reaped (a zombie), and on whatever process got its pid
+// since. The lock is dropped by the kernel when the writer's descriptors
+// close, which happens before it becomes a zombie, and nobody else holds it.
+bool writerAlive( const ControlHeader& h, int lockFd ) {
+   int held = writerLockHeld( lockFd );
+   if ( held >= 0 ) {
+      return held == 1;
+   }
+   return processAlive( h.writerPid.load( std::memory_order_relaxed ) );
+}
+
+MountStatus statusOf( const ControlHeader& h, int lockFd ) {
    switch ( WriterState( h.writerState.load( std::memory_order_acquire ) ) ) {
     case WriterState::attached:
-      return processAlive( h.writerPid.load( std::memory_order_relaxed ) ) ? MountStatus::mounted
-                                                                            : MountStatus::writerGone;
+      return writerAlive( h, lockFd ) ? MountStatus::mounted : MountStatus::writerGone;
     case WriterState::detached:
       return MountStatus::writerGone;
     case WriterState::none:
@@ -122,7 +157,7 @@ uint32_t readBusySlot( const StuckContext& ctx, const std::atomic< uint32_t >& w
       const char* why = nullptr;
       if ( h.writerState.load( std::memory_order_acquire ) != uint32_t( WriterState::attached ) ) {
          why = "no writer is attached";
-      } else if ( !processAlive( writer ) ) {
+      } else if ( !ctx.control->writerAlive() ) {
          why = "its writer is gone";
       } else if ( now - since > slotStuckLimit ) {
          // A writer that merely lost its processor mid-copy is runnable and

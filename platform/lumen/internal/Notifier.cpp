@@ -40,6 +40,7 @@ Notifier::Notifier( const std::string& root, const std::string& path, uint64_t s
 Notifier::~Notifier() {
    stopThread();
    releaseSlot();
+   closeControlFd();
    ::close( sendFd_ );
    ::close( recvFd_ );
    if ( !socketName_.empty() ) {
@@ -74,6 +75,7 @@ void Notifier::reopen() {
    releaseSlot();
    wake_ = {};
    control_ = {};
+   closeControlFd();
    followed_ = {};
    lastHead_ = 0;
    lastStatus_ = MountStatus::unmounted;
@@ -216,6 +218,13 @@ bool Notifier::openWake() {
    return bool( wake_ );
 }
 
+void Notifier::closeControlFd() {
+   if ( controlFd_ >= 0 ) {
+      ::close( controlFd_ );
+      controlFd_ = -1;
+   }
+}
+
 bool Notifier::openControl() {
    if ( control_ ) {
       return true;
@@ -235,12 +244,17 @@ bool Notifier::openControl() {
       return false;
    }
    followed_ = identity;
+   int probe = ::fcntl( fd, F_DUPFD_CLOEXEC, 0 );   // tests the writer lock
    try {   // on the reader's thread, which must not throw
       Mapping m = mapClosing( fd, sizeof( ControlHeader ), false );
       if ( reinterpret_cast< const ControlHeader* >( m.data() )->magic == controlMagic ) {
          control_ = std::move( m );
+         std::swap( probe, controlFd_ );
       }
    } catch ( const Mox::Exception& ) {
+   }
+   if ( probe >= 0 ) {
+      ::close( probe );
    }
    return bool( control_ );
 }
@@ -266,7 +280,7 @@ void Notifier::run() {
 // Registered: the writer pokes us for every change it makes, attach and
 // detach included; only its death goes unannounced.
 void Notifier::watchStatus() {
-   MountStatus status = control_ ? statusOf( *reinterpret_cast< const ControlHeader* >( control_.data() ) )
+   MountStatus status = control_ ? statusOf( *reinterpret_cast< const ControlHeader* >( control_.data() ), controlFd_ )
                                  : MountStatus::waitingForWriter;
    if ( ( control_ && status != lastStatus_ ) || replacedWhileNotMounted( status ) ) {
       lastStatus_ = status;
@@ -283,7 +297,7 @@ void Notifier::forwardChanges() {
       }
       const auto& h = *reinterpret_cast< const ControlHeader* >( control_.data() );
       uint64_t head = h.feedHead.load( std::memory_order_acquire );
-      MountStatus status = statusOf( h );
+      MountStatus status = statusOf( h, controlFd_ );
       if ( head == lastHead_ && status == lastStatus_ && !replacedWhileNotMounted( status ) ) {
          return false;
       }

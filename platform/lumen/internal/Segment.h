@@ -64,6 +64,14 @@ std::string wakeFileName( const std::string& root, const std::string& path );
 std::string readerSocketName( const std::string& root, uint32_t pid, uint32_t nonce );
 
 bool processAlive( uint32_t pid );
+// The writer lock: an exclusive open-file-description lock on the control
+// file, held for as long as the writer is attached. takeWriterLock() is
+// false when another description holds it. writerLockHeld() tests it without
+// taking it (1 held, 0 free, -1 cannot tell); a description never sees its
+// own lock.
+bool takeWriterLock( int fd );
+int writerLockHeld( int fd );
+bool writerAlive( const ControlHeader& h, int lockFd );
 
 // Which file a descriptor or name refers to, to notice a file replaced
 // under its name.
@@ -92,6 +100,15 @@ inline uint32_t mixHash( uint32_t h ) {
 bool registerFenceFreeWriter();
 void readerBarrier();
 
+// Fault guard of read-only mappings (FaultGuard.cpp): a SIGBUS inside a
+// guarded mapping (its file truncated under it) maps zero pages over the
+// rest of it and sets the returned flag, instead of killing the process.
+// `index` receives what unguardMapping() takes; -1 when the registry is full
+// (the mapping is then unguarded and its flag never set).
+const std::atomic< uint32_t >* guardMapping( void* addr, size_t size, int* index );
+void unguardMapping( int index );
+const std::atomic< uint32_t >* unguardedFlag();
+
 class Mapping {
  public:
    Mapping() = default;
@@ -102,10 +119,18 @@ class Mapping {
    uint8_t* data() const { return static_cast< uint8_t* >( addr_ ); }
    size_t size() const { return size_; }
    explicit operator bool() const { return addr_ != nullptr; }
+   // Read-only file mappings only: survive the file's truncation (see above).
+   void guard() { damaged_ = guardMapping( addr_, size_, &guard_ ); }
+   // The file was truncated under the mapping: part of it now reads zeros.
+   // One load, no system call.
+   bool damaged() const { return damaged_->load( std::memory_order_relaxed ) != 0; }
 
  private:
+   void release();
    void* addr_ = nullptr;
    size_t size_ = 0;
+   int guard_ = -1;
+   const std::atomic< uint32_t >* damaged_ = unguardedFlag();
 };
 
 // One generation of a table: DataHeader then 1 << shift slots. Either process
@@ -128,6 +153,8 @@ class SlotArray {
    static uint32_t slotCountFor( uint32_t capacity );
 
    explicit operator bool() const { return bool( map_ ); }
+   // The file was truncated under a reader's mapping (see Mapping::guard).
+   bool damaged() const { return map_.damaged(); }
    // The header's counts, read and changed through the array at each call.
    // There is deliberately no DataHeader& to hold: a rebuild, growth, shrink
    // or remap replaces the mapping under it, and a reference kept across such
@@ -195,6 +222,8 @@ class Control {
    const std::string& path() const { return path_; }
    uint32_t feedCapacity() const { return feedCapacity_; }
    MountStatus status() const;
+   // Whether the attached writer lives: reader side, by the writer lock.
+   bool writerAlive() const;
    // True when the file under the table's name is no longer the one mapped
    // (removed, or removed and created anew): a stat() per call.
    bool replaced() const { return fileReplaced( controlName_, identity_ ); }
@@ -202,6 +231,8 @@ class Control {
    // The control file's owner: the table's writer user, who must own every
    // other file of the table too.
    uid_t owner() const { return owner_; }
+   // Reader: the file was truncated under the mapping (see Mapping::guard).
+   bool damaged() const { return map_.damaged(); }
 
    // Writer side.
    // Called before each change: records the calling thread if it is not the
@@ -216,6 +247,13 @@ class Control {
       }
    }
    void publish( const void* key );
+   // The undo image (see UndoHeader): the writer fills it, record last, via
+   // undo() and undoRecord() before each replacement of a live record.
+   UndoHeader& undo() const { return *reinterpret_cast< UndoHeader* >( undo_ ); }
+   uint8_t* undoRecord() const { return undo_ + undoRecordOffset_; }
+   // Takeover: the record to restore into `slot` of `generation`, whose word
+   // a dead writer left at `word`; null when the image is not of that change.
+   const uint8_t* undoFor( uint64_t generation, uint32_t slot, uint32_t word ) const;
    void forceResync();   // every reader's cursor falls a full ring behind
    void markAttached();
    void markDetached();
@@ -241,7 +279,8 @@ class Control {
    FileIdentity identity_;   // of the file mapped
    uid_t owner_ = 0;         // of the file mapped
    std::string root_;   // writer only: where readers' sockets live
-   int fd_ = -1;
+   int fd_ = -1;        // writer: holds the writer lock
+   int probeFd_ = -1;   // reader: tests the writer lock
    Mapping map_;
    Mapping wake_;   // writer only
    Peer peers_[ wakeReaderSlots ];   // writer only, by registration index
@@ -255,6 +294,10 @@ class Control {
    uint32_t feedCapacity_ = 0;
    uint32_t feedEntrySize_ = 0;
    uint32_t keySize_ = 0;
+   // Writer only: the undo area, in map_, which lives as long as this
+   // object and is never remapped.
+   uint8_t* undo_ = nullptr;
+   uint32_t undoRecordOffset_ = 0;
 };
 
 // What a reader needs to decide that a slot it keeps finding busy was left
@@ -321,6 +364,7 @@ class Notifier {
    void forwardChanges();
    bool openWake();
    bool openControl();
+   void closeControlFd();
    void stopThread();
    void releaseSlot();
    bool replacedWhileNotMounted( MountStatus status ) const;
@@ -334,6 +378,7 @@ class Notifier {
    int sendFd_ = -1;          // connected to recvFd_, for poke()
    Mapping wake_;
    Mapping control_;
+   int controlFd_ = -1;       // thread only: tests the writer lock of control_
    FileIdentity followed_;    // thread only after construction; none: any
    ReaderSlot* slot_ = nullptr;
    uint64_t lastHead_;        // thread only

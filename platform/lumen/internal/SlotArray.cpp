@@ -18,8 +18,8 @@ namespace Lumen::internal {
 
 namespace {
 
-std::string checkData( const DataHeader& h, size_t size, const RecordLayout& layout,
-                       uint64_t generation ) {
+std::string checkData( const DataHeader& h, size_t size, uint64_t allocated,
+                       const RecordLayout& layout, uint64_t generation ) {
    if ( h.magic != dataMagic ) {
       return fmt::format( "bad data magic {:#x} in generation {}", h.magic, generation );
    }
@@ -44,6 +44,23 @@ std::string checkData( const DataHeader& h, size_t size, const RecordLayout& lay
    }
    if ( h.capacity == 0 || h.capacity > slots - slots / 8 ) {
       return fmt::format( "capacity {} out of range for {} slots", h.capacity, slots );
+   }
+   std::string sparse = checkAllocated( allocated, sizeof( DataHeader ) + slots * h.slotSize );
+   if ( !sparse.empty() ) {
+      return "data " + sparse;
+   }
+   // At every instant the writer keeps count <= capacity and count +
+   // tombstones <= the used limit. Each count is checked alone: a writer
+   // may change both between a reader's two loads, so their sum as loaded
+   // proves nothing.
+   uint32_t count = h.count.load( std::memory_order_relaxed );
+   uint32_t tombstones = h.tombstones.load( std::memory_order_relaxed );
+   if ( count > h.capacity ) {
+      return fmt::format( "count {} exceeds capacity {}", count, h.capacity );
+   }
+   if ( tombstones > slots - slots / 8 ) {
+      return fmt::format( "{} removed slots exceed the {} usable of {} slots", tombstones,
+                          slots - slots / 8, slots );
    }
    return {};
 }
@@ -180,13 +197,14 @@ SlotArray SlotArray::openFile( const std::string& root, const std::string& path,
    }
    file.require();
    size_t size = file.size();
+   uint64_t allocated = allocatedSize( file.fd() );
    if ( size < sizeof( DataHeader ) ) {
       raiseCorruption( handler, fmt::format( "Lumen table {}: data segment of {} bytes is too short",
                                              path, size ) );
    }
    Mapping map = mapClosing( file.release(), size, false );
-   std::string problem =
-      checkData( *reinterpret_cast< const DataHeader* >( map.data() ), size, layout, generation );
+   std::string problem = checkData( *reinterpret_cast< const DataHeader* >( map.data() ), size,
+                                    allocated, layout, generation );
    if ( !problem.empty() ) {
       raiseCorruption( handler, fmt::format( "Lumen table {}: {}", path, problem ) );
    }

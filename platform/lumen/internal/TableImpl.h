@@ -256,13 +256,16 @@ void Writer< Record >::attach( const std::string& path ) {
       }
    }
    // Rebuilding rather than adopting the old generation in place drops
-   // whatever a writer that died mid-update left behind. It is sized by the
-   // live slots, not by the header's count, which such a writer may have
-   // left short of them.
+   // whatever a writer that died mid-update left behind, except a record it
+   // was replacing: that one gets its previous value back from the undo
+   // image, so the key keeps its old value or its new one. The copy is sized
+   // by the live (and busy) slots, not by the header's count, which such a
+   // writer may have left short of them.
    auto liveIn = []( const internal::SlotArray& t ) {
       uint64_t live = 0;
       for ( uint32_t i = 0; i < t.slotCount(); ++i ) {
-         live += ( t.word( i ).load( std::memory_order_acquire ) & 3 ) == internal::slotLive;
+         uint32_t state = t.word( i ).load( std::memory_order_acquire ) & 3;
+         live += state == internal::slotLive || state == internal::slotBusy;
       }
       return live;
    };
@@ -275,12 +278,20 @@ void Writer< Record >::attach( const std::string& path ) {
    auto next = internal::SlotArray::createFile( root, path, layout_, uint32_t( capacity ),
                                                 oldGeneration + 1, access );
    uint32_t count = 0;
-   auto copyFrom = [ & ]( const internal::SlotArray& from ) {
+   auto copyFrom = [ & ]( const internal::SlotArray& from, const internal::Control* undo ) {
       for ( uint32_t i = 0; i < from.slotCount(); ++i ) {
-         if ( ( from.word( i ).load( std::memory_order_acquire ) & 3 ) != internal::slotLive ) {
-            continue;   // a busy slot here is a dead writer's torn record
+         uint32_t word = from.word( i ).load( std::memory_order_acquire );
+         Record r;
+         if ( ( word & 3 ) == internal::slotLive ) {
+            r = Ops::recordAt( from, i );
+         } else if ( const uint8_t* before = undo ? undo->undoFor( from.generation(), i, word )
+                                                  : nullptr ) {
+            std::memcpy( static_cast< void* >( &r ), before, sizeof( Record ) );
+         } else {
+            // Empty, removed, or a dead writer's torn insert or removal:
+            // dropping it leaves the key as it was before, or after.
+            continue;
          }
-         Record r = Ops::recordAt( from, i );
          auto f = Ops::find( next, r.key(), path, corruptionHandler_ );
          if ( !f.present ) {
             if ( count == next.capacity() ) {
@@ -294,9 +305,9 @@ void Writer< Record >::attach( const std::string& path ) {
       }
    };
    if ( old ) {
-      copyFrom( old );
+      copyFrom( old, control.get() );
    }
-   copyFrom( table_ );
+   copyFrom( table_, nullptr );
    next.liveCountIs( count );
 
    control->header().generation.store( next.generation(), std::memory_order_release );
@@ -314,6 +325,7 @@ void Writer< Record >::attach( const std::string& path ) {
    control->wake();
    control_ = std::move( control );
    table_ = std::move( next );
+   undoGeneration_ = 0;   // the image's generation is not ours yet
    path_ = path;
    root_ = root;
 }
@@ -417,6 +429,26 @@ void Writer< Record >::insertNew( const Record& r, const Key& k, uint32_t slot )
    table_.liveCountAdd( 1 );
 }
 
+// Before a live record is overwritten: a copy of it, and which change it
+// undoes (the word the slot will hold while busy), into the control
+// segment's undo area. One word and one record copy into a line only this
+// writer touches (the generation only when it changed); no fence, since
+// only a later writer, which takes the lock after our death, reads it:
+// compiler order alone puts the image before the busy word.
+template< class Record >
+void Writer< Record >::keepUndo( uint32_t slot ) {
+   internal::UndoHeader& u = control_->undo();
+   if ( undoGeneration_ != table_.generation() ) [[unlikely]] {
+      undoGeneration_ = table_.generation();
+      u.generation.store( undoGeneration_, std::memory_order_relaxed );
+   }
+   uint32_t word = table_.word( slot ).load( std::memory_order_relaxed );
+   u.change.store( internal::undoChange( slot, ( ( word >> 2 ) + 1 ) << 2 | internal::slotBusy ),
+                   std::memory_order_relaxed );
+   std::memcpy( control_->undoRecord(), table_.record( slot ), sizeof( Record ) );
+   std::atomic_signal_fence( std::memory_order_release );
+}
+
 template< class Record >
 void Writer< Record >::write( const Record& r ) {
    if ( control_ ) {
@@ -426,6 +458,9 @@ void Writer< Record >::write( const Record& r ) {
    refreshStaged( k, &r );
    auto f = Ops::find( table_, k, path_, corruptionHandler_ );
    if ( f.present ) {
+      if ( control_ ) {
+         keepUndo( f.slot );
+      }
       Ops::store( table_, f.slot, &r, internal::slotLive );
    } else {
       insertNew( r, k, f.slot );
@@ -632,6 +667,10 @@ template< class Record >
 bool Reader< Record >::mount() const {
    if ( !control_ ) {
       control_ = internal::Control::openForReader( root_, path_, layout_, corruptionHandler_ );
+   } else if ( control_->damaged() ) [[unlikely]] {
+      internal::raiseCorruption(
+         corruptionHandler_,
+         fmt::format( "Lumen table {}: control segment was truncated under the reader", path_ ) );
    }
    return control_ != nullptr;
 }
@@ -640,8 +679,8 @@ template< class Record >
 const internal::SlotArray* Reader< Record >::current() const {
    // The one load of the control segment on a lookup's way.
    if ( control_ && current_ &&
-        control_->header().generation.load( std::memory_order_acquire ) == current_.generation() )
-      [[likely]] {
+        control_->header().generation.load( std::memory_order_acquire ) == current_.generation() &&
+        !current_.damaged() ) [[likely]] {
       return &current_;
    }
    return remap();
@@ -658,6 +697,12 @@ const internal::SlotArray* Reader< Record >::remap() const {
          return nullptr;
       }
       if ( current_ && current_.generation() == generation ) {
+         if ( current_.damaged() ) {
+            internal::raiseCorruption(
+               corruptionHandler_,
+               fmt::format( "Lumen table {}: data segment of generation {} was truncated under the "
+                            "reader", path_, generation ) );
+         }
          return &current_;
       }
       auto opened = internal::SlotArray::openFile( root_, path_, layout_, generation,

@@ -24,6 +24,9 @@ int connectTo( const std::string& name );
 // False when the peer is gone; a full queue is success.
 bool sendPoke( int fd );
 // The mount status a control header shows, the writer's liveness included.
-MountStatus statusOf( const ControlHeader& h );
+// `lockFd`: a descriptor of the control file, to test the writer lock
+// through; -1 falls back to the writer's pid, which a zombie or a reused pid
+// fools.
+MountStatus statusOf( const ControlHeader& h, int lockFd );
 
 }  // namespace Lumen::internal

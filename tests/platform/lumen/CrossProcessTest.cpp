@@ -7,8 +7,11 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <fstream>
+#include <iterator>
 #include <chrono>
 #include <random>
+#include <optional>
 #include <set>
 
 using namespace LumenTest;
@@ -197,6 +200,172 @@ TEST( LumenCrossProcess, OneLiveWriterAndAKilledOneIsTakenOver ) {
    for ( uint32_t n = 0; n < 500; ++n ) {
       ASSERT_EQ( reader.lookup( MacKey::of( n ) ), successor.lookup( MacKey::of( n ) ) );
    }
+}
+
+namespace {
+
+// 16 KB: the writer spends most of its time inside record copies, so a kill
+// usually lands in the middle of one.
+struct SlabRec {
+   static constexpr const char* lumenTypeName = "LumenTest::SlabRec";
+   MacKey k;
+   uint32_t words[ 4093 ] = {};
+
+   static SlabRec of( uint32_t n, uint32_t counter ) {
+      SlabRec r{ MacKey::of( n ) };
+      std::fill( std::begin( r.words ), std::end( r.words ), counter );
+      return r;
+   }
+   MacKey key() const { return k; }
+};
+
+// The first busy slot of the table's current generation, or -1.
+int64_t busySlotOf( const LumenRoot& root, const std::string& flat ) {
+   uint64_t generation = 0;
+   editFile( root.file( flat ), [ & ]( uint8_t* p, size_t ) {
+      generation = reinterpret_cast< li::ControlHeader* >( p )->generation;
+   } );
+   int64_t busy = -1;
+   editFile( root.file( fmt::format( "{}@{}", flat, generation ) ), [ & ]( uint8_t* p, size_t ) {
+      auto* h = reinterpret_cast< li::DataHeader* >( p );
+      for ( uint32_t i = 0; i < h->slotCount && busy < 0; ++i ) {
+         uint32_t word = *reinterpret_cast< uint32_t* >( p + sizeof( li::DataHeader ) + size_t( i ) * h->slotSize );
+         if ( ( word & 3 ) == li::slotBusy ) {
+            busy = i;
+         }
+      }
+   } );
+   return busy;
+}
+
+}  // namespace
+
+// A writer killed in the middle of a change leaves, once the next writer has
+// taken over, the changed key as it was before that change or after it: a
+// replaced record keeps its old value or gets the new one, and an insert into
+// a removed slot or a removal is either done or not. Change c of the writer
+// sets key 1 to state S(c): when replacing, present with value c; when
+// churning, c % 3 picks replace (value c), remove, or insert into the slot
+// the removal left (value c). The writer counts completed changes in
+// `progress` after each, so with `progress` at p the key must be in S(p),
+// S(p+1) or S(p+2). Rounds go on until several kills landed mid-change.
+TEST( LumenTakeover, AWriterKilledMidChangeLeavesTheKeyOldOrNew ) {
+   LumenRoot root;
+   auto* progress = static_cast< std::atomic< uint32_t >* >(
+      ::mmap( nullptr, sizeof( uint32_t ), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0 ) );
+   std::mt19937 rng( 4 );
+   for ( bool churn : { false, true } ) {
+      auto state = [ churn ]( uint32_t c ) -> std::optional< uint32_t > {
+         if ( churn && c % 3 == 1 ) {
+            return std::nullopt;
+         }
+         return c;
+      };
+      int midChange = 0;
+      for ( int round = 0; round < 300 && midChange < 8; ++round ) {
+         progress->store( 0 );
+         pid_t child = startChild( [ & ] {
+            Lumen::Writer< SlabRec > writer( SlabRec{}, { 16, 1024, 64 } );
+            writer.attach( "/lumen/killed" );
+            writer.write( SlabRec::of( 2, 7 ) );   // never changes
+            writer.write( SlabRec::of( 1, 0 ) );
+            for ( uint32_t c = 1;; ++c ) {
+               if ( state( c ) ) {
+                  writer.write( SlabRec::of( 1, c ) );
+               } else {
+                  writer.remove( MacKey::of( 1 ) );
+               }
+               progress->store( c, std::memory_order_release );
+            }
+            return 0;
+         } );
+         uint32_t target = 3 + rng() % 300;
+         auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds( 10 );
+         for ( uint32_t spins = 1; progress->load( std::memory_order_acquire ) < target; ++spins ) {
+            if ( spins % 4096 == 0 && ( ::waitpid( child, nullptr, WNOHANG ) == child ||
+                                        std::chrono::steady_clock::now() > deadline ) ) {
+               ::kill( child, SIGKILL );
+               FAIL() << "the writer stopped before making " << target << " changes";
+            }
+         }
+         ::kill( child, SIGKILL );
+         ASSERT_EQ( waitChild( child ), 128 + SIGKILL );
+         uint32_t p = progress->load();
+         midChange += busySlotOf( root, "lumen.killed" ) >= 0; fprintf(stderr, "p=%u busy=%ld\n", p, (long)busySlotOf( root, "lumen.killed" ));
+
+         Lumen::Writer< SlabRec > successor( SlabRec{}, { 16, 1024, 64 } );
+         successor.attach( "/lumen/killed" );
+         std::optional< uint32_t > now;
+         if ( successor.contains( MacKey::of( 1 ) ) ) {
+            SlabRec r = successor.lookup( MacKey::of( 1 ) );
+            ASSERT_TRUE( std::all_of( std::begin( r.words ), std::end( r.words ),
+                                      [ & ]( uint32_t w ) { return w == r.words[ 0 ]; } ) )
+               << "torn record";
+            now = r.words[ 0 ];
+         }
+         EXPECT_TRUE( now == state( p ) || now == state( p + 1 ) || now == state( p + 2 ) )
+            << ( churn ? "churning" : "replacing" ) << ", killed after change " << p << ": key 1 "
+            << ( now ? fmt::format( "holds {}", *now ) : "is gone" );
+         EXPECT_EQ( successor.lookup( MacKey::of( 2 ) ).words[ 100 ], 7u );
+         successor.sanityCheck();
+      }
+      EXPECT_GE( midChange, 8 ) << "too few kills landed inside a change to test anything";
+   }
+   ::munmap( progress, sizeof( uint32_t ) );
+}
+
+// A pid says nothing about the writer: a killed writer that nobody reaped yet
+// (a zombie) still answers kill( pid, 0 ), and so does whatever process got
+// its pid since. Neither may pass for a live writer.
+TEST( LumenCrossProcess, AZombieOrAReusedPidIsNotALiveWriter ) {
+   LumenRoot root;
+   Pipe ready;
+   pid_t writerPid = startChild( [ & ] {
+      Lumen::Writer< HostRec > writer;
+      writer.attach( "/lumen/zombie" );
+      writer.write( HostRec::of( 1, 1 ) );
+      ready.signal();
+      ::pause();
+      return 0;
+   } );
+   ASSERT_TRUE( ready.wait() );
+   Lumen::Reader< HostRec > reader( "/lumen/zombie" );
+   EXPECT_EQ( reader.mountStatus(), MountStatus::mounted );
+   ::kill( writerPid, SIGKILL );
+   auto state = [ & ] {
+      std::ifstream stat( fmt::format( "/proc/{}/stat", writerPid ) );
+      std::string text( ( std::istreambuf_iterator< char >( stat ) ), std::istreambuf_iterator< char >() );
+      size_t paren = text.rfind( ')' );
+      return paren == std::string::npos || paren + 2 >= text.size() ? '?' : text[ paren + 2 ];
+   };
+   for ( int i = 0; i < 500 && state() != 'Z'; ++i ) {
+      ::usleep( 2000 );
+   }
+   ASSERT_EQ( state(), 'Z' );
+   EXPECT_EQ( reader.mountStatus(), MountStatus::writerGone ) << "a zombie passed for the writer";
+   EXPECT_EQ( waitChild( writerPid ), 128 + SIGKILL );
+
+   // Files whose writerPid names a live process that is no writer: this one,
+   // and a sleeping child of it.
+   Lumen::Writer< HostRec > writer;
+   writer.attach( "/lumen/live" );
+   writer.write( HostRec::of( 2, 2 ) );
+   copyTable( root, "lumen.live", "lumen.reused" );
+   Lumen::Reader< HostRec > reused( "/lumen/reused" );
+   EXPECT_EQ( reused.lookup( MacKey::of( 2 ) ), HostRec::of( 2, 2 ) );
+   EXPECT_EQ( reused.mountStatus(), MountStatus::writerGone ) << "our own pid passed for the writer";
+   pid_t sleeper = startChild( [] {
+      ::sleep( 30 );
+      return 0;
+   } );
+   editFile( root.file( "lumen.reused" ), [ & ]( uint8_t* p, size_t ) {
+      reinterpret_cast< li::ControlHeader* >( p )->writerPid = uint32_t( sleeper );
+   } );
+   EXPECT_EQ( reused.mountStatus(), MountStatus::writerGone ) << "an unrelated process passed for the writer";
+   ::kill( sleeper, SIGKILL );
+   waitChild( sleeper );
+   // The table's own writer, in this process, is alive for a reader here.
+   EXPECT_EQ( Lumen::Reader< HostRec >( "/lumen/live" ).mountStatus(), MountStatus::mounted );
 }
 
 // The reader sleeps only in poll() on fd() with a long timeout, so every burst
