@@ -831,7 +831,9 @@ typename Reader< Record >::KeySet Reader< Record >::presentKeys() const {
 template< class Record >
 bool Reader< Record >::readFeed( std::vector< Key >& keys ) {
    uint64_t head = control_->header().feedHead.load( std::memory_order_acquire );
-   if ( head < cursor_ || head - cursor_ > control_->feedCapacity() ) {
+   // A head seen moving backwards is damage or a new writer: never wait for
+   // it to come back to the cursor.
+   if ( notifier_->feedRewound() || head < cursor_ || head - cursor_ > control_->feedCapacity() ) {
       return false;
    }
    for ( uint64_t seq = cursor_; seq < head; ++seq ) {
