@@ -198,6 +198,9 @@ std::unique_ptr< Control > Control::openForReader( const std::string& root, cons
 }
 
 Control::~Control() {
+   if ( wake_ ) {
+      stopFlusher();
+   }
    for ( Peer& p : peers_ ) {
       if ( p.fd >= 0 ) {
          ::close( p.fd );

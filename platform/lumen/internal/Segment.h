@@ -213,10 +213,14 @@ class Control {
       int fd = -1;
    };
    Control() = default;
-   void pokeArmed( uint32_t word );
+   void pokeOrDefer();
+   void scanArmed( std::chrono::steady_clock::time_point now );
+   uint32_t pokeArmed( uint32_t word );
    void poke( uint32_t i );
    void wakeSleepers( uint32_t sleepers );
    void sweepWake();
+   void runFlusher();
+   void stopFlusher();
 
    std::string path_;
    std::string controlName_;
@@ -225,7 +229,19 @@ class Control {
    int fd_ = -1;
    Mapping map_;
    Mapping wake_;   // writer only
-   std::vector< Peer > peers_;   // writer only, by registration index
+   std::vector< Peer > peers_;   // writer only, by registration index; under pokeMutex_
+   // Writer only: pokes are rationed in time. A scan that poked k readers
+   // (k > 1) allows the next no sooner than k * pokeSpacing later; a change
+   // made meanwhile leaves the bits to the flusher thread, which scans at
+   // that time if anything changed since the last scan. So the writer's
+   // thread spends a bounded share of its time poking, however many
+   // readers keep re-arming, and a single reader is poked at once.
+   std::mutex pokeMutex_;                           // scans, peers_, the sweep
+   std::atomic< int64_t > nextScanNs_{ 0 };         // steady clock
+   uint64_t scannedHead_ = 0;                       // under pokeMutex_
+   std::atomic< uint32_t > flushPending_{ 0 };      // futex word: the flusher owes a scan
+   std::atomic< bool > flusherStop_{ false };
+   std::thread flusher_;
    bool fenceFree_ = false;   // writer only: readers issue the barrier
    pthread_t lastThread_ {};  // writer only: whose tid is in the header
    // Writer only: the sequence of the next feed entry. The shared head is

@@ -19,6 +19,8 @@
 #include <sys/syscall.h>
 #include <sys/un.h>
 
+#include <thread>
+
 namespace Lumen::internal {
 
 int futexWakeAll( std::atomic< uint32_t >* word ) {
@@ -228,10 +230,12 @@ void Control::wake() {
    // The whole bitmap, two cache lines: no count or bound that damage could
    // turn into silence. A line changes only when a reader arms, so its miss
    // is paid once per reader dispatch, not per change.
+   uint64_t any = 0;
    for ( uint32_t k = 0; k < wakeReaderSlots / 64; ++k ) {
-      if ( w.armed[ k ].load( std::memory_order_relaxed ) != 0 ) [[unlikely]] {
-         pokeArmed( k );
-      }
+      any |= w.armed[ k ].load( std::memory_order_relaxed );
+   }
+   if ( any != 0 ) [[unlikely]] {
+      pokeOrDefer();
    }
    uint32_t sleepers = w.sleepers.load( std::memory_order_relaxed );
    if ( sleepers != 0 && sleepers != deadSleepers_ ) [[unlikely]] {
@@ -267,14 +271,117 @@ void Control::wakeSleepers( uint32_t sleepers ) {
    }
 }
 
-void Control::pokeArmed( uint32_t word ) {
+namespace {
+
+// How long a scan that poked k readers holds off the next, per reader (none
+// for a single one): the writer's thread then spends at most about a
+// poke's cost (a wake-up of a sleeping process, 1-3 us) per pokeSpacing on
+// pokes, and a reader dispatches at most once per k * pokeSpacing while
+// the table keeps changing.
+constexpr auto pokeSpacing = std::chrono::microseconds( 50 );
+
+int64_t sinceEpochNs( std::chrono::steady_clock::time_point t ) {
+   return std::chrono::duration_cast< std::chrono::nanoseconds >( t.time_since_epoch() ).count();
+}
+
+}  // namespace
+
+void Control::pokeOrDefer() {
+   if ( flushPending_.load( std::memory_order_relaxed ) != 0 ) {
+      return;   // the flusher scans at its time, and sees this change
+   }
+   auto now = std::chrono::steady_clock::now();
+   if ( sinceEpochNs( now ) >= nextScanNs_.load( std::memory_order_relaxed ) &&
+        pokeMutex_.try_lock() ) {
+      scanArmed( now );
+      pokeMutex_.unlock();
+      return;
+   }
+   flushPending_.store( 1, std::memory_order_seq_cst );
+   if ( !flusher_.joinable() ) {
+      flusher_ = std::thread( [ this ] { runFlusher(); } );
+   }
+   futexWakeAll( &flushPending_ );
+}
+
+void Control::scanArmed( std::chrono::steady_clock::time_point now ) {
+   WakeHeader& w = wakeHeader( wake_ );
+   scannedHead_ = header().feedHead.load( std::memory_order_acquire );
+   uint32_t poked = 0;
+   for ( uint32_t k = 0; k < wakeReaderSlots / 64; ++k ) {
+      if ( w.armed[ k ].load( std::memory_order_relaxed ) != 0 ) {
+         poked += pokeArmed( k );
+      }
+   }
+   auto holdOff = poked > 1 ? pokeSpacing * poked : std::chrono::microseconds( 0 );
+   nextScanNs_.store( sinceEpochNs( now + holdOff ), std::memory_order_relaxed );
+}
+
+void Control::runFlusher() {
+   WakeHeader& w = wakeHeader( wake_ );
+   for ( ;; ) {
+      while ( flushPending_.load( std::memory_order_acquire ) == 0 ) {
+         if ( flusherStop_.load( std::memory_order_acquire ) ) {
+            return;
+         }
+         futexWait( &flushPending_, 0, 100 );
+      }
+      if ( flusherStop_.load( std::memory_order_acquire ) ) {
+         return;
+      }
+      std::this_thread::sleep_until( std::chrono::steady_clock::time_point(
+         std::chrono::nanoseconds( nextScanNs_.load( std::memory_order_relaxed ) ) ) );
+      std::lock_guard lock( pokeMutex_ );
+      if ( header().feedHead.load( std::memory_order_acquire ) != scannedHead_ ) {
+         scanArmed( std::chrono::steady_clock::now() );
+      }
+      // Dekker pairing with pokeOrDefer(): we clear the flag, then look for
+      // a change; the writer stores the head, then looks at the flag. The
+      // store-load barrier on the writer's side is ours to pay, as a
+      // reader's is (see Control::wake()).
+      flushPending_.store( 0, std::memory_order_seq_cst );
+      if ( fenceFree_ ) {
+         readerBarrier();
+      } else {
+         std::atomic_thread_fence( std::memory_order_seq_cst );
+      }
+      uint64_t any = 0;
+      for ( const auto& word : w.armed ) {
+         any |= word.load( std::memory_order_relaxed );
+      }
+      if ( any != 0 && header().feedHead.load( std::memory_order_acquire ) != scannedHead_ ) {
+         flushPending_.store( 1, std::memory_order_relaxed );
+      }
+   }
+}
+
+// Stops the flusher and makes the scan it owed: on detach and destruction
+// no change may be left unannounced.
+void Control::stopFlusher() {
+   if ( !flusher_.joinable() ) {
+      return;
+   }
+   flusherStop_.store( true, std::memory_order_release );
+   flushPending_.store( 1, std::memory_order_seq_cst );
+   futexWakeAll( &flushPending_ );
+   flusher_.join();
+   std::lock_guard lock( pokeMutex_ );
+   if ( header().feedHead.load( std::memory_order_acquire ) != scannedHead_ ) {
+      scanArmed( std::chrono::steady_clock::now() );
+   }
+}
+
+uint32_t Control::pokeArmed( uint32_t word ) {
    WakeHeader& w = wakeHeader( wake_ );
    uint64_t bits = w.armed[ word ].exchange( 0, std::memory_order_acq_rel );
+   uint32_t poked = 0;
    while ( bits != 0 ) {
       uint32_t i = word * 64 + uint32_t( std::countr_zero( bits ) );
       bits &= bits - 1;
       poke( i );
+      ++poked;
    }
+   return poked;
 }
 
 void Control::poke( uint32_t i ) {
@@ -306,6 +413,7 @@ void Control::poke( uint32_t i ) {
 // Once a second of changes, and at attach: whatever damage or dead readers
 // left in the segment that no poke would meet.
 void Control::sweepWake() {
+   std::lock_guard lock( pokeMutex_ );
    lastSweep_ = std::chrono::steady_clock::now();
    WakeHeader& w = wakeHeader( wake_ );
    if ( !wakeHeaderValid( w ) ) {

@@ -318,3 +318,39 @@ TEST( LumenWake, ManyIdleReadersRegisterAndArePokedOncePerDispatch ) {
       EXPECT_LT( ::recv( reader->fd(), buf, sizeof( buf ), MSG_DONTWAIT ), 0 ) << "poked twice";
    }
 }
+
+// With many readers the writer rations its pokes in time and leaves the
+// changes it makes meanwhile to its flusher thread: the last change of a
+// burst, and one made just before the writer goes away, must still wake
+// every reader.
+TEST( LumenWake, ChangesWhosePokesAreDeferredStillWakeEveryReader ) {
+   LumenRoot root;
+   auto writer = std::make_unique< Lumen::Writer< HostRec > >();
+   writer->attach( "/lumen/deferred" );
+   std::vector< std::unique_ptr< Lumen::Reader< HostRec > > > readers;
+   std::vector< std::set< uint32_t > > seen( 40 );
+   for ( size_t r = 0; r < seen.size(); ++r ) {
+      readers.push_back( std::make_unique< Lumen::Reader< HostRec > >( "/lumen/deferred" ) );
+      readers[ r ]->onKeyIs( [ &, r ]( const MacKey& k ) { seen[ r ].insert( k.number() ); } );
+      readers[ r ]->dispatch();
+   }
+   auto allWokenFor = [ & ]( uint32_t n ) {
+      for ( size_t r = 0; r < readers.size(); ++r ) {
+         EXPECT_TRUE( wokenUntil( *readers[ r ], [ & ] { return seen[ r ].count( n ) > 0; } ) )
+            << "reader " << r << " never woken for key " << n;
+      }
+   };
+   for ( uint32_t round = 0; round < 20; ++round ) {
+      // The first change pokes all forty; they re-arm at once, so the next
+      // falls within the writer's hold-off.
+      writer->write( HostRec::of( 2 * round, 1 ) );
+      allWokenFor( 2 * round );
+      writer->write( HostRec::of( 2 * round + 1, 1 ) );
+      allWokenFor( 2 * round + 1 );
+   }
+   writer->write( HostRec::of( 100, 1 ) );
+   allWokenFor( 100 );
+   writer->write( HostRec::of( 101, 1 ) );
+   writer.reset();   // owes the scan for 101
+   allWokenFor( 101 );
+}
