@@ -278,7 +278,7 @@ namespace {
 // poke's cost (a wake-up of a sleeping process, 1-3 us) per pokeSpacing on
 // pokes, and a reader dispatches at most once per k * pokeSpacing while
 // the table keeps changing.
-constexpr auto pokeSpacing = std::chrono::microseconds( 50 );
+constexpr auto pokeSpacing = std::chrono::microseconds( 100 );
 
 int64_t sinceEpochNs( std::chrono::steady_clock::time_point t ) {
    return std::chrono::duration_cast< std::chrono::nanoseconds >( t.time_since_epoch() ).count();
