@@ -277,9 +277,14 @@ bool Notifier::arm() {
    }
    word.fetch_or( bit, std::memory_order_seq_cst );
    armed_.store( true, std::memory_order_relaxed );
-   if ( w.writerFenceFree.load( std::memory_order_seq_cst ) ) {
-      readerBarrier();   // the writer's half is in Control::wake()
+   return true;
+}
+
+bool Notifier::barrierAfterArm() {
+   if ( slot_ < 0 || !wakeHeader( wake_ ).writerFenceFree.load( std::memory_order_seq_cst ) ) {
+      return false;
    }
+   readerBarrier();   // the writer's half is in Control::wake()
    return true;
 }
 

@@ -314,8 +314,12 @@ class Notifier {
    // dispatch() consumed everything. Registers first if it is due. Then,
    // registered: asks for a poke at the next change; true when it newly
    // armed, and the caller must then re-check for changes made before the
-   // writer could see the bit (and poke() if any).
+   // writer could see the bit (and poke() if any). A re-check that finds
+   // nothing must follow barrierAfterArm() when that returns true.
    bool arm();
+   // The process-wide barrier a fence-free writer leaves to its readers;
+   // false when none is needed (the writer fences each change).
+   bool barrierAfterArm();
    void poke();         // makes fd() readable
    void dispatched();   // fallback thread: dispatch() ran, it may sleep again
    // The table's files were replaced: registers with whatever files bear the
