@@ -182,14 +182,17 @@ std::unique_ptr< Control > Control::openForWriter( const std::string& root, cons
    c->undo_ = c->map_.data() + controlUndoOffset( c->feedCapacity_, c->feedEntrySize_ );
    c->undoRecordOffset_ = undoRecordOffset( layout.recordAlign );
    c->root_ = root;
-   c->wake_ = openWakeWord( wakeFileName( root, path ), &access );
-   if ( c->wake_ ) {
-      c->fenceFree_ = registerFenceFreeWriter();
-      wakeHeader( c->wake_ ).writerFenceFree.store( c->fenceFree_ ? 1 : 0, std::memory_order_relaxed );
-      // A sleeper that still reads the old flag has counted itself first:
-      // this fence makes our later sleepers checks see it.
-      std::atomic_thread_fence( std::memory_order_seq_cst );
-   }
+   c->head_ = c->header().feedHead.load( std::memory_order_relaxed );
+   FileIdentity wakeIdentity;
+   c->wake_ = openWakeForWriter( wakeFileName( root, path ), access, &wakeIdentity );
+   c->peers_.resize( wakeReaderSlots );
+   c->fenceFree_ = registerFenceFreeWriter();
+   wakeHeader( c->wake_ ).writerFenceFree.store( c->fenceFree_ ? 1 : 0, std::memory_order_relaxed );
+   // A sleeper that still reads the old flag has counted itself first:
+   // this fence makes our later sleepers checks see it.
+   std::atomic_thread_fence( std::memory_order_seq_cst );
+   // What dead readers and sleepers of earlier writers left behind.
+   c->sweepWake();
    return c;
 }
 
@@ -232,6 +235,9 @@ std::unique_ptr< Control > Control::openForReader( const std::string& root, cons
 }
 
 Control::~Control() {
+   if ( wake_ ) {
+      stopFlusher();
+   }
    for ( Peer& p : peers_ ) {
       if ( p.fd >= 0 ) {
          ::close( p.fd );
@@ -256,21 +262,20 @@ bool Control::writerAlive() const {
 
 void Control::publish( const void* key ) {
    ControlHeader& h = header();
-   uint64_t seq = h.feedHead.load( std::memory_order_relaxed );
+   uint64_t seq = head_++;
    uint8_t* entry = map_.data() + sizeof( ControlHeader ) + ( seq % feedCapacity_ ) * feedEntrySize_;
    auto& entrySeq = *reinterpret_cast< std::atomic< uint64_t >* >( entry );
    entrySeq.store( 2 * seq + 1, std::memory_order_relaxed );
    std::atomic_thread_fence( std::memory_order_release );
    std::memcpy( entry + feedKeyOffset, key, keySize_ );
    entrySeq.store( 2 * seq + 2, std::memory_order_release );
-   h.feedHead.store( seq + 1, std::memory_order_release );
+   h.feedHead.store( head_, std::memory_order_release );
    wake();
 }
 
 void Control::forceResync() {
-   ControlHeader& h = header();
-   h.feedHead.store( h.feedHead.load( std::memory_order_relaxed ) + feedCapacity_ + 1,
-                     std::memory_order_release );
+   head_ += feedCapacity_ + 1;
+   header().feedHead.store( head_, std::memory_order_release );
 }
 
 void Control::markAttached() {

@@ -26,7 +26,6 @@ constexpr size_t longestSuffix = sizeof( "@new.4294967295.4294967295" ) - 1;
 constexpr size_t maxFileName = NAME_MAX;
 constexpr size_t maxFilePath = PATH_MAX - 1;   // without its NUL
 
-constexpr mode_t defaultWakeMode = 0660;
 
 // Bytes a file name carries as they are; every other byte of a component
 // is escaped as %XX, '.' included, which separates components, and '@',
@@ -290,34 +289,6 @@ TableFile& TableFile::operator=( TableFile&& o ) noexcept {
       stat_ = o.stat_;
    }
    return *this;
-}
-
-int openWakeFile( const std::string& name, const FileAccess* writer ) {
-   uid_t owner = writer ? ::geteuid() : anyOwner;
-   for ( int attempt = 0; attempt < 3; ++attempt ) {
-      TableFile file = TableFile::open( name, O_RDWR, owner );
-      if ( file.absent() ) {
-         try {
-            file = TableFile::create( name, writer ? writer->wakeMode : defaultWakeMode,
-                                      writer ? writer->group : ::getegid() );
-         } catch ( const Mox::Exception& ) {
-            if ( writer ) {
-               throw;
-            }
-            return -1;
-         }
-         if ( file.exists() ) {
-            continue;   // made meanwhile by another process: open that one
-         }
-      } else if ( file && writer ) {
-         file.conform( writer->wakeMode, writer->group );
-      }
-      if ( !file && writer && !file.absent() ) {
-         file.require();
-      }
-      return file.release();
-   }
-   return -1;
 }
 
 void removeDeadScratchFiles( const std::string& root, const std::string& path ) {

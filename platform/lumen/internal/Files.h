@@ -93,12 +93,6 @@ size_t fileSize( int fd );
 uint64_t allocatedSize( int fd );
 std::string checkAllocated( uint64_t allocated, uint64_t needed );
 
-// The wake file, opened for mapping: by the table's writer (`writer` set),
-// owned by this user with its mode and group, created if missing; by a
-// reader (`writer` null), whoever made it, created with the default mode if
-// missing. -1 when it cannot be had; throws TableAccessException only to a
-// writer, for a file it must refuse.
-int openWakeFile( const std::string& name, const FileAccess* writer );
 
 // Removes what writers of table `path` that died while creating its
 // control file left behind (their scratch files), if this user's.

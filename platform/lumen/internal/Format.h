@@ -22,7 +22,7 @@ namespace Lumen::internal {
 
 inline constexpr uint64_t controlMagic = 0x314c54434e4d554cULL;   // "LUMNCTL1"
 inline constexpr uint64_t dataMagic = 0x315441444e4d554cULL;      // "LUMNDAT1"
-inline constexpr uint64_t wakeMagic = 0x324b41574e4d554cULL;      // "LUMNWAK2"
+inline constexpr uint64_t wakeMagic = 0x334b41574e4d554cULL;      // "LUMNWAK3"
 // 3: the control segment ends with the undo area; the writer lock is an
 // open-file-description lock (readers test it), no longer a flock.
 inline constexpr uint32_t formatVersion = 3;
@@ -146,41 +146,62 @@ static_assert( offsetof( DataHeader, count ) == 64 );
 // the slots start on a cache-line boundary, so no slot straddles two lines:
 // a lookup that finds its key in the home slot costs one line.
 
+// The wake segment has a layout of its own, checked on its own: its magic
+// carries its version. Version 3 replaced a count of armed registrations and
+// a scan bound (either of which, damaged, silenced every reader) by a bitmap
+// the writer scans whole, and records fallback sleepers by pid so that a
+// dead one can be subtracted.
+inline constexpr uint32_t wakeFormatVersion = 3;
+inline constexpr uint32_t wakeReaderSlots = 1024;
+inline constexpr uint32_t wakeSleeperSlots = 32;
+
 struct WakeHeader {
-   uint64_t magic;                        // 0
-   std::atomic< uint32_t > seq;           // 8: bumped by the writer per wake-up
-   std::atomic< uint32_t > sleepers;      // 12: fallback reader threads in futex wait
+   // Identity, written by the writer that creates the file (magic last) and
+   // restored by whoever finds it damaged.
+   uint64_t magic;                        // 0: wakeMagic
+   uint32_t formatVersion;                // 8: wakeFormatVersion
+   uint32_t headerSize;                   // 12: sizeof( WakeHeader )
+   uint32_t slotCount;                    // 16: wakeReaderSlots
+   uint32_t slotSize;                     // 20: sizeof( ReaderSlot )
    // 1 while the attached writer orders its sleepers / armed checks with a
    // compiler barrier only; readers then issue a process-wide memory barrier
    // (membarrier) before their last check. 0: the writer fences each change.
-   std::atomic< uint32_t > writerFenceFree;   // 16
-   // Registrations with armed = 1. Incremented by the reader that arms,
-   // decremented by whoever clears an armed flag (writer or owner).
-   std::atomic< uint32_t > armedCount;    // 20
-   // One past the highest registration ever claimed: the writer scans no
-   // further. Raised by readers only.
-   std::atomic< uint32_t > slotsUsed;     // 24
-   uint8_t reserved[ 36 ];                // 28
+   std::atomic< uint32_t > writerFenceFree;   // 24
+   uint32_t reserved0;                    // 28
+   uint8_t reserved1[ 32 ];               // 32
+   // Fallback sleepers: touched only by readers that could not register.
+   std::atomic< uint32_t > seq;           // 64: bumped by the writer per wake-up; futex word
+   // Fallback reader threads about to wait or waiting on seq. A hint: the
+   // writer stops trusting it when its wakes find nobody, and whoever finds
+   // a dead pid in sleeperPids takes that sleeper off it.
+   std::atomic< uint32_t > sleepers;      // 68
+   uint8_t reserved2[ 56 ];               // 72
+   // Bit i: registration i is idle and wants one poke at the next change.
+   // Set by its reader (fetch_or), taken by the writer a word at a time
+   // (exchange to 0) before it pokes.
+   std::atomic< uint64_t > armed[ wakeReaderSlots / 64 ];   // 128
+   // Pid of each counted sleeper that found a free entry; 0 = free.
+   std::atomic< uint32_t > sleeperPids[ wakeSleeperSlots ]; // 256
+   uint8_t reserved3[ 128 ];              // 384
 };
-static_assert( sizeof( WakeHeader ) == 64 );
-static_assert( offsetof( WakeHeader, armedCount ) == 20 );
+static_assert( sizeof( WakeHeader ) == 512 );
+static_assert( offsetof( WakeHeader, writerFenceFree ) == 24 );
+static_assert( offsetof( WakeHeader, seq ) == 64 );
+static_assert( offsetof( WakeHeader, armed ) == 128 );
+static_assert( offsetof( WakeHeader, sleeperPids ) == 256 );
 
 // One Reader's registration, at sizeof( WakeHeader ) + i * 16.
 struct ReaderSlot {
    // Owner's pid, 0 = free. Claimed by a reader with a CAS from 0 or from a
-   // dead pid; freed by its owner, or by the writer once the pid is dead.
+   // dead pid; freed by its owner, or by whoever finds the pid dead.
    std::atomic< uint32_t > pid;           // 0
    // Names the owner's socket together with pid. Written by the owner after
-   // claiming, before it first arms.
+   // claiming, before it binds the socket and first arms.
    std::atomic< uint32_t > nonce;         // 4
-   // 1: the reader is idle and wants one poke at the next change. Set by the
-   // reader, cleared (CAS) by the writer before it pokes.
-   std::atomic< uint32_t > armed;         // 8
-   uint32_t reserved;                     // 12
+   uint8_t reserved[ 8 ];                 // 8
 };
 static_assert( sizeof( ReaderSlot ) == 16 );
 
-inline constexpr uint32_t wakeReaderSlots = 128;
 inline constexpr size_t wakeSegmentSize = sizeof( WakeHeader ) + wakeReaderSlots * sizeof( ReaderSlot );
 
 }  // namespace Lumen::internal

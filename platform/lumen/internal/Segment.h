@@ -20,6 +20,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <pthread.h>
 #include <sys/types.h>
@@ -271,8 +272,14 @@ class Control {
       int fd = -1;
    };
    Control() = default;
-   void pokeArmedReaders();
-   void poke( uint32_t i, ReaderSlot& slot );
+   void pokeOrDefer();
+   void scanArmed( std::chrono::steady_clock::time_point now );
+   uint32_t pokeArmed( uint32_t word );
+   void poke( uint32_t i );
+   void wakeSleepers( uint32_t sleepers );
+   void sweepWake();
+   void runFlusher();
+   void stopFlusher();
 
    std::string path_;
    std::string controlName_;
@@ -283,14 +290,32 @@ class Control {
    int probeFd_ = -1;   // reader: tests the writer lock
    Mapping map_;
    Mapping wake_;   // writer only
-   Peer peers_[ wakeReaderSlots ];   // writer only, by registration index
+   std::vector< Peer > peers_;   // writer only, by registration index; under pokeMutex_
+   // Writer only: pokes are rationed in time. A scan that poked k readers
+   // (k > 1) allows the next no sooner than k * pokeSpacing later; a change
+   // made meanwhile leaves the bits to the flusher thread, which scans at
+   // that time if anything changed since the last scan. So the writer's
+   // thread spends a bounded share of its time poking, however many
+   // readers keep re-arming, and a single reader is poked at once.
+   std::mutex pokeMutex_;                           // scans, peers_, the sweep
+   std::atomic< int64_t > nextScanNs_{ 0 };         // steady clock
+   uint64_t scannedHead_ = 0;                       // under pokeMutex_
+   std::atomic< uint32_t > flushPending_{ 0 };      // futex word: the flusher owes a scan
+   std::atomic< bool > flusherStop_{ false };
+   std::thread flusher_;
    bool fenceFree_ = false;   // writer only: readers issue the barrier
    pthread_t lastThread_ {};  // writer only: whose tid is in the header
+   // Writer only: the sequence of the next feed entry. The shared head is
+   // only ever stored, never read back: a head damaged backwards would
+   // otherwise have the writer reuse sequences readers have passed.
+   uint64_t head_ = 0;
    // Writer only: a sleeper count that futex wakes found nobody behind for a
-   // while (a fallback reader killed while counted); not woken for again
-   // until the count changes. ~0u: none.
+   // while (a fallback reader killed while counted, without a pid entry);
+   // not woken for again until the count changes. ~0u: none.
    uint32_t deadSleepers_ = ~0u;
    std::chrono::steady_clock::time_point missedSince_ {};
+   uint32_t changesSinceCheck_ = 0;   // writer only: changes since the clock was read
+   std::chrono::steady_clock::time_point lastSweep_ {};
    uint32_t feedCapacity_ = 0;
    uint32_t feedEntrySize_ = 0;
    uint32_t keySize_ = 0;
@@ -321,18 +346,25 @@ inline constexpr std::chrono::milliseconds slotStuckHardLimit{ 1000 };
 uint32_t readBusySlot( const StuckContext& ctx, const std::atomic< uint32_t >& word, uint32_t slot,
                        void* out, const void* record, size_t size );
 
-// A Reader's wake-up path. fd() is a datagram socket bound under the root;
-// the Notifier registers it in a slot of the table's wake segment. When the
-// reader has consumed everything it arms the slot; the writer's next change
-// clears the flag and sends one datagram, which makes fd() readable: one hop,
-// no reader thread on the way.
+// A Reader's wake-up path. fd() is a datagram socket; once the table's
+// writer has created the wake segment, the Notifier registers in a slot of it
+// and binds the socket under the root. When the reader has consumed
+// everything it arms the slot; the writer's next change clears the bit and
+// sends one datagram, which makes fd() readable: one hop, no reader thread on
+// the way.
 //
-// A slim thread remains, for what no writer announces: it checks the mount
-// status every statusPollMs, so a writer that dies is noticed within that.
-// When no registration is possible (all slots taken by live readers, the
-// socket name too long, no wake segment) the thread instead sleeps on the
-// wake word (futex, counted in `sleepers`) and forwards changes to fd(), as
-// a second hop; nothing is lost, only latency.
+// A slim thread remains, for what no writer announces: every statusPollMs it
+// checks the mount status (a writer that dies is noticed within that) and the
+// registration itself (slot, bit, segment header, file), so damage to the
+// segment delays a change by that much at most: it pokes fd() and the next
+// dispatch() repairs or registers again. Until the reader can register (no
+// table or wake segment yet, every slot taken by a live reader, the socket
+// name too long) the thread instead sleeps on the wake word (futex, counted
+// in `sleepers`, or polls the control header when there is no segment) and
+// forwards changes to fd(), as a second hop; nothing is lost, only latency.
+//
+// Registration state (segment, slot, socket) changes only on the caller's
+// thread, in arm() and reopen(), with the thread stopped.
 class Notifier {
  public:
    static constexpr int statusPollMs = 100;
@@ -342,47 +374,70 @@ class Notifier {
              MountStatus seenStatus, FileIdentity followed );
    ~Notifier();
    int fd() const { return recvFd_; }
-   bool registered() const { return slot_ != nullptr; }
+   bool registered() const { return slot_ >= 0; }
    void drain();        // clears readiness
-   // dispatch() consumed everything. Registered: asks for a poke at the next
-   // change; true when it newly armed, and the caller must then re-check for
-   // changes made before the writer could see the flag (and poke() if any).
+   // dispatch() consumed everything. Registers first if it is due. Then,
+   // registered: asks for a poke at the next change; true when it newly
+   // armed, and the caller must then re-check for changes made before the
+   // writer could see the bit (and poke() if any). A re-check that finds
+   // nothing must follow barrierAfterArm() when that returns true.
    bool arm();
+   // The process-wide barrier a fence-free writer leaves to its readers;
+   // false when none is needed (the writer fences each change).
+   bool barrierAfterArm();
    void poke();         // makes fd() readable
    void dispatched();   // fallback thread: dispatch() ran, it may sleep again
    // The table's files were replaced: registers with whatever files bear the
    // name now (the reader follows no control file until it mounts one); fd()
    // stays the same.
    void reopen();
+   // True once after the thread saw the feed head move backwards (damage):
+   // the reader must rescan rather than trust the feed from its cursor.
+   bool feedRewound() { return rewound_.exchange( false, std::memory_order_acq_rel ); }
 
  private:
-   void openSockets();
-   void shareSocketWithWriter();
+   void maintain( bool force );
+   bool wakeStillUsable();
+   bool ownSlotIntact();
+   void openWake();
    void claimSlot();
-   void run();
-   void watchStatus();
-   void forwardChanges();
-   bool openWake();
-   bool openControl();
+   bool bindSocket();
+   void startThread();
    void closeControlFd();
    void stopThread();
    void releaseSlot();
+   void run();
+   void watchRegistration();
+   void forwardChanges();
+   bool openControl();
    bool replacedWhileNotMounted( MountStatus status ) const;
 
    std::string wakeName_;
    std::string controlName_;
    std::string root_;
    uint32_t nonce_ = 0;
-   std::string socketName_;   // empty when not bound by name
+   std::string socketName_;   // empty until bound by name
+   bool unbindable_ = false;  // the socket name is too long: never registers
    int recvFd_ = -1;
    int sendFd_ = -1;          // connected to recvFd_, for poke()
    Mapping wake_;
+   FileIdentity wakeIdentity_;
+   FileIdentity followed_;    // caller's: the control file registered for
+   int32_t slot_ = -1;
+   std::chrono::steady_clock::time_point retryAt_ {};
+   bool wakeWasMissing_ = false;   // at the last attempt to register
+   // Set by arm(), cleared by drain(): the reader sleeps on a poke.
+   std::atomic< bool > armed_{ false };
+   std::atomic< bool > needsMaintenance_{ false };   // set by the thread
+   std::atomic< bool > rewound_{ false };             // set by the thread
+   // Thread only.
    Mapping control_;
    int controlFd_ = -1;       // thread only: tests the writer lock of control_
-   FileIdentity followed_;    // thread only after construction; none: any
-   ReaderSlot* slot_ = nullptr;
-   uint64_t lastHead_;        // thread only
-   MountStatus lastStatus_;   // thread only
+   FileIdentity threadFollowed_;
+   bool askedToRegister_ = false;
+   bool pokeLost_ = false;   // seen once: our bit cleared without a poke
+   uint64_t lastHead_;
+   MountStatus lastStatus_;
    std::mutex mutex_;
    std::condition_variable cv_;
    bool stop_ = false;

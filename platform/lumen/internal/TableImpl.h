@@ -647,15 +647,18 @@ void Reader< Record >::armForNextChange() {
       return;
    }
    // A change published before the writer could see our flag pokes nobody:
-   // look once more, now that any later change will poke us.
-   bool pending = false;
-   try {
-      pending = mountStatus() != reportedStatus_ ||
+   // look once more, now that any later change will poke us. Under a busy
+   // writer the first look finds one, and the process-wide barrier that a
+   // fence-free writer needs before a look that finds nothing is skipped.
+   auto pending = [ this ] {
+      try {
+         return mountStatus() != reportedStatus_ ||
                 ( control_ && control_->header().feedHead.load( std::memory_order_acquire ) != cursor_ );
-   } catch ( const Fable::CorruptionDetectedException& ) {
-      pending = true;   // the next dispatch() reports it
-   }
-   if ( pending ) {
+      } catch ( const Fable::CorruptionDetectedException& ) {
+         return true;   // the next dispatch() reports it
+      }
+   };
+   if ( pending() || ( notifier_->barrierAfterArm() && pending() ) ) {
       notifier_->poke();
    }
 }
@@ -881,7 +884,9 @@ typename Reader< Record >::KeySet Reader< Record >::presentKeys() const {
 template< class Record >
 bool Reader< Record >::readFeed( std::vector< Key >& keys ) {
    uint64_t head = control_->header().feedHead.load( std::memory_order_acquire );
-   if ( head < cursor_ || head - cursor_ > control_->feedCapacity() ) {
+   // A head seen moving backwards is damage or a new writer: never wait for
+   // it to come back to the cursor.
+   if ( notifier_->feedRewound() || head < cursor_ || head - cursor_ > control_->feedCapacity() ) {
       return false;
    }
    for ( uint64_t seq = cursor_; seq < head; ++seq ) {

@@ -1,0 +1,356 @@
+// The wake-up path under damage, crashes and many readers: damaged wake
+// segments and feed heads, a reader of another user that starts before the
+// writer, what dead readers leave behind, and readers beyond the old
+// registration limit.
+#include "platform/lumen/internal/Wake.h"
+#include "tests/platform/lumen/LumenTestSupport.h"
+
+#include <gtest/gtest.h>
+#include <grp.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <memory>
+#include <set>
+
+using namespace LumenTest;
+namespace li = Lumen::internal;
+
+namespace {
+
+// A wake segment mapped on its own, as another process damaging it would.
+struct WakeMap {
+   li::WakeHeader* header = nullptr;
+   explicit WakeMap( const std::string& name ) {
+      int fd = ::open( name.c_str(), O_RDWR );
+      EXPECT_GE( fd, 0 ) << name;
+      void* p = ::mmap( nullptr, li::wakeSegmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0 );
+      ::close( fd );
+      EXPECT_NE( p, MAP_FAILED );
+      header = static_cast< li::WakeHeader* >( p );
+   }
+   ~WakeMap() { ::munmap( header, li::wakeSegmentSize ); }
+   li::ReaderSlot* slots() const { return reinterpret_cast< li::ReaderSlot* >( header + 1 ); }
+   uint32_t registrationsOf( pid_t pid ) const {
+      return uint32_t( std::count_if( slots(), slots() + li::wakeReaderSlots,
+                                      [ & ]( auto& s ) { return s.pid == uint32_t( pid ); } ) );
+   }
+};
+
+// Dispatches only when fd() has become readable: a reader the writer no
+// longer wakes fails here instead of being carried by polling.
+template< class Done >
+bool wokenUntil( Lumen::Reader< HostRec >& reader, Done done ) {
+   for ( int n = 0; n < 100 && !done(); ++n ) {
+      if ( !readable( reader.fd(), 3000 ) ) {
+         break;
+      }
+      reader.dispatch();
+   }
+   return done();
+}
+
+// A pid that no process has: a child's, once reaped.
+uint32_t deadPid() {
+   pid_t child = startChild( [] { return 0; } );
+   waitChild( child );
+   return uint32_t( child );
+}
+
+std::set< std::string > filesIn( const std::string& dir ) {
+   std::set< std::string > names;
+   for ( const auto& e : std::filesystem::directory_iterator( dir ) ) {
+      names.insert( e.path().filename() );
+   }
+   return names;
+}
+
+bool anyFileOfPid( const std::string& dir, pid_t pid ) {
+   std::string prefix = fmt::format( "@reader.{}.", pid );
+   for ( const auto& name : filesIn( dir ) ) {
+      if ( name.rfind( prefix, 0 ) == 0 ) {
+         return true;
+      }
+   }
+   return false;
+}
+
+size_t openFds() {
+   return size_t( std::distance( std::filesystem::directory_iterator( "/proc/self/fd" ),
+                                 std::filesystem::directory_iterator() ) );
+}
+
+}  // namespace
+
+// Each kind of damage lands while three readers are mapped, registered and
+// idle; the changes made after it must still wake them (their status thread
+// notices within its period and repairs or registers again).
+TEST( LumenWake, DamageToTheWakeSegmentOrFeedHeadDoesNotSilenceMappedReaders ) {
+   enum Damage { zeroedPage, armedBitsCleared, pidOfADeadProcess, pidOfALiveProcess, headZeroed,
+                 headMovedBack };
+   for ( Damage damage : { zeroedPage, armedBitsCleared, pidOfADeadProcess, pidOfALiveProcess,
+                           headZeroed, headMovedBack } ) {
+      SCOPED_TRACE( damage );
+      LumenRoot root;
+      Lumen::Writer< HostRec > writer;
+      writer.attach( "/lumen/damage" );
+      for ( uint32_t n = 0; n < 20; ++n ) {
+         writer.write( HostRec::of( n, 1 ) );
+      }
+      std::vector< std::unique_ptr< Lumen::Reader< HostRec > > > readers;
+      std::vector< std::set< uint32_t > > seen( 3 );
+      for ( size_t r = 0; r < 3; ++r ) {
+         readers.push_back( std::make_unique< Lumen::Reader< HostRec > >( "/lumen/damage" ) );
+         readers[ r ]->onKeyIs( [ &, r ]( const MacKey& k ) { seen[ r ].insert( k.number() ); } );
+         readers[ r ]->dispatch();
+      }
+      auto allSee = [ & ]( std::vector< uint32_t > keys ) {
+         for ( size_t r = 0; r < readers.size(); ++r ) {
+            EXPECT_TRUE( wokenUntil( *readers[ r ], [ & ] {
+               return std::all_of( keys.begin(), keys.end(),
+                                   [ & ]( uint32_t n ) { return seen[ r ].count( n ) > 0; } );
+            } ) ) << "reader " << r << " was not woken for every change";
+         }
+      };
+      writer.write( HostRec::of( 100, 1 ) );
+      allSee( { 100 } );
+
+      WakeMap wake( root.file( "lumen.damage@wake" ) );
+      ASSERT_EQ( wake.registrationsOf( ::getpid() ), 3u );
+      std::vector< uint32_t > after = { 101 };
+      switch ( damage ) {
+       case zeroedPage:
+         std::memset( static_cast< void* >( wake.header ), 0, 4096 );
+         break;
+       case armedBitsCleared:
+         for ( auto& word : wake.header->armed ) {
+            word = 0;
+         }
+         break;
+       case pidOfADeadProcess:
+       case pidOfALiveProcess: {
+         uint32_t other = damage == pidOfADeadProcess ? deadPid() : 1;
+         for ( uint32_t i = 0; i < li::wakeReaderSlots; ++i ) {
+            if ( wake.slots()[ i ].pid == uint32_t( ::getpid() ) ) {
+               wake.slots()[ i ].pid = other;
+            }
+         }
+         break;
+       }
+       case headZeroed:
+       case headMovedBack:
+         editFile( root.file( "lumen.damage" ), [ & ]( uint8_t* bytes, size_t ) {
+            auto& head = *reinterpret_cast< std::atomic< uint64_t >* >(
+               bytes + offsetof( li::ControlHeader, feedHead ) );
+            head = damage == headZeroed ? 0 : head - 10;
+         } );
+         // Readers that have not looked meanwhile: the changes below must
+         // not be taken for ones they have passed.
+         after = { 101, 102, 103, 104, 105, 106, 107, 108, 109, 110, 111, 112, 113 };
+         break;
+      }
+      for ( uint32_t n : after ) {
+         writer.write( HostRec::of( n, 1 ) );
+      }
+      allSee( after );
+      // And the next change after the repair, too.
+      writer.write( HostRec::of( 200, 1 ) );
+      allSee( { 200 } );
+      EXPECT_EQ( wake.registrationsOf( ::getpid() ), 3u );
+      EXPECT_TRUE( li::wakeHeaderValid( *wake.header ) );
+   }
+}
+
+// A reader of another user, started before the table exists, in a root that
+// user may write to: it creates nothing, and registers in the wake segment
+// the writer creates (owned by the writer, mode 0660) once it appears.
+TEST( LumenWake, AReaderOfAnotherUserBeforeTheWriterCreatesNothingAndRegisters ) {
+   LumenRoot root;
+   ASSERT_EQ( ::chmod( root.dir().c_str(), 01777 ), 0 );
+   int ready[ 2 ];
+   ASSERT_EQ( ::pipe( ready ), 0 );
+   pid_t child = startChild( [ & ] {
+      ::close( ready[ 0 ] );
+      // Nobody, also in the table owner's group: a supported reader.
+      gid_t groups[] = { 0 };
+      if ( ::setgroups( 1, groups ) != 0 || ::setgid( 65534 ) != 0 || ::setuid( 65534 ) != 0 ) {
+         return 3;
+      }
+      Lumen::Reader< HostRec > reader( "/lumen/early" );
+      uint32_t seen = 0;
+      reader.onKeyIs( [ & ]( const MacKey& k ) { seen = std::max( seen, k.number() ); } );
+      reader.dispatch();
+      if ( ::write( ready[ 1 ], "x", 1 ) != 1 ) {
+         return 4;
+      }
+      while ( seen < 50 ) {
+         if ( !readable( reader.fd(), 20000 ) ) {
+            return 1;
+         }
+         reader.dispatch();
+      }
+      return 0;
+   } );
+   ::close( ready[ 1 ] );
+   char c;
+   ASSERT_EQ( ::read( ready[ 0 ], &c, 1 ), 1 );
+   ::close( ready[ 0 ] );
+   ::usleep( 300000 );   // a few periods of the reader's thread
+   EXPECT_EQ( filesIn( root.dir() ), std::set< std::string >{} ) << "the reader created files";
+
+   Lumen::Writer< HostRec > writer;
+   writer.attach( "/lumen/early" );
+   struct stat st {};
+   ASSERT_EQ( ::lstat( root.file( "lumen.early@wake" ).c_str(), &st ), 0 );
+   EXPECT_EQ( st.st_uid, ::geteuid() );
+   EXPECT_EQ( st.st_mode & 07777, 0660u );
+   WakeMap wake( root.file( "lumen.early@wake" ) );
+   for ( int i = 0; i < 500 && wake.registrationsOf( child ) == 0; ++i ) {
+      writer.write( HostRec::of( 1, 1 ) );   // pokes or forwards: the reader dispatches
+      ::usleep( 10000 );
+   }
+   EXPECT_EQ( wake.registrationsOf( child ), 1u ) << "the reader never registered";
+   for ( uint32_t n = 2; n <= 50; ++n ) {
+      writer.write( HostRec::of( n, 1 ) );
+   }
+   EXPECT_EQ( waitChild( child ), 0 ) << "1: not woken; 3: could not change user";
+}
+
+// A registered reader killed while poked but not yet dispatched leaves a
+// registration, a socket file and the writer's connected descriptor that no
+// poke will meet again; a reader killed asleep on the fallback path leaves a
+// sleeper count. The writer's next sweep, or the next reader, clears them.
+TEST( LumenWake, WhatKilledReadersLeaveBehindIsCleared ) {
+   LumenRoot root;
+   Lumen::Writer< HostRec > writer;
+   writer.attach( "/lumen/dead" );
+   WakeMap wake( root.file( "lumen.dead@wake" ) );
+   int ready[ 2 ];
+   ASSERT_EQ( ::pipe( ready ), 0 );
+   pid_t child = startChild( [ & ] {
+      Lumen::Reader< HostRec > reader( "/lumen/dead" );
+      reader.dispatch();
+      if ( ::write( ready[ 1 ], "x", 1 ) != 1 ) {
+         return 1;
+      }
+      for ( ;; ) {
+         ::pause();   // poked, never dispatches
+      }
+   } );
+   char c;
+   ASSERT_EQ( ::read( ready[ 0 ], &c, 1 ), 1 );
+   ASSERT_EQ( wake.registrationsOf( child ), 1u );
+   ASSERT_TRUE( anyFileOfPid( root.dir(), child ) );
+   size_t fdsBefore = openFds();
+   writer.write( HostRec::of( 1, 1 ) );   // the poke connects the writer to it
+   EXPECT_EQ( openFds(), fdsBefore + 1 );
+   ::kill( child, SIGKILL );
+   EXPECT_EQ( waitChild( child ), 128 + SIGKILL );
+   for ( uint32_t n = 0; n < 150; ++n ) {   // 1.5 s of changes
+      writer.write( HostRec::of( n, n ) );
+      ::usleep( 10000 );
+   }
+   EXPECT_EQ( wake.registrationsOf( child ), 0u );
+   EXPECT_FALSE( anyFileOfPid( root.dir(), child ) );
+   EXPECT_EQ( openFds(), fdsBefore );
+
+   // Fallback: every registration held by a live process (this one).
+   for ( uint32_t i = 0; i < li::wakeReaderSlots; ++i ) {
+      wake.slots()[ i ].pid = uint32_t( ::getpid() );
+   }
+   child = startChild( [] {
+      Lumen::Reader< HostRec > reader( "/lumen/dead" );
+      for ( ;; ) {
+         readable( reader.fd(), 1000 );
+         reader.dispatch();
+      }
+      return 0;
+   } );
+   auto sleeping = [ & ]( pid_t pid ) {
+      return std::any_of( std::begin( wake.header->sleeperPids ), std::end( wake.header->sleeperPids ),
+                          [ & ]( auto& e ) { return e.load() == uint32_t( pid ); } );
+   };
+   for ( int i = 0; i < 5000 && !sleeping( child ); ++i ) {
+      ::usleep( 1000 );
+   }
+   ASSERT_TRUE( sleeping( child ) ) << "the reader never fell back to its thread";
+   EXPECT_EQ( wake.header->sleepers.load(), 1u );
+   ::kill( child, SIGKILL );
+   EXPECT_EQ( waitChild( child ), 128 + SIGKILL );
+   EXPECT_FALSE( anyFileOfPid( root.dir(), child ) ) << "a fallback reader's socket was left behind";
+   {
+      // The next reader, also on the fallback path, takes the dead one off.
+      Lumen::Reader< HostRec > reader( "/lumen/dead" );
+      for ( int i = 0; i < 5000 && ( sleeping( child ) || wake.header->sleepers.load() > 1 ); ++i ) {
+         ::usleep( 1000 );
+      }
+      EXPECT_FALSE( sleeping( child ) );
+      EXPECT_LE( wake.header->sleepers.load(), 1u );
+   }
+   EXPECT_EQ( wake.header->sleepers.load(), 0u );
+}
+
+// 150 readers all register (none falls back to the futex, which every change
+// would then have to wake), and a reader that was poked and has not
+// dispatched costs the writer nothing more: one datagram, whatever follows.
+TEST( LumenWake, ManyIdleReadersRegisterAndArePokedOncePerDispatch ) {
+   LumenRoot root;
+   Lumen::Writer< HostRec > writer;
+   writer.attach( "/lumen/many" );
+   std::vector< std::unique_ptr< Lumen::Reader< HostRec > > > readers;
+   for ( int r = 0; r < 150; ++r ) {
+      readers.push_back( std::make_unique< Lumen::Reader< HostRec > >( "/lumen/many" ) );
+      readers.back()->dispatch();
+   }
+   WakeMap wake( root.file( "lumen.many@wake" ) );
+   EXPECT_EQ( wake.registrationsOf( ::getpid() ), 150u );
+   uint32_t seq = wake.header->seq.load();
+   for ( uint32_t n = 0; n < 1000; ++n ) {
+      writer.write( HostRec::of( n % 10, n ) );
+   }
+   EXPECT_EQ( wake.header->seq.load(), seq ) << "futex wakes with no sleeper";
+   EXPECT_EQ( wake.header->sleepers.load(), 0u );
+   for ( auto& reader : readers ) {
+      char buf[ 16 ];
+      EXPECT_EQ( ::recv( reader->fd(), buf, sizeof( buf ), MSG_DONTWAIT ), 1 );
+      EXPECT_LT( ::recv( reader->fd(), buf, sizeof( buf ), MSG_DONTWAIT ), 0 ) << "poked twice";
+   }
+}
+
+// With many readers the writer rations its pokes in time and leaves the
+// changes it makes meanwhile to its flusher thread: the last change of a
+// burst, and one made just before the writer goes away, must still wake
+// every reader.
+TEST( LumenWake, ChangesWhosePokesAreDeferredStillWakeEveryReader ) {
+   LumenRoot root;
+   auto writer = std::make_unique< Lumen::Writer< HostRec > >();
+   writer->attach( "/lumen/deferred" );
+   std::vector< std::unique_ptr< Lumen::Reader< HostRec > > > readers;
+   std::vector< std::set< uint32_t > > seen( 40 );
+   for ( size_t r = 0; r < seen.size(); ++r ) {
+      readers.push_back( std::make_unique< Lumen::Reader< HostRec > >( "/lumen/deferred" ) );
+      readers[ r ]->onKeyIs( [ &, r ]( const MacKey& k ) { seen[ r ].insert( k.number() ); } );
+      readers[ r ]->dispatch();
+   }
+   auto allWokenFor = [ & ]( uint32_t n ) {
+      for ( size_t r = 0; r < readers.size(); ++r ) {
+         EXPECT_TRUE( wokenUntil( *readers[ r ], [ & ] { return seen[ r ].count( n ) > 0; } ) )
+            << "reader " << r << " never woken for key " << n;
+      }
+   };
+   for ( uint32_t round = 0; round < 20; ++round ) {
+      // The first change pokes all forty; they re-arm at once, so the next
+      // falls within the writer's hold-off.
+      writer->write( HostRec::of( 2 * round, 1 ) );
+      allWokenFor( 2 * round );
+      writer->write( HostRec::of( 2 * round + 1, 1 ) );
+      allWokenFor( 2 * round + 1 );
+   }
+   writer->write( HostRec::of( 100, 1 ) );
+   allWokenFor( 100 );
+   writer->write( HostRec::of( 101, 1 ) );
+   writer.reset();   // owes the scan for 101
+   allWokenFor( 101 );
+}
