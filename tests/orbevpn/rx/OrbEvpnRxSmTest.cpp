@@ -278,11 +278,13 @@ class RxCrossProcessTest : public ::testing::Test {
    void TearDown() override { munmap( stop_, sizeof( int ) ); }
 
    // Random hosts and flood entries in a few VNIs, each of which often
-   // empties, until told to stop; then one host in quietVni marks the end.
+   // empties, until told to stop (or orphaned); then one host in quietVni
+   // marks the end.
    static void churn( OrbEvpn::HostTable& hosts, OrbEvpn::FloodTable& floods,
                       std::atomic< int >& stop ) {
       std::mt19937 rng( 17 );
-      for ( uint32_t n = 1; !stop.load(); ++n ) {
+      const pid_t parent = getppid();
+      for ( uint32_t n = 1; !stop.load() && getppid() == parent; ++n ) {
          Vxlan::Vni vni( 100 + rng() % 4 );
          Wire::EthAddr mac( 0, 0x1a, 0x2b, 0x3c, 0x4d, uint8_t( rng() % 6 ) );
          Wire::IpAddr vtep = Wire::IpAddr::fromOctets( 10, 0, 1, uint8_t( rng() % 3 ) );
@@ -301,6 +303,9 @@ class RxCrossProcessTest : public ::testing::Test {
       if ( ( pid_ = fork() ) != 0 ) {
          return;
       }
+      // A parent that dies ends the child's wait for its next step.
+      close( toChild_[ 1 ] );
+      close( toParent_[ 0 ] );
       auto dir = Mox::Dir::DirIs( "evpn" );
       auto hosts = OrbEvpn::hostTableFactory( "host" );
       auto floods = OrbEvpn::floodTableFactory( "flood" );

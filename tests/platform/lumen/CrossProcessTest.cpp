@@ -402,7 +402,8 @@ TEST( LumenCrossProcess, ReadersMountedUnderChurnConvergeOnTheTable ) {
          writer.write( HostRec::of( n, 1 ) );
       }
       ready.signal();
-      for ( uint32_t step = 1; !stop->load() || step < 100000; ++step ) {
+      const pid_t parent = ::getppid();
+      for ( uint32_t step = 1; ( !stop->load() || step < 100000 ) && ::getppid() == parent; ++step ) {
          // Swings between about a sixth and five sixths of the keys present.
          uint32_t n = rng() % keys;
          bool growing = ( step / 50000 ) % 2 == 0;
@@ -426,7 +427,9 @@ TEST( LumenCrossProcess, ReadersMountedUnderChurnConvergeOnTheTable ) {
    std::vector< std::unique_ptr< Consumer > > kept;
    int mounts = 0;
    bool finished = false;
+   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds( 120 );
    while ( !finished ) {
+      ASSERT_LT( std::chrono::steady_clock::now(), deadline ) << "the writer never finished";
       auto c = std::make_unique< Consumer >();
       c->reader = std::make_unique< Lumen::Reader< HostRec > >( "/lumen/mounting" );
       if ( ++mounts == 150 ) {
