@@ -16,10 +16,11 @@ namespace {
 
 constexpr const char* kPath = "/lumenbench/host";
 
-// lookupBatch is optional in Lumen's reader: use it when it is there.
+// Cross-process figures measure shared-memory reads: the reader's *Shared
+// calls, not its private copy of the state it delivered.
 template< class R >
 constexpr bool kHasBatch = requires( const R& r, const HostKey* k, Host24* o, size_t n ) {
-   r.lookupBatch( k, o, n );
+   r.lookupBatchShared( k, o, n );
 };
 
 class LumenSystem {
@@ -68,22 +69,22 @@ class LumenSystem {
             r_.dispatch();
             return false;
          }
-         return r_.count() == n;
+         return r_.countShared() == n;
       }
       bool lookup( const HostKey& k, Host24& out ) {
-         out = r_.lookup( k );
+         out = r_.lookupShared( k );
          return out.k == k;
       }
       template< class R = Lumen::Reader< Host24 > >
       void lookupBatch( const HostKey* keys, Host24* out, size_t n ) const {
          if constexpr ( kHasBatch< R > ) {
-            r_.lookupBatch( keys, out, n );
+            r_.lookupBatchShared( keys, out, n );
          }
       }
       uint64_t iterate( uint64_t& checksum ) {
          uint64_t seen = 0;
          Lumen::Hint h;
-         while ( auto e = r_.next( h ) ) {
+         while ( auto e = r_.nextShared( h ) ) {
             checksum += e->first.a;
             h = e->second;
             ++seen;

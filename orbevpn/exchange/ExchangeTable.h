@@ -12,10 +12,15 @@
 //    synchronously, before the call returns.
 //
 //  - Reader (made by the ...ReaderIs creators): mounted on the shared table
-//    another process writes. Lookups, presence, count and iteration read
-//    shared memory; writes are refused. The host program polls fd() and
-//    calls dispatch(), which notifies attribute 258 once per changed key,
-//    and reports quiesce and mount status to the collection control.
+//    another process writes; writes are refused. The host program polls
+//    fd() and calls dispatch(), which notifies attribute 258 once for each
+//    key whose entry (presence or value) differs from what the table last
+//    told, and reports quiesce and mount status to the collection control.
+//    Lookups, presence, count and iteration answer from what the table has
+//    told (the mount's content before the first dispatch), never from
+//    changes not yet notified: a handler reads exactly the entry it is
+//    notified of, an entry that comes and goes between two dispatches is
+//    never seen, and a removal is notified only for an entry that was.
 //
 // Counters ("<entry>Is", "<entry>Del", "<entry>Notify") are the process's
 // named counters. Corruption found by a write goes to the corruption

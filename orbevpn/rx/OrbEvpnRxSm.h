@@ -11,7 +11,11 @@
 //
 // A delete for a VNI or flood list that the import never created, or a
 // status that another writer extended, is a fatal assertion. No trace
-// records: the assertions are the diagnostics.
+// records: the assertions are the diagnostics. With reader-role tables they
+// hold because such a table reads and notifies one state, the one it has
+// delivered (ExchangeTable.h): an entry is notified removed only after it
+// was notified present, and iteration (construction, cleanup) sees exactly
+// what the notifications built.
 //
 // Single-threaded: runs on the notification thread.
 #pragma once

@@ -8,6 +8,26 @@
 // writer takes over). Content outlives writers: detaching or dying leaves it
 // in place.
 //
+// What a Reader delivers: lookup, contains, count, next and lookupBatch all
+// answer from one state, the one the last dispatch() delivered (before the
+// first dispatch, the one the Reader mounted). A consumer never reads a
+// state it has not been told about. dispatch() calls onKey once for each key
+// whose state (presence or record bytes) differs from that delivered state,
+// and applies the key's new state just before its callback runs, so the
+// callback reads exactly what it has been told and no later change. A key
+// that comes and goes between two dispatches is never reported; a removal is
+// reported only for a key the consumer was told of. After any resync (the
+// reader lapped by the feed, a writer restart or takeover, the table
+// replaced) every key whose delivered state differs is reported, framed by
+// onQuiesced( true ) and onQuiesced( false ), so nothing stale is kept.
+// For this the Reader keeps a private replica of the delivered state in the
+// table's own slot format (no more bytes per entry than the shared table);
+// mounting copies the shared generation slot for slot. The *Shared reads
+// (lookupShared, containsShared, countShared, nextShared,
+// lookupBatchShared) read shared memory as it is now, changes not yet
+// delivered included: for tools and measurements, not for consumers of
+// dispatch(). Figures and the full contract: docs/lumen-reader.md.
+//
 // Threading: a Writer is used from one thread. A Reader is used from one
 // thread (its lookups and dispatch()). The writer makes a reader's fd()
 // readable itself (a non-blocking send to the reader's socket); each Reader
@@ -35,11 +55,14 @@
 #include <optional>
 #include <string>
 #include <type_traits>
-#include <unordered_set>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
 namespace Lumen {
+
+template< class Record >
+class Reader;
 
 template< class Record >
 class Writer {
@@ -95,6 +118,10 @@ class Writer {
    void refreshStaged( const Key& k, const Record* now );   // now: null = removed
    uint32_t shrinkTarget() const;
 
+   // A Reader keeps its delivered state in an unattached Writer, and seeds
+   // it slot for slot from the shared generation.
+   friend class Reader< Record >;
+
    Record default_;
    Options options_;
    std::string path_;
@@ -121,12 +148,21 @@ class Reader {
    Reader( const Reader& ) = delete;
    Reader& operator=( const Reader& ) = delete;
 
+   // The delivered state (see the top of this file).
    Record lookup( const Key& k ) const;
    bool contains( const Key& k ) const;
    uint32_t count() const;
    std::optional< std::pair< Record, Hint > > next( Hint from = {} ) const;
    // Looks up n keys, overlapping their memory accesses.
    void lookupBatch( const Key* keys, Record* out, size_t n ) const;
+
+   // Shared memory as it is now, undelivered changes included. An iteration
+   // finishes on the generation it began on.
+   Record lookupShared( const Key& k ) const;
+   bool containsShared( const Key& k ) const;
+   uint32_t countShared() const;
+   std::optional< std::pair< Record, Hint > > nextShared( Hint from = {} ) const;
+   void lookupBatchShared( const Key* keys, Record* out, size_t n ) const;
 
    MountStatus mountStatus() const;
    const std::string& path() const { return path_; }
@@ -143,7 +179,6 @@ class Reader {
    struct KeyHash {
       size_t operator()( const Key& k ) const { return k.hash(); }
    };
-   using KeySet = std::unordered_set< Key, KeyHash >;
 
    bool mount() const;                 // maps the control segment if it exists
    const internal::SlotArray* current() const;   // current generation or null
@@ -152,11 +187,21 @@ class Reader {
    internal::StuckContext stuckContext() const {
       return { control_.get(), &path_, &corruptionHandler_ };
    }
-   KeySet presentKeys() const;
+   static void probeBatch( const internal::SlotArray& t, const Key* keys, Record* out, size_t n,
+                           const Record& absent, const internal::StuckContext& ctx );
    void armForNextChange();                      // end of dispatch()
    bool readFeed( std::vector< Key >& keys );    // false: lapped
+   void seed();                                  // the replica from the mounted table
+   void seedByInsertion( const internal::SlotArray& from );
+   void clearReplica();
+   bool deliveredState( const Key& k, Record& out ) const;
+   bool sharedState( const Key& k, Record& out ) const;   // false: absent
+   struct Changes;
+   void note( Changes& changes, const Key& k, const Record* now ) const;
    void gather();                                // queues what changed
+   void resync( Changes& changes );              // queues every difference
    void remount();                               // the table was replaced
+   void deliver();                               // runs pending_'s callbacks
 
    std::string path_;
    std::string root_;   // Lumen::root() when constructed
@@ -177,13 +222,17 @@ class Reader {
 
    // Dispatch state, touched only by dispatch() and the constructor.
    struct Event {
-      enum Kind { changed, quiescedTrue, quiescedFalse, mountStatus } kind;
+      enum Kind { changed, quiescedTrue, quiescedFalse, mountStatus, none } kind;
       Key key;
       MountStatus status;
+      bool present;   // changed: the key's new state, applied to replica_
+      Record value;
    };
    uint64_t cursor_ = 0;           // next feed sequence to read
-   bool synced_ = false;           // known_ reflects a full pass
-   KeySet known_;
+   bool synced_ = false;           // replica_ was compared with a full pass
+   // The delivered state: what lookups answer from, and what gather()
+   // compares the shared table with. Unattached, so process memory only.
+   Writer< Record > replica_;
    MountStatus reportedStatus_ = MountStatus::unmounted;
    std::deque< Event > pending_;   // gathered, not yet delivered
    bool dispatching_ = false;

@@ -19,7 +19,13 @@
 #include <cstring>
 #include <thread>
 
+#include <sys/mman.h>
 #include <unistd.h>
+
+#ifndef MADV_POPULATE_READ
+#define MADV_POPULATE_READ 22
+#define MADV_POPULATE_WRITE 23
+#endif
 
 namespace Lumen::internal {
 
@@ -613,27 +619,151 @@ void Writer< Record >::sanityCheck() const {
 
 // ---------------------------------------------------------------- Reader
 
+namespace internal {
+
+// Options of a Reader's replica: it follows whatever the shared table holds,
+// so it is never full, and it shrinks as far as the writer's table may.
+inline Options replicaOptions() {
+   Options o;
+   o.initialCapacity = 1;
+   o.maxCapacity = 1u << 30;
+   return o;
+}
+
+// Faults [begin, end) in with one call rather than a fault per page; a
+// kernel without the advice faults as the caller goes.
+inline void prefault( const uint8_t* begin, const uint8_t* end, int advice ) {
+   uintptr_t page = uintptr_t( ::sysconf( _SC_PAGESIZE ) );
+   uintptr_t from = uintptr_t( begin ) & ~( page - 1 );
+   ::madvise( reinterpret_cast< void* >( from ), uintptr_t( end ) - from, advice );
+}
+
+}  // namespace internal
+
+// The keys one gather() found changed, by key: their events in pending_.
+template< class Record >
+struct Reader< Record >::Changes {
+   std::unordered_map< Key, size_t, KeyHash > queued;
+   std::vector< Event > events;
+};
+
 template< class Record >
 Reader< Record >::Reader( const std::string& path, const Record& defaultValue )
-   : path_( path ), root_( root() ), default_( defaultValue ), layout_( Ops::layout() ) {
+   : path_( path ), root_( root() ), default_( defaultValue ), layout_( Ops::layout() ),
+     replica_( defaultValue, internal::replicaOptions() ) {
    // Rejects a malformed or over-long path up front, as attach() does: a
    // table no writer can create must not leave its readers waiting.
    internal::controlFileName( root_, path );
    try {
       if ( mount() ) {
-         cursor_ = control_->header().feedHead.load( std::memory_order_acquire );
-         known_ = presentKeys();
+         seed();
          synced_ = true;
       }
    } catch ( const Fable::CorruptionDetectedException& ) {
       // Reported again, to the handler, by the first operation that needs it.
       control_.reset();
+      clearReplica();
    }
    reportedStatus_ = mountStatus();
    notifier_ = std::make_unique< internal::Notifier >(
       root_, path_, control_ ? cursor_ : 0, reportedStatus_,
       control_ ? control_->identity() : internal::FileIdentity{} );
    armForNextChange();
+}
+
+template< class Record >
+void Reader< Record >::clearReplica() {
+   replica_.table_ = internal::SlotArray::createAnonymous( layout_, 1, 1 );
+}
+
+// The replica starts as a copy of the current generation, slot for slot (the
+// same slot count gives every key the same home), which costs a copy of the
+// table's bytes rather than a hash and an insert per entry. The feed head is
+// read first: a key the writer changes while the copy runs is in the feed
+// from there, and only such a key can have been copied twice (moved by a
+// remove and re-insert) or missed, so those keys are copied again afterwards.
+template< class Record >
+void Reader< Record >::seed() {
+   uint64_t head = control_->header().feedHead.load( std::memory_order_acquire );
+   cursor_ = head;
+   const internal::SlotArray* t = current();
+   if ( !t ) {
+      return;   // no generation yet
+   }
+   // Nothing below remaps: `from` stays the generation we began on, which
+   // the writer no longer changes once it has flipped past it.
+   const internal::SlotArray& from = *t;
+   auto copy = internal::SlotArray::createAnonymous( layout_, from.capacity(), from.generation() );
+   if ( copy.slotCount() != from.slotCount() ) {
+      seedByInsertion( from );
+      return;
+   }
+   internal::prefault( from.slot( 0 ), from.slot( from.slotCount() ), MADV_POPULATE_READ );
+   internal::prefault( copy.slot( 0 ), copy.slot( copy.slotCount() ), MADV_POPULATE_WRITE );
+   auto ctx = stuckContext();
+   uint32_t live = 0;
+   uint32_t tombstones = 0;
+   Record r;
+   for ( uint32_t i = 0; i < from.slotCount(); ++i ) {
+      uint32_t state;
+      try {
+         state = Ops::read( from, i, r, ctx );
+      } catch ( const Fable::CorruptionDetectedException& ) {
+         // A slot its dead writer left mid-update: a tombstone keeps the
+         // probes past it going; the takeover's resync settles the key.
+         state = internal::slotTombstone;
+      }
+      if ( state == internal::slotLive ) {
+         std::memcpy( copy.record( i ), static_cast< const void* >( &r ), sizeof( Record ) );
+         copy.word( i ).store( internal::slotLive, std::memory_order_relaxed );
+         ++live;
+      } else if ( state == internal::slotTombstone ) {
+         copy.word( i ).store( internal::slotTombstone, std::memory_order_relaxed );
+         ++tombstones;
+      }
+   }
+   copy.liveCountIs( live );
+   copy.tombstoneCountAdd( int( tombstones ) );
+   replica_.table_ = std::move( copy );
+
+   std::vector< Key > moved;
+   if ( control_->header().feedHead.load( std::memory_order_acquire ) == head ) {
+      return;
+   }
+   if ( !readFeed( moved ) ) {
+      // Lapped while copying: any key may be there twice. Inserting drops
+      // the doubles; the first dispatch() resyncs (cursor_ is still behind).
+      seedByInsertion( from );
+      return;
+   }
+   for ( const Key& k : moved ) {
+      while ( replica_.remove( k ) ) {
+      }
+      try {
+         if ( sharedState( k, r ) ) {
+            replica_.write( r );
+         }
+      } catch ( const Fable::CorruptionDetectedException& ) {
+         // Left out: the takeover's resync reports it if it is there.
+      }
+   }
+}
+
+// The slow way, for a generation of an unexpected size or a copy the writer
+// lapped: one insert per live slot, which never keeps a key twice.
+template< class Record >
+void Reader< Record >::seedByInsertion( const internal::SlotArray& from ) {
+   clearReplica();
+   auto ctx = stuckContext();
+   Record r;
+   for ( uint32_t i = 0; i < from.slotCount(); ++i ) {
+      try {
+         if ( Ops::read( from, i, r, ctx ) == internal::slotLive ) {
+            replica_.write( r );
+         }
+      } catch ( const Fable::CorruptionDetectedException& ) {
+      }
+   }
 }
 
 template< class Record >
@@ -727,8 +857,52 @@ const internal::SlotArray* Reader< Record >::remap() const {
    }
 }
 
+// ---- the delivered state
+
 template< class Record >
 Record Reader< Record >::lookup( const Key& k ) const {
+   return replica_.lookup( k );
+}
+
+template< class Record >
+bool Reader< Record >::contains( const Key& k ) const {
+   return replica_.contains( k );
+}
+
+template< class Record >
+uint32_t Reader< Record >::count() const {
+   return replica_.count();
+}
+
+template< class Record >
+std::optional< std::pair< Record, Hint > > Reader< Record >::next( Hint from ) const {
+   return replica_.next( from );
+}
+
+template< class Record >
+void Reader< Record >::lookupBatch( const Key* keys, Record* out, size_t n ) const {
+   probeBatch( replica_.table_, keys, out, n, default_, stuckContext() );
+}
+
+template< class Record >
+bool Reader< Record >::deliveredState( const Key& k, Record& out ) const {
+   auto f = Ops::find( replica_.table_, k, path_, corruptionHandler_ );
+   if ( f.present ) {
+      out = Ops::recordAt( replica_.table_, f.slot );
+   }
+   return f.present;
+}
+
+// ---- shared memory as it is now
+
+template< class Record >
+bool Reader< Record >::sharedState( const Key& k, Record& out ) const {
+   const internal::SlotArray* t = control_ ? current() : nullptr;
+   return t && Ops::probe( *t, k, out, stuckContext() );
+}
+
+template< class Record >
+Record Reader< Record >::lookupShared( const Key& k ) const {
    const internal::SlotArray* t = current();
    Record out;
    if ( t && Ops::probe( *t, k, out, stuckContext() ) ) [[likely]] {
@@ -738,42 +912,48 @@ Record Reader< Record >::lookup( const Key& k ) const {
 }
 
 template< class Record >
-bool Reader< Record >::contains( const Key& k ) const {
+bool Reader< Record >::containsShared( const Key& k ) const {
    const internal::SlotArray* t = current();
    Record out;
    return t && Ops::probe( *t, k, out, stuckContext() );
 }
 
 template< class Record >
-void Reader< Record >::lookupBatch( const Key* keys, Record* out, size_t n ) const {
+void Reader< Record >::lookupBatchShared( const Key* keys, Record* out, size_t n ) const {
    const internal::SlotArray* t = current();
    if ( !t ) {
       std::fill( out, out + n, default_ );
       return;
    }
+   probeBatch( *t, keys, out, n, default_, stuckContext() );
+}
+
+template< class Record >
+void Reader< Record >::probeBatch( const internal::SlotArray& t, const Key* keys, Record* out,
+                                   size_t n, const Record& absent,
+                                   const internal::StuckContext& ctx ) {
    // Homes are computed `ahead` keys early and their lines prefetched, so
    // that many cache misses are in flight while earlier keys are probed.
    constexpr size_t ahead = 16;
    uint32_t homes[ ahead ];
    for ( size_t j = 0; j < std::min( ahead, n ); ++j ) {
-      homes[ j ] = t->home( keys[ j ].hash() );
-      __builtin_prefetch( t->slot( homes[ j ] ) );
+      homes[ j ] = t.home( keys[ j ].hash() );
+      __builtin_prefetch( t.slot( homes[ j ] ) );
    }
-   auto ctx = stuckContext();
    for ( size_t j = 0; j < n; ++j ) {
       uint32_t home = homes[ j % ahead ];
       if ( j + ahead < n ) {
-         homes[ j % ahead ] = t->home( keys[ j + ahead ].hash() );
-         __builtin_prefetch( t->slot( homes[ j % ahead ] ) );
+         homes[ j % ahead ] = t.home( keys[ j + ahead ].hash() );
+         __builtin_prefetch( t.slot( homes[ j % ahead ] ) );
       }
-      if ( !Ops::probeAt( *t, home, keys[ j ], out[ j ], ctx ) ) {
-         out[ j ] = default_;
+      if ( !Ops::probeAt( t, home, keys[ j ], out[ j ], ctx ) ) {
+         out[ j ] = absent;
       }
    }
 }
 
 template< class Record >
-uint32_t Reader< Record >::count() const {
+uint32_t Reader< Record >::countShared() const {
    const internal::SlotArray* t = current();
    if ( !t ) {
       return 0;
@@ -788,7 +968,7 @@ uint32_t Reader< Record >::count() const {
 }
 
 template< class Record >
-std::optional< std::pair< Record, Hint > > Reader< Record >::next( Hint from ) const {
+std::optional< std::pair< Record, Hint > > Reader< Record >::nextShared( Hint from ) const {
    const internal::SlotArray* t = current();
    // An iteration finishes on the generation it began on: the mapping
    // outlives the file, and the writer no longer changes it. Resuming on a
@@ -859,34 +1039,15 @@ int Reader< Record >::fd() const {
    return notifier_->fd();
 }
 
-template< class Record >
-typename Reader< Record >::KeySet Reader< Record >::presentKeys() const {
-   KeySet keys;
-   const internal::SlotArray* t = current();
-   if ( !t ) {
-      return keys;
-   }
-   auto ctx = stuckContext();
-   Record r;
-   for ( uint32_t i = 0; i < t->slotCount(); ++i ) {
-      try {
-         if ( Ops::read( *t, i, r, ctx ) == internal::slotLive ) {
-            keys.insert( r.key() );
-         }
-      } catch ( const Fable::CorruptionDetectedException& ) {
-         // A slot its dead writer left mid-update, already reported to the
-         // handler; the rest of the table is still worth announcing.
-      }
-   }
-   return keys;
-}
+// ---- delivery
 
 template< class Record >
 bool Reader< Record >::readFeed( std::vector< Key >& keys ) {
    uint64_t head = control_->header().feedHead.load( std::memory_order_acquire );
    // A head seen moving backwards is damage or a new writer: never wait for
-   // it to come back to the cursor.
-   if ( notifier_->feedRewound() || head < cursor_ || head - cursor_ > control_->feedCapacity() ) {
+   // it to come back to the cursor. (The seed at mount runs before the
+   // notifier exists, from a cursor it has just read.)
+   if ( ( notifier_ && notifier_->feedRewound() ) || head < cursor_ || head - cursor_ > control_->feedCapacity() ) {
       return false;
    }
    for ( uint64_t seq = cursor_; seq < head; ++seq ) {
@@ -900,9 +1061,31 @@ bool Reader< Record >::readFeed( std::vector< Key >& keys ) {
    return true;
 }
 
-// The table's files were removed (and maybe created anew) under us: what it
-// held is gone, so every key told so far is announced again, and the reader
-// follows whatever table now bears the name, from a full pass.
+// Compares k's state in shared memory (`now`, null: absent) with the one
+// delivered, and queues k with its new state if they differ. A key noted
+// again in the same gather (repeated in the feed, or moved under a pass)
+// keeps its first place and takes the later state; if that is the delivered
+// one after all, nothing is reported.
+template< class Record >
+void Reader< Record >::note( Changes& changes, const Key& k, const Record* now ) const {
+   Record mine;
+   bool had = deliveredState( k, mine );
+   bool differs = had != ( now != nullptr ) ||
+                  ( had && std::memcmp( static_cast< const void* >( &mine ),
+                                        static_cast< const void* >( now ), sizeof( Record ) ) != 0 );
+   Event e{ differs ? Event::changed : Event::none, k, {}, now != nullptr, now ? *now : default_ };
+   auto it = changes.queued.find( k );
+   if ( it != changes.queued.end() ) {
+      changes.events[ it->second ] = e;
+   } else if ( differs ) {
+      changes.queued.emplace( k, changes.events.size() );
+      changes.events.push_back( e );
+   }
+}
+
+// The table's files were removed (and maybe created anew) under us: the
+// reader follows whatever table now bears the name, from a full pass (which,
+// with no table, reports every delivered key removed).
 template< class Record >
 void Reader< Record >::remount() {
    control_.reset();
@@ -911,69 +1094,123 @@ void Reader< Record >::remount() {
    iterating_.clear();
    synced_ = false;
    notifier_->reopen();
-   pending_.push_back( { Event::quiescedTrue, {}, {} } );
-   for ( const Key& k : known_ ) {
-      pending_.push_back( { Event::changed, k, {} } );
+}
+
+// Every difference between shared memory and the delivered state, both ways.
+// The head is read before the pass, so a change made during it is compared
+// again next time; nothing moves until the pass has succeeded.
+template< class Record >
+void Reader< Record >::resync( Changes& changes ) {
+   uint64_t head = control_ ? control_->header().feedHead.load( std::memory_order_acquire ) : 0;
+   const internal::SlotArray* t = control_ ? current() : nullptr;
+   Record r;
+   if ( t ) {
+      // Nothing in this loop remaps: t stays valid throughout.
+      const internal::SlotArray& shared = *t;
+      auto ctx = stuckContext();
+      for ( uint32_t i = 0; i < shared.slotCount(); ++i ) {
+         try {
+            if ( Ops::read( shared, i, r, ctx ) == internal::slotLive ) {
+               note( changes, r.key(), &r );
+            }
+         } catch ( const Fable::CorruptionDetectedException& ) {
+            // A slot its dead writer left mid-update, already reported to
+            // the handler; the rest of the table is still worth comparing.
+         }
+      }
    }
-   pending_.push_back( { Event::quiescedFalse, {}, {} } );
-   known_.clear();
+   // Delivered keys the pass did not queue: gone, or passed over while they
+   // moved; a probe tells which.
+   const internal::SlotArray& mine = replica_.table_;
+   for ( uint32_t i = 0; i < mine.slotCount(); ++i ) {
+      if ( ( mine.word( i ).load( std::memory_order_relaxed ) & 3 ) != internal::slotLive ) {
+         continue;
+      }
+      Key k = Ops::recordAt( mine, i ).key();
+      if ( changes.queued.count( k ) ) {
+         continue;
+      }
+      try {
+         note( changes, k, sharedState( k, r ) ? &r : nullptr );
+      } catch ( const Fable::CorruptionDetectedException& ) {
+         // Left as delivered: a lookup of it reports the damage.
+      }
+   }
+   cursor_ = head;
+   synced_ = control_ != nullptr;
+   pending_.push_back( { Event::quiescedTrue, {}, {}, false, default_ } );
+   for ( const Event& e : changes.events ) {
+      pending_.push_back( e );
+   }
+   pending_.push_back( { Event::quiescedFalse, {}, {}, false, default_ } );
 }
 
 template< class Record >
 void Reader< Record >::gather() {
    MountStatus status = mountStatus();
+   bool replaced = false;
    if ( control_ && status != MountStatus::mounted && control_->replaced() ) {
       remount();
       status = mountStatus();
+      replaced = true;
    }
    if ( status != reportedStatus_ ) {
       reportedStatus_ = status;
-      pending_.push_back( { Event::mountStatus, {}, status } );
+      pending_.push_back( { Event::mountStatus, {}, status, false, default_ } );
    }
-   if ( !control_ ) {
+   if ( !control_ && !replaced ) {
       return;
    }
+   Changes changes;
    std::vector< Key > keys;
-   if ( synced_ && readFeed( keys ) ) {
+   if ( control_ && synced_ && readFeed( keys ) ) {
       // One callback per changed key, in the order of first change.
-      KeySet seen;
+      Record r;
       for ( const Key& k : keys ) {
-         if ( !seen.insert( k ).second ) {
-            continue;
-         }
-         bool present = true;
          try {
-            present = contains( k );
+            note( changes, k, sharedState( k, r ) ? &r : nullptr );
          } catch ( const Fable::CorruptionDetectedException& ) {
-            // Reported to the handler; the key is still announced, and a
-            // lookup of it reports the damage to whoever asks.
+            // Reported to the handler; the key stays as delivered, and a
+            // shared lookup of it reports the damage to whoever asks.
          }
-         if ( present ) {
-            known_.insert( k );
-         } else {
-            known_.erase( k );
-         }
-         pending_.push_back( { Event::changed, k, {} } );
+      }
+      for ( const Event& e : changes.events ) {
+         pending_.push_back( e );
       }
       return;
    }
-   // Resync. The head is read before the pass, so a change made during it is
-   // announced again next time; nothing moves until the pass has succeeded.
-   uint64_t head = control_->header().feedHead.load( std::memory_order_acquire );
-   KeySet present = presentKeys();
-   cursor_ = head;
-   pending_.push_back( { Event::quiescedTrue, {}, {} } );
-   for ( const Key& k : present ) {
-      pending_.push_back( { Event::changed, k, {} } );
-   }
-   for ( const Key& k : known_ ) {
-      if ( !present.count( k ) ) {
-         pending_.push_back( { Event::changed, k, {} } );
+   resync( changes );
+}
+
+// Each event leaves the queue before its callback runs, and its state is
+// applied to the replica just before: a callback that throws has had its
+// event, and the rest wait for the next dispatch().
+template< class Record >
+void Reader< Record >::deliver() {
+   // Copies, so a callback may replace any hook while it runs.
+   auto onMountStatus = onMountStatus_;
+   auto onQuiesced = onQuiesced_;
+   auto onKey = onKey_;
+   while ( !pending_.empty() ) {
+      Event e = pending_.front();
+      pending_.pop_front();
+      if ( e.kind == Event::changed ) {
+         if ( e.present ) {
+            replica_.write( e.value );
+         } else {
+            replica_.remove( e.key );
+         }
+         if ( onKey ) {
+            onKey( e.key );
+         }
+      } else if ( e.kind == Event::mountStatus ) {
+         if ( onMountStatus ) {
+            onMountStatus( e.status );
+         }
+      } else if ( e.kind != Event::none && onQuiesced ) {
+         onQuiesced( e.kind == Event::quiescedTrue );
       }
    }
-   pending_.push_back( { Event::quiescedFalse, {}, {} } );
-   known_ = std::move( present );
-   synced_ = true;
 }
 
 template< class Record >
@@ -995,28 +1232,11 @@ void Reader< Record >::dispatch() {
    } rearm{ this };
 
    notifier_->drain();
+   // What a throwing callback left goes first: changes are gathered against
+   // the delivered state, so nothing may be waiting when they are.
+   deliver();
    gather();
-   // Copies, so a callback may replace any hook while it runs.
-   auto onMountStatus = onMountStatus_;
-   auto onQuiesced = onQuiesced_;
-   auto onKey = onKey_;
-   // Each event leaves the queue before its callback runs: a callback that
-   // throws has had its event, and the rest wait for the next dispatch().
-   while ( !pending_.empty() ) {
-      Event e = pending_.front();
-      pending_.pop_front();
-      if ( e.kind == Event::changed ) {
-         if ( onKey ) {
-            onKey( e.key );
-         }
-      } else if ( e.kind == Event::mountStatus ) {
-         if ( onMountStatus ) {
-            onMountStatus( e.status );
-         }
-      } else if ( onQuiesced ) {
-         onQuiesced( e.kind == Event::quiescedTrue );
-      }
-   }
+   deliver();
 }
 
 }  // namespace Lumen

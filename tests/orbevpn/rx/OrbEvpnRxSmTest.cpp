@@ -7,9 +7,14 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
+#include <map>
 #include <poll.h>
+#include <random>
+#include <set>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -255,15 +260,52 @@ char receive( int fd ) {
    return read( fd, &c, 1 ) == 1 ? c : '\0';
 }
 
+const Wire::EthAddr mac3( 0, 0x1a, 0x2b, 0x3c, 0x4d, 0x03 );
+const Vxlan::Vni vni30( 30 );
+const Vxlan::Vni vni31( 31 );
+const Vxlan::Vni vni40( 40 );
+const Vxlan::Vni quietVni( 999 );
+
 class RxCrossProcessTest : public ::testing::Test {
  protected:
-   void SetUp() override { ASSERT_TRUE( pipe( toChild_ ) == 0 && pipe( toParent_ ) == 0 ); }
+   void SetUp() override {
+      ASSERT_TRUE( pipe( toChild_ ) == 0 && pipe( toParent_ ) == 0 );
+      stop_ = static_cast< std::atomic< int >* >(
+         mmap( nullptr, sizeof( int ), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0 ) );
+      ASSERT_NE( stop_, MAP_FAILED );
+      stop_->store( 0 );
+   }
+   void TearDown() override { munmap( stop_, sizeof( int ) ); }
+
+   // Random hosts and flood entries in a few VNIs, each of which often
+   // empties, until told to stop (or orphaned); then one host in quietVni
+   // marks the end.
+   static void churn( OrbEvpn::HostTable& hosts, OrbEvpn::FloodTable& floods,
+                      std::atomic< int >& stop ) {
+      std::mt19937 rng( 17 );
+      const pid_t parent = getppid();
+      for ( uint32_t n = 1; !stop.load() && getppid() == parent; ++n ) {
+         Vxlan::Vni vni( 100 + rng() % 4 );
+         Wire::EthAddr mac( 0, 0x1a, 0x2b, 0x3c, 0x4d, uint8_t( rng() % 6 ) );
+         Wire::IpAddr vtep = Wire::IpAddr::fromOctets( 10, 0, 1, uint8_t( rng() % 3 ) );
+         switch ( rng() % 4 ) {
+          case 0: hosts.hostIs( makeHost( mac, vni, vtep, n ) ); break;
+          case 1: hosts.hostDel( MacVniPair( mac, vni ) ); break;
+          case 2: floods.floodEntryIs( FloodEntry( VniVtepPair( vni, vtep ) ) ); break;
+          default: floods.floodEntryDel( VniVtepPair( vni, vtep ) ); break;
+         }
+      }
+      hosts.hostIs( makeHost( mac1, quietVni, vtepA, 1 ) );
+   }
 
    // The EVPN side: a writer process driven step by step by the parent.
    void startWriter() {
       if ( ( pid_ = fork() ) != 0 ) {
          return;
       }
+      // A parent that dies ends the child's wait for its next step.
+      close( toChild_[ 1 ] );
+      close( toParent_[ 0 ] );
       auto dir = Mox::Dir::DirIs( "evpn" );
       auto hosts = OrbEvpn::hostTableFactory( "host" );
       auto floods = OrbEvpn::floodTableFactory( "flood" );
@@ -284,6 +326,18 @@ class RxCrossProcessTest : public ::testing::Test {
           case 'e':   // empty
             hosts->hostDelAll();
             floods->floodEntryDelAll();
+            break;
+          case 't':   // a host and a flood entry, each in a VNI of its own, come and go
+            hosts->hostIs( makeHost( mac3, vni30, vtepA, 3 ) );
+            floods->floodEntryIs( FloodEntry( VniVtepPair( vni31, vtepB ) ) );
+            hosts->hostDel( MacVniPair( mac3, vni30 ) );
+            floods->floodEntryDel( VniVtepPair( vni31, vtepB ) );
+            break;
+          case 'n':   // a host in a new VNI
+            hosts->hostIs( makeHost( mac3, vni40, vtepA, 4 ) );
+            break;
+          case 'c':   // churn until stopped
+            churn( *hosts, *floods, *stop_ );
             break;
           default:
             _exit( 91 );
@@ -320,6 +374,7 @@ class RxCrossProcessTest : public ::testing::Test {
    }
 
    LumenRoot root_;
+   std::atomic< int >* stop_ = nullptr;
    int toChild_[ 2 ], toParent_[ 2 ];
    pid_t pid_ = -1;
    Mox::Ptr< OrbEvpn::HostTable > hosts_;
@@ -363,6 +418,119 @@ TEST_F( RxCrossProcessTest, ImportFollowsAWriterInAnotherProcess ) {
    ASSERT_EQ( step( 'e' ), 'e' );
    EXPECT_TRUE( pumpUntil(
       [ & ] { return early->vniStatusV2Size() == 0 && late->vniStatusV2Size() == 0; } ) );
+   stopWriter();
+}
+
+// The machine's output equals the tables' content: every host and flood
+// entry, and nothing else.
+::testing::AssertionResult mirrors( const VniStatusDirV2& d, const OrbEvpn::HostTable& hosts,
+                                    const OrbEvpn::FloodTable& floods ) {
+   std::map< Vxlan::Vni, size_t > hostsIn, floodsIn;
+   for ( auto it = hosts.hostIterConst(); it; ++it ) {
+      const Host& h = it.value();
+      ++hostsIn[ it.key().vni() ];
+      auto s = d.vniStatusV2( it.key().vni() );
+      if ( !s || !( s->macVtepTable( it.key().macAddr() ) ==
+                    MacVtepV2( it.key().macAddr(), h.vtepAddr(), h.seqNo(), h.preference() ) ) ) {
+         return ::testing::AssertionFailure() << "host not mirrored, VNI " << it.key().vni().value();
+      }
+   }
+   for ( auto it = floods.floodEntryIterConst(); it; ++it ) {
+      ++floodsIn[ it.key().vni() ];
+      auto s = d.vniStatusV2( it.key().vni() );
+      auto list = s ? s->macVtepFloodListTable( zeroMac ) : nullptr;
+      if ( !list || !list->vtepIpFloodList( it.key().vtepAddr() ) ) {
+         return ::testing::AssertionFailure() << "flood entry not mirrored, VNI "
+                                              << it.key().vni().value();
+      }
+   }
+   std::set< Vxlan::Vni > vnis;
+   for ( const auto& [ vni, n ] : hostsIn ) {
+      vnis.insert( vni );
+      if ( d.vniStatusV2( vni )->macVtepTableSize() != n ) {
+         return ::testing::AssertionFailure() << "extra hosts in VNI " << vni.value();
+      }
+   }
+   for ( const auto& [ vni, n ] : floodsIn ) {
+      vnis.insert( vni );
+      auto list = d.vniStatusV2( vni )->macVtepFloodListTable( zeroMac );
+      if ( list->vtepIpFloodListSize() != n ) {
+         return ::testing::AssertionFailure() << "extra flood VTEPs in VNI " << vni.value();
+      }
+   }
+   if ( d.vniStatusV2Size() != vnis.size() ) {
+      return ::testing::AssertionFailure() << d.vniStatusV2Size() << " VNIs for " << vnis.size();
+   }
+   return ::testing::AssertionSuccess();
+}
+
+// Another process adds a host and a flood entry, each in a VNI with no other
+// state, and removes them before the controller's next dispatch(): nothing
+// is imported, nothing aborts. A host that arrives and is not yet dispatched
+// is not part of what cleanup() removes.
+TEST_F( RxCrossProcessTest, EntriesThatComeAndGoBetweenDispatchesNeverAbortTheImport ) {
+   hosts_ = OrbEvpn::HostTable::HostTableReaderIs( "host", "evpn/host" );
+   floods_ = OrbEvpn::FloodTable::FloodTableReaderIs( "flood", "evpn/flood" );
+   auto out = VniStatusDirV2::VniStatusDirV2Is( "out" );
+   auto sm = orbEvpnRxSmFactory( hosts_, floods_, out );
+   startWriter();
+   ASSERT_EQ( step( 'f' ), 'f' );
+   ASSERT_TRUE( pumpUntil( [ & ] { return filled( *out, vtepA, 1, 2 ); } ) );
+
+   ASSERT_EQ( step( 't' ), 't' );
+   ASSERT_EQ( step( 'u' ), 'u' );   // delivered after the transient entries
+   ASSERT_TRUE( pumpUntil( [ & ] { return filled( *out, vtepB, 7, 1 ); } ) );
+   EXPECT_FALSE( out->vniStatusV2( vni30 ) );
+   EXPECT_FALSE( out->vniStatusV2( vni31 ) );
+
+   ASSERT_EQ( step( 'n' ), 'n' );
+   sm->cleanup();
+   EXPECT_EQ( out->vniStatusV2Size(), 0u );
+   sm->initSm();
+   EXPECT_TRUE( filled( *out, vtepB, 7, 1 ) );
+   EXPECT_TRUE( pumpUntil( [ & ] { return out->vniStatusV2( vni40 ) != nullptr; } ) );
+   EXPECT_TRUE( mirrors( *out, *hosts_, *floods_ ) );
+   stopWriter();
+}
+
+// While another process churns the tables, machines are made (importing
+// what the tables have told), cleaned up (removing exactly that) and kept
+// following along; none aborts, and once the writer is quiet the follower's
+// output equals the tables, which equal shared memory.
+TEST_F( RxCrossProcessTest, ImportUnderChurnFromAnotherProcessNeverAborts ) {
+   hosts_ = OrbEvpn::HostTable::HostTableReaderIs( "host", "evpn/host" );
+   floods_ = OrbEvpn::FloodTable::FloodTableReaderIs( "flood", "evpn/flood" );
+   auto follower = VniStatusDirV2::VniStatusDirV2Is( "follower" );
+   auto sm = orbEvpnRxSmFactory( hosts_, floods_, follower );
+   startWriter();
+   ASSERT_EQ( step( 'f' ), 'f' );
+   send( toChild_[ 1 ], 'c' );
+   for ( int round = 0; round < 300; ++round ) {
+      pollfd fds[] = { { hosts_->fd(), POLLIN, 0 }, { floods_->fd(), POLLIN, 0 } };
+      poll( fds, 2, 1 );
+      hosts_->dispatch();
+      floods_->dispatch();
+      auto dir = VniStatusDirV2::VniStatusDirV2Is( "passing" );
+      auto passing = orbEvpnRxSmFactory( hosts_, floods_, dir );
+      ASSERT_TRUE( mirrors( *dir, *hosts_, *floods_ ) ) << "round " << round;
+      passing->cleanup();
+      ASSERT_EQ( dir->vniStatusV2Size(), 0u ) << "round " << round;
+      if ( round % 50 == 0 ) {
+         sm->cleanup();
+         sm->initSm();
+      }
+   }
+   stop_->store( 1 );
+   ASSERT_EQ( receive( toParent_[ 0 ] ), 'c' );
+   ASSERT_TRUE( pumpUntil( [ & ] { return follower->vniStatusV2( quietVni ) != nullptr; } ) );
+   EXPECT_TRUE( mirrors( *follower, *hosts_, *floods_ ) );
+   // What the tables told is what shared memory holds: a table mounted now
+   // starts from it.
+   auto freshHosts = OrbEvpn::HostTable::HostTableReaderIs( "fresh", "evpn/host" );
+   auto freshFloods = OrbEvpn::FloodTable::FloodTableReaderIs( "freshFlood", "evpn/flood" );
+   EXPECT_TRUE( mirrors( *follower, *freshHosts, *freshFloods ) );
+   EXPECT_EQ( freshHosts->hosts(), hosts_->hosts() );
+   EXPECT_EQ( freshFloods->floodEntries(), floods_->floodEntries() );
    stopWriter();
 }
 

@@ -86,13 +86,13 @@ TEST( LumenChurn, RandomChurnMatchesTheOracleWhileAnotherProcessReads ) {
       Lumen::Reader< HostRec > r( "/churn/random" );
       auto until = std::chrono::steady_clock::now() + std::chrono::seconds( 600 );
       while ( std::chrono::steady_clock::now() < until ) {
-         for ( auto e = r.next(); e; e = r.next( e->second ) ) {
+         for ( auto e = r.nextShared(); e; e = r.nextShared( e->second ) ) {
             if ( !e->first.consistent() ) {
                return 1;
             }
          }
          for ( uint32_t n = 0; n < 64; ++n ) {
-            HostRec h = r.lookup( MacKey::of( n ) );
+            HostRec h = r.lookupShared( MacKey::of( n ) );
             if ( !( h == HostRec{} ) && !h.consistent() ) {
                return 2;
             }

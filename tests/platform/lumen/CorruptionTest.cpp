@@ -58,7 +58,7 @@ TEST_F( LumenCorruption, DamagedSegmentsAreDetected ) {
       bool inData;
       std::function< void ( uint8_t* ) > edit;
       std::string what;
-      Op op = []( auto& r ) { r.lookup( MacKey::of( 777 ) ); };
+      Op op = []( auto& r ) { r.lookupShared( MacKey::of( 777 ) ); };
    };
    std::vector< Case > cases = {
       { false, []( uint8_t* p ) { p[ 0 ] ^= 0xff; }, "bad control magic" },
@@ -66,10 +66,10 @@ TEST_F( LumenCorruption, DamagedSegmentsAreDetected ) {
       { false, [ & ]( uint8_t* p ) { ctl( p )->feedCapacity = 1u << 20; }, "feed of 1048576 entries" },
       { false, [ & ]( uint8_t* p ) { ctl( p )->generation = 42; }, "segment of generation 42 is missing" },
       { true, [ & ]( uint8_t* p ) { dat( p )->slotCount = 1u << 28; }, "slots of 32 bytes do not fit" },
-      { true, [ & ]( uint8_t* p ) { dat( p )->count = 1u << 30; }, "exceeds", []( auto& r ) { r.count(); } },
+      { true, [ & ]( uint8_t* p ) { dat( p )->count = 1u << 30; }, "exceeds", []( auto& r ) { r.countShared(); } },
       // Counts the slots could hold, but the writer never leaves.
       { true, [ & ]( uint8_t* p ) { dat( p )->count = dat( p )->capacity + 1; }, "exceeds capacity",
-        []( auto& r ) { r.count(); } },
+        []( auto& r ) { r.countShared(); } },
       { true, [ & ]( uint8_t* p ) { dat( p )->tombstones = dat( p )->slotCount; },
         "removed slots exceed" },
       // Every slot claims to be live: a probe for a missing key would circle.
@@ -107,8 +107,8 @@ TEST_F( LumenCorruption, ASparseSegmentIsRefusedBeforeAnyScan ) {
       h->capacity = slots / 2;
    } );
    ASSERT_EQ( ::truncate( data().c_str(), off_t( sizeof( li::DataHeader ) + uint64_t( slots ) * 32 ) ), 0 );
-   expectCorruption( []( auto& r ) { r.lookup( MacKey::of( 777 ) ); }, "(a sparse file)" );
-   expectCorruption( []( auto& r ) { r.next(); }, "(a sparse file)" );
+   expectCorruption( []( auto& r ) { r.lookupShared( MacKey::of( 777 ) ); }, "(a sparse file)" );
+   expectCorruption( []( auto& r ) { r.nextShared(); }, "(a sparse file)" );
    Lumen::Writer< HostRec > writer;
    EXPECT_THROW( writer.attach( "/lumen/bad" ), Fable::CorruptionDetectedException );
 
@@ -116,7 +116,7 @@ TEST_F( LumenCorruption, ASparseSegmentIsRefusedBeforeAnyScan ) {
    struct stat st {};
    ASSERT_EQ( ::stat( control().c_str(), &st ), 0 );
    ASSERT_EQ( ::truncate( control().c_str(), st.st_size + ( off_t( 1 ) << 30 ) ), 0 );
-   expectCorruption( []( auto& r ) { r.lookup( MacKey::of( 777 ) ); }, "control segment of" );
+   expectCorruption( []( auto& r ) { r.lookupShared( MacKey::of( 777 ) ); }, "control segment of" );
 }
 
 // The table's owner can truncate its files under a reader's mappings. The
@@ -157,10 +157,10 @@ TEST_F( LumenCorruption, AFileTruncatedUnderAReaderIsReportedNotFatal ) {
          for ( int round = 0; round < 3; ++round ) {
             try {
                for ( uint32_t n = 0; n < c.keys; ++n ) {
-                  reader.lookup( MacKey::of( n ) );
+                  reader.lookupShared( MacKey::of( n ) );
                }
-               reader.count();
-               for ( auto e = reader.next(); e; e = reader.next( e->second ) ) {
+               reader.countShared();
+               for ( auto e = reader.nextShared(); e; e = reader.nextShared( e->second ) ) {
                }
                reader.dispatch();
             } catch ( const Fable::CorruptionDetectedException& e ) {
@@ -247,14 +247,19 @@ TEST_F( LumenCorruption, RandomBytesNeverCrashAReader ) {
       }
       try {
          Lumen::Reader< HostRec > reader( "/lumen/bad" );
+         reader.dispatch();
          for ( uint32_t n = 0; n < 50; ++n ) {
             reader.lookup( MacKey::of( n ) );
+            reader.lookupShared( MacKey::of( n ) );
          }
          reader.count();
+         reader.countShared();
          int steps = 0;
          for ( auto e = reader.next(); e && ++steps < 5000; e = reader.next( e->second ) ) {
          }
-         reader.dispatch();
+         steps = 0;
+         for ( auto e = reader.nextShared(); e && ++steps < 5000; e = reader.nextShared( e->second ) ) {
+         }
       } catch ( const Fable::CorruptionDetectedException& ) {
          ++reported;
       }
@@ -280,10 +285,10 @@ TEST_F( LumenCorruption, SlotStuckBusyUnderALiveWriterIsReported ) {
          }
       }
    } );
-   for ( const Op& op : { Op( [ & ]( auto& r ) { r.lookup( k ); } ),
-                          Op( [ & ]( auto& r ) { r.contains( k ); } ),
-                          Op( [ & ]( auto& r ) { HostRec out[ 1 ]; r.lookupBatch( &k, out, 1 ); } ),
-                          Op( []( auto& r ) { for ( auto e = r.next(); e; e = r.next( e->second ) ) {} } ) } ) {
+   for ( const Op& op : { Op( [ & ]( auto& r ) { r.lookupShared( k ); } ),
+                          Op( [ & ]( auto& r ) { r.containsShared( k ); } ),
+                          Op( [ & ]( auto& r ) { HostRec out[ 1 ]; r.lookupBatchShared( &k, out, 1 ); } ),
+                          Op( []( auto& r ) { for ( auto e = r.nextShared(); e; e = r.nextShared( e->second ) ) {} } ) } ) {
       expectCorruption( op, fmt::format( "slot {} was left mid-update (it stayed busy too long)", stuck ) );
    }
    EXPECT_EQ( Lumen::Reader< HostRec >( "/lumen/bad" ).lookup( MacKey::of( 6 ) ), HostRec::of( 6, 6 ) );
@@ -346,7 +351,7 @@ TEST( LumenStuckSlot, AHealthyWriterThreadOfABusyProcessIsNeverReportedStuck ) {
       auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds( 3 );
       while ( std::chrono::steady_clock::now() < deadline ) {
          try {
-            reader.lookup( MacKey::of( 1 ) );
+            reader.lookupShared( MacKey::of( 1 ) );
          } catch ( const Fable::CorruptionDetectedException& e ) {
             std::fprintf( stderr, "%s\n", e.what() );
             return 1;

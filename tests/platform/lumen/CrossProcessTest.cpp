@@ -10,6 +10,8 @@
 #include <fstream>
 #include <iterator>
 #include <chrono>
+#include <map>
+#include <memory>
 #include <random>
 #include <optional>
 #include <set>
@@ -72,24 +74,34 @@ void tornReadStress( uint32_t hot, bool churn, uint32_t changes ) {
       auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds( 60 );
       while ( seen < changes && bad == 0 && std::chrono::steady_clock::now() < deadline ) {
          for ( uint32_t n = 0; n < hot; ++n ) {
-            check( n, reader.lookup( MacKey::of( n ) ) );
+            check( n, reader.lookupShared( MacKey::of( n ) ) );
             keys[ n ] = MacKey::of( n );
          }
-         reader.lookupBatch( keys.data(), batch.data(), hot );
+         reader.lookupBatchShared( keys.data(), batch.data(), hot );
          for ( uint32_t n = 0; n < hot; ++n ) {
             check( n, batch[ n ] );
          }
          Lumen::Hint h;
-         while ( auto e = reader.next( h ) ) {
+         while ( auto e = reader.nextShared( h ) ) {
             bad += !e->first.consistent();
             h = e->second;
          }
+         // The delivered state is copied from the same slots: whole too.
          reader.dispatch();
+         for ( uint32_t n = 0; n < hot; ++n ) {
+            R r = reader.lookup( MacKey::of( n ) );
+            bad += !( r == R{} ) && !( r.key() == MacKey::of( n ) && r.consistent() );
+         }
       }
       return bad != 0 ? 1 : seen < changes ? 2 : 0;
    } );
    std::mt19937 rng( 6 );
+   // A reader killed by a signal never sets `stop`: look for its exit too.
+   int status = -1;
    for ( uint32_t counter = 1; !stop->load(); ++counter ) {
+      if ( counter % 4096 == 0 && ::waitpid( child, &status, WNOHANG ) == child ) {
+         break;
+      }
       writer.write( R::of( counter % hot, counter ) );
       if ( churn ) {
          bool growing = ( counter / 20000 ) % 2 == 0;
@@ -101,7 +113,9 @@ void tornReadStress( uint32_t hot, bool churn, uint32_t changes ) {
          }
       }
    }
-   EXPECT_EQ( waitChild( child ), 0 ) << "1: torn or foreign records; 2: writer never overlapped";
+   int code = status != -1 ? ( WIFEXITED( status ) ? WEXITSTATUS( status ) : 128 + WTERMSIG( status ) )
+                           : waitChild( child );
+   EXPECT_EQ( code, 0 ) << "1: torn or foreign records; 2: writer never overlapped";
    ::munmap( stop, sizeof( int ) );
    writer.sanityCheck();
 }
@@ -154,8 +168,7 @@ TEST( LumenCrossProcess, OneLiveWriterAndAKilledOneIsTakenOver ) {
       }
       return 0;
    } );
-   // Statuses are reported by dispatch(), so wait for one made while the
-   // writer lives, not only for the count (which reads the table directly).
+   // Statuses and content both arrive by dispatch().
    ASSERT_TRUE( dispatchUntil( reader, [ & ] { return reader.count() > 300 && !statuses.empty(); } ) );
    expectRefused( child );
    ::usleep( 20000 );
@@ -163,13 +176,13 @@ TEST( LumenCrossProcess, OneLiveWriterAndAKilledOneIsTakenOver ) {
    EXPECT_EQ( waitChild( child ), 128 + SIGKILL );
    ASSERT_TRUE( dispatchUntil( reader, [ & ] { return statuses.size() >= 2; } ) );
    EXPECT_EQ( statuses, ( std::vector< MountStatus >{ MountStatus::mounted, MountStatus::writerGone } ) );
-   uint32_t left = reader.count();
+   uint32_t left = reader.countShared();
    // Every record read is whole. The writer may have died changing one slot:
    // probes that meet it report that one slot instead of spinning on it.
    std::set< std::string > reported;
    for ( uint32_t n = 0; n < 500; ++n ) {
       try {
-         HostRec r = reader.lookup( MacKey::of( n ) );
+         HostRec r = reader.lookupShared( MacKey::of( n ) );
          EXPECT_TRUE( r == HostRec{} || r.consistent() ) << n;
       } catch ( const Fable::CorruptionDetectedException& e ) {
          EXPECT_NE( std::string( e.what() ).find( "left mid-update (its writer is gone)" ),
@@ -501,4 +514,147 @@ TEST( LumenCrossProcess, AFallbackReaderKilledAsleepStopsCostingTheWriter ) {
    EXPECT_NE( wake->seq.load(), seq );
    ::munmap( wake, li::wakeSegmentSize );
    Lumen::rootIs( base.dir() );
+}
+
+// A key another process adds and removes between two dispatches is never
+// reported and never visible; a key added meanwhile that stays is reported.
+TEST( LumenCrossProcess, AKeyThatComesAndGoesBetweenDispatchesIsNeverReported ) {
+   LumenRoot root;
+   Pipe toChild, toParent;
+   pid_t child = startChild( [ & ] {
+      Lumen::Writer< HostRec > writer;
+      writer.attach( "/lumen/transient" );
+      for ( uint32_t n = 0; n < 5; ++n ) {
+         writer.write( HostRec::of( n, 1 ) );
+      }
+      toParent.signal();
+      toChild.wait();
+      writer.write( HostRec::of( 100, 1 ) );
+      toParent.signal();
+      toChild.wait();
+      writer.remove( MacKey::of( 100 ) );
+      writer.write( HostRec::of( 5, 1 ) );
+      toParent.signal();
+      toChild.wait();
+      return 0;
+   } );
+   ASSERT_TRUE( toParent.wait() );
+   Lumen::Reader< HostRec > reader( "/lumen/transient" );
+   std::vector< MacKey > keys;
+   reader.onKeyIs( [ & ]( const MacKey& k ) { keys.push_back( k ); } );
+   ASSERT_EQ( reader.count(), 5u );
+   toChild.signal();
+   ASSERT_TRUE( toParent.wait() );
+   ASSERT_TRUE( reader.containsShared( MacKey::of( 100 ) ) );
+   EXPECT_FALSE( reader.contains( MacKey::of( 100 ) ) );
+   EXPECT_EQ( reader.lookup( MacKey::of( 100 ) ), HostRec{} );
+   EXPECT_EQ( reader.count(), 5u );
+   toChild.signal();
+   ASSERT_TRUE( toParent.wait() );
+   ASSERT_TRUE( dispatchUntil( reader, [ & ] { return reader.contains( MacKey::of( 5 ) ); } ) );
+   EXPECT_EQ( keys, std::vector< MacKey >{ MacKey::of( 5 ) } );
+   EXPECT_FALSE( reader.contains( MacKey::of( 100 ) ) );
+   toChild.signal();
+   EXPECT_EQ( waitChild( child ), 0 );
+}
+
+// Readers mounted while another process churns (keys removed and put back,
+// so they move into earlier tombstones; growth and shrink; a feed small
+// enough to lap a mount's copy) start from a state without doubles or torn
+// records, and once the writer stops, every one of them, and what its
+// consumer was told, equals the table.
+TEST( LumenCrossProcess, ReadersMountedUnderChurnConvergeOnTheTable ) {
+   LumenRoot root;
+   constexpr uint32_t keys = 3000;
+   constexpr uint32_t done = 999999;
+   Pipe ready;
+   auto* stop = static_cast< std::atomic< int >* >(
+      ::mmap( nullptr, sizeof( int ), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0 ) );
+   stop->store( 0 );
+   pid_t child = startChild( [ & ] {
+      Lumen::Writer< HostRec > writer( HostRec{}, { 64, 1u << 20, 64 } );
+      writer.attach( "/lumen/mounting" );
+      std::mt19937 rng( 21 );
+      for ( uint32_t n = 0; n < keys; n += 2 ) {
+         writer.write( HostRec::of( n, 1 ) );
+      }
+      ready.signal();
+      const pid_t parent = ::getppid();
+      for ( uint32_t step = 1; ( !stop->load() || step < 100000 ) && ::getppid() == parent; ++step ) {
+         // Swings between about a sixth and five sixths of the keys present.
+         uint32_t n = rng() % keys;
+         bool growing = ( step / 50000 ) % 2 == 0;
+         if ( writer.contains( MacKey::of( n ) ) && rng() % 6 < ( growing ? 1u : 5u ) ) {
+            writer.remove( MacKey::of( n ) );
+            if ( rng() % 2 ) {
+               writer.write( HostRec::of( n, step ) );   // moves to an earlier tombstone, if any
+            }
+         } else {
+            writer.write( HostRec::of( n, step ) );
+         }
+      }
+      writer.write( HostRec::of( done, 1 ) );
+      return 0;
+   } );
+   ASSERT_TRUE( ready.wait() );
+   struct Consumer {
+      std::unique_ptr< Lumen::Reader< HostRec > > reader;
+      std::map< MacKey, HostRec > held;
+   };
+   std::vector< std::unique_ptr< Consumer > > kept;
+   int mounts = 0;
+   bool finished = false;
+   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds( 120 );
+   while ( !finished ) {
+      ASSERT_LT( std::chrono::steady_clock::now(), deadline ) << "the writer never finished";
+      auto c = std::make_unique< Consumer >();
+      c->reader = std::make_unique< Lumen::Reader< HostRec > >( "/lumen/mounting" );
+      if ( ++mounts == 150 ) {
+         stop->store( 1 );
+      }
+      finished = c->reader->contains( MacKey::of( done ) );
+      std::set< MacKey > seen;
+      for ( auto e = c->reader->next(); e; e = c->reader->next( e->second ) ) {
+         ASSERT_TRUE( e->first.consistent() );
+         ASSERT_TRUE( seen.insert( e->first.key() ).second ) << "a key mounted twice, mount " << mounts;
+         c->held[ e->first.key() ] = e->first;
+      }
+      ASSERT_EQ( seen.size(), c->reader->count() );
+      Consumer* raw = c.get();
+      c->reader->onKeyIs( [ raw ]( const MacKey& k ) {
+         if ( raw->reader->contains( k ) ) {
+            raw->held[ k ] = raw->reader->lookup( k );
+         } else {
+            raw->held.erase( k );
+         }
+      } );
+      if ( mounts % 10 == 0 || kept.size() < 4 ) {
+         if ( kept.size() == 4 ) {
+            kept.erase( kept.begin() );
+         }
+         kept.push_back( std::move( c ) );
+      }
+      for ( auto& k : kept ) {
+         k->reader->dispatch();
+      }
+   }
+   EXPECT_EQ( waitChild( child ), 0 );
+   std::map< MacKey, HostRec > table;
+   Lumen::Reader< HostRec > last( "/lumen/mounting" );
+   for ( auto e = last.nextShared(); e; e = last.nextShared( e->second ) ) {
+      table[ e->first.key() ] = e->first;
+   }
+   ASSERT_TRUE( table.count( MacKey::of( done ) ) );
+   for ( auto& c : kept ) {
+      ASSERT_TRUE( dispatchUntil( *c->reader, [ & ] { return c->reader->contains( MacKey::of( done ) ); } ) );
+      std::map< MacKey, HostRec > delivered;
+      for ( auto e = c->reader->next(); e; e = c->reader->next( e->second ) ) {
+         delivered[ e->first.key() ] = e->first;
+      }
+      EXPECT_EQ( delivered, table );
+      EXPECT_EQ( c->held, table );
+      EXPECT_EQ( c->reader->count(), table.size() );
+   }
+   EXPECT_GE( mounts, 150 );
+   ::munmap( stop, sizeof( int ) );
 }

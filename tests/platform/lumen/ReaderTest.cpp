@@ -9,6 +9,7 @@
 #include <map>
 #include <set>
 #include <stdexcept>
+#include <tuple>
 #include <utility>
 
 using namespace LumenTest;
@@ -25,23 +26,34 @@ TEST( LumenReader, LappedReaderResynchronisesAcrossGrowthAndShrink ) {
    std::vector< bool > quiesced;
    reader.onKeyIs( [ & ]( const MacKey& k ) { keys.push_back( k ); } );
    reader.onQuiescedIs( [ & ]( bool q ) { quiesced.push_back( q ); } );
+   // Once everything is delivered, both views agree with the writer.
    auto expectSameState = [ & ] {
       EXPECT_EQ( reader.count(), writer.count() );
+      EXPECT_EQ( reader.countShared(), writer.count() );
       std::vector< MacKey > all;
       for ( uint32_t n = 0; n < 1400; ++n ) {
          all.push_back( MacKey::of( n ) );
       }
-      std::vector< HostRec > batch( all.size() );
+      std::vector< HostRec > batch( all.size() ), shared( all.size() );
       reader.lookupBatch( all.data(), batch.data(), all.size() );
+      reader.lookupBatchShared( all.data(), shared.data(), all.size() );
       for ( uint32_t n = 0; n < 1400; ++n ) {
          ASSERT_EQ( reader.lookup( all[ n ] ), writer.lookup( all[ n ] ) ) << n;
+         ASSERT_EQ( reader.lookupShared( all[ n ] ), writer.lookup( all[ n ] ) ) << n;
          ASSERT_EQ( batch[ n ], writer.lookup( all[ n ] ) ) << n;
+         ASSERT_EQ( shared[ n ], writer.lookup( all[ n ] ) ) << n;
       }
+      uint32_t iterated = 0;
+      for ( auto e = reader.next(); e; e = reader.next( e->second ) ) {
+         ASSERT_EQ( e->first, writer.lookup( e->first.key() ) );
+         ++iterated;
+      }
+      EXPECT_EQ( iterated, writer.count() );
    };
    std::map< MacKey, int > visits;
    Lumen::Hint h;
    for ( int i = 0; i < 20; ++i ) {
-      auto e = reader.next( h );
+      auto e = reader.nextShared( h );
       ASSERT_TRUE( e );
       ++visits[ e->first.key() ];
       h = e->second;
@@ -49,8 +61,8 @@ TEST( LumenReader, LappedReaderResynchronisesAcrossGrowthAndShrink ) {
 
    // Far more changes than the 8-entry feed holds: removals of keys the reader
    // knew, growth through several generations halfway through its iteration
-   // (with lookups between them, which map the newer ones), keys that come
-   // and go unseen, then a shrink.
+   // of shared memory (with shared lookups between them, which map the newer
+   // ones), keys that come and go unseen, then a shrink.
    uint32_t initial = writer.capacity();
    for ( uint32_t n = 0; n < 60; n += 2 ) {
       writer.remove( MacKey::of( n ) );
@@ -58,12 +70,13 @@ TEST( LumenReader, LappedReaderResynchronisesAcrossGrowthAndShrink ) {
    for ( uint32_t n = 1000; n < 1400; ++n ) {
       writer.write( HostRec::of( n, 1 ) );
       if ( n % 64 == 0 ) {
-         EXPECT_EQ( reader.lookup( MacKey::of( n ) ), HostRec::of( n, 1 ) );
+         EXPECT_EQ( reader.lookupShared( MacKey::of( n ) ), HostRec::of( n, 1 ) );
+         EXPECT_FALSE( reader.contains( MacKey::of( n ) ) ) << "an undelivered key is visible";
       }
    }
    uint32_t grown = writer.capacity();
    ASSERT_GT( grown, initial );
-   while ( auto e = reader.next( h ) ) {
+   while ( auto e = reader.nextShared( h ) ) {
       ++visits[ e->first.key() ];
       h = e->second;
    }
@@ -80,23 +93,31 @@ TEST( LumenReader, LappedReaderResynchronisesAcrossGrowthAndShrink ) {
    writer.write( HostRec::of( 1399, 3 ) );
    EXPECT_LT( writer.capacity(), grown );
    writer.sanityCheck();
+   EXPECT_EQ( reader.count(), 60u ) << "the delivered state moved before dispatch()";
 
+   // Exactly the keys whose state differs from the delivered one: the removed
+   // even ones, the rewritten 1, and the new keys still there; not the odd
+   // ones left alone, nor the ones that came and went.
    reader.dispatch();
    EXPECT_EQ( quiesced, ( std::vector< bool >{ true, false } ) );
    std::set< MacKey > expected;
-   for ( uint32_t n = 0; n < 60; ++n ) {
-      expected.insert( MacKey::of( n ) );   // present ones and removed ones
+   for ( uint32_t n = 0; n < 60; n += 2 ) {
+      expected.insert( MacKey::of( n ) );
    }
-   for ( auto e = writer.next(); e; e = writer.next( e->second ) ) {
-      expected.insert( e->first.key() );
+   expected.insert( MacKey::of( 1 ) );
+   for ( uint32_t n = 1000; n < 1400; n += 50 ) {
+      expected.insert( MacKey::of( n ) );
    }
+   expected.insert( MacKey::of( 1399 ) );
    EXPECT_EQ( std::set< MacKey >( keys.begin(), keys.end() ), expected );
+   EXPECT_EQ( keys.size(), expected.size() );
    expectSameState();
 
    // Back on the feed: no second resync; one callback per key, coalesced, in
-   // order of first change; removing an absent key is not announced. A hook
-   // may change the table, re-enter dispatch() (ignored: the next one brings
-   // the change) and replace itself, from the next dispatch() on.
+   // order of first change; removing an absent key is not announced, nor is
+   // a rewrite with the same record. A hook may change the table, re-enter
+   // dispatch() (ignored: the next one brings the change) and replace
+   // itself, from the next dispatch() on.
    keys.clear();
    quiesced.clear();
    std::vector< MacKey > later;
@@ -105,6 +126,7 @@ TEST( LumenReader, LappedReaderResynchronisesAcrossGrowthAndShrink ) {
       writer.write( HostRec::of( 8, 1 ) );
       reader.dispatch();
       EXPECT_EQ( reader.lookup( k ), writer.lookup( k ) );
+      EXPECT_FALSE( reader.contains( MacKey::of( 8 ) ) ) << "an undelivered write is visible";
       reader.onKeyIs( [ & ]( const MacKey& m ) { later.push_back( m ); } );
    } );
    writer.write( HostRec::of( 3, 1 ) );
@@ -112,14 +134,122 @@ TEST( LumenReader, LappedReaderResynchronisesAcrossGrowthAndShrink ) {
    writer.write( HostRec::of( 3, 2 ) );
    writer.remove( MacKey::of( 5 ) );
    writer.remove( MacKey::of( 99 ) );
+   writer.write( HostRec::of( 7, 0 ) );   // as it was
    ASSERT_TRUE( readable( reader.fd(), 2000 ) );
    reader.dispatch();
    EXPECT_TRUE( quiesced.empty() );
    EXPECT_EQ( keys, ( std::vector< MacKey >{ MacKey::of( 3 ), MacKey::of( 1 ), MacKey::of( 5 ) } ) );
-   expectSameState();
    writer.write( HostRec::of( 7, 1 ) );
    reader.dispatch();
    EXPECT_EQ( later, ( std::vector< MacKey >{ MacKey::of( 8 ), MacKey::of( 7 ) } ) );
+   expectSameState();
+}
+
+// Between two dispatches the reader answers from the state it delivered, and
+// a callback sees its own key's new state but not a later key's.
+TEST( LumenReader, ReadsBetweenDispatchesSeeOnlyWhatWasDelivered ) {
+   LumenRoot root;
+   Lumen::Writer< HostRec > writer;
+   writer.attach( "/lumen/delivered" );
+   for ( uint32_t n = 0; n < 10; ++n ) {
+      writer.write( HostRec::of( n, 1 ) );
+   }
+   Lumen::Reader< HostRec > reader( "/lumen/delivered" );
+   auto snapshot = [ & ] {
+      std::map< MacKey, HostRec > seen;
+      for ( auto e = reader.next(); e; e = reader.next( e->second ) ) {
+         seen[ e->first.key() ] = e->first;
+      }
+      return seen;
+   };
+   auto before = snapshot();
+   ASSERT_EQ( before.size(), 10u );
+
+   writer.write( HostRec::of( 1, 2 ) );   // replaced
+   writer.remove( MacKey::of( 2 ) );      // removed
+   writer.write( HostRec::of( 20, 1 ) );  // added
+   MacKey probe[] = { MacKey::of( 1 ), MacKey::of( 2 ), MacKey::of( 20 ) };
+   HostRec batch[ 3 ];
+   reader.lookupBatch( probe, batch, 3 );
+   EXPECT_EQ( batch[ 0 ], HostRec::of( 1, 1 ) );
+   EXPECT_EQ( batch[ 1 ], HostRec::of( 2, 1 ) );
+   EXPECT_EQ( batch[ 2 ], HostRec{} );
+   EXPECT_EQ( reader.lookup( MacKey::of( 1 ) ), HostRec::of( 1, 1 ) );
+   EXPECT_TRUE( reader.contains( MacKey::of( 2 ) ) );
+   EXPECT_FALSE( reader.contains( MacKey::of( 20 ) ) );
+   EXPECT_EQ( reader.count(), 10u );
+   EXPECT_EQ( snapshot(), before );
+   EXPECT_EQ( reader.countShared(), 10u );   // shared memory has moved on
+   EXPECT_EQ( reader.lookupShared( MacKey::of( 1 ) ), HostRec::of( 1, 2 ) );
+
+   // In the feed's order: 1, 2, 20. Each callback sees its key new and the
+   // keys after it as they were.
+   std::vector< std::tuple< uint32_t, HostRec, bool, bool, uint32_t > > seen;
+   reader.onKeyIs( [ & ]( const MacKey& k ) {
+      seen.emplace_back( k.number(), reader.lookup( k ), reader.contains( MacKey::of( 2 ) ),
+                         reader.contains( MacKey::of( 20 ) ), reader.count() );
+   } );
+   reader.dispatch();
+   using Seen = std::tuple< uint32_t, HostRec, bool, bool, uint32_t >;
+   EXPECT_EQ( seen, ( std::vector< Seen >{ { 1, HostRec::of( 1, 2 ), true, false, 10 },
+                                           { 2, HostRec{}, false, false, 9 },
+                                           { 20, HostRec::of( 20, 1 ), false, true, 10 } } ) );
+}
+
+// A resync reports every key whose delivered state differs, also one that
+// the consumer was told of and that came back and went again while it was
+// being told: a reader that noted presence when it read the feed, while the
+// consumer read the table later, kept such a key for good.
+TEST( LumenReader, AKeyReAddedWhileDeliveredAndRemovedBeforeAResyncIsReportedGone ) {
+   for ( bool restart : { false, true } ) {
+      SCOPED_TRACE( restart ? "writer restart" : "lapped feed" );
+      LumenRoot root;
+      auto writer = std::make_unique< Lumen::Writer< HostRec > >( HostRec{},
+                                                                  Lumen::Options{ 64, 1u << 20, 8 } );
+      writer->attach( "/lumen/stale" );
+      for ( uint32_t n = 0; n < 5; ++n ) {
+         writer->write( HostRec::of( n, 1 ) );
+      }
+      Lumen::Reader< HostRec > reader( "/lumen/stale" );
+      // The consumer: what it holds is what its callbacks read.
+      std::map< MacKey, HostRec > held;
+      for ( auto e = reader.next(); e; e = reader.next( e->second ) ) {
+         held[ e->first.key() ] = e->first;
+      }
+      bool reAdd = true;
+      reader.onKeyIs( [ & ]( const MacKey& k ) {
+         if ( k == MacKey::of( 3 ) && std::exchange( reAdd, false ) ) {
+            writer->write( HostRec::of( 3, 2 ) );   // back while its removal is delivered
+         }
+         if ( reader.contains( k ) ) {
+            held[ k ] = reader.lookup( k );
+         } else {
+            held.erase( k );
+         }
+      } );
+      writer->remove( MacKey::of( 3 ) );
+      reader.dispatch();
+      // Gone again, and the reader is forced to resync.
+      writer->remove( MacKey::of( 3 ) );
+      if ( restart ) {
+         writer.reset();
+         writer = std::make_unique< Lumen::Writer< HostRec > >();
+         writer->attach( "/lumen/stale" );
+      } else {
+         for ( uint32_t n = 100; n < 120; ++n ) {
+            writer->write( HostRec::of( n, 1 ) );
+         }
+      }
+      ASSERT_TRUE( dispatchUntil( reader, [ & ] {
+         return reader.mountStatus() == Lumen::MountStatus::mounted && reader.count() == writer->count();
+      } ) );
+      std::map< MacKey, HostRec > table;
+      for ( auto e = writer->next(); e; e = writer->next( e->second ) ) {
+         table[ e->first.key() ] = e->first;
+      }
+      EXPECT_FALSE( held.count( MacKey::of( 3 ) ) ) << "a removed key is held for good";
+      EXPECT_EQ( held, table );
+   }
 }
 
 // Whatever throws inside dispatch() (its own pass over a damaged table, or a
@@ -164,6 +294,7 @@ TEST( LumenReader, AThrowInsideDispatchLosesNothingAndKeepsFdAlive ) {
 
    // A callback throws in the middle of a resync: its key counts as
    // delivered, the others and quiesced(false) come with the next dispatch().
+   // Only the 20 new keys differ from what was delivered.
    announced.clear();
    quiesced.clear();
    for ( uint32_t n = 100; n < 120; ++n ) {
@@ -175,7 +306,8 @@ TEST( LumenReader, AThrowInsideDispatchLosesNothingAndKeepsFdAlive ) {
    ASSERT_TRUE( readable( reader.fd(), 0 ) ) << "events left undelivered, fd() not readable";
    reader.dispatch();
    EXPECT_EQ( quiesced, ( std::vector< bool >{ true, false } ) );
-   EXPECT_EQ( announced.size(), 39u );   // 40 present keys, one taken by the throw
+   EXPECT_EQ( announced.size(), 19u );   // 20 new keys, one taken by the throw
+   EXPECT_EQ( reader.count(), 40u );
 }
 
 // Removing a table's files under a reader: what it held is announced gone,

@@ -110,9 +110,9 @@ TEST( LumenWriter, FullTableRefusesNewKeyAndChangesNothing ) {
    HostRec* present = table.slotFor( MacKey::of( 3 ) );
    EXPECT_EQ( *present, HostRec::of( 3, 3 ) );
    *present = HostRec::of( 3, 77 );
-   EXPECT_EQ( reader.lookup( MacKey::of( 3 ) ), HostRec::of( 3, 3 ) );
+   EXPECT_EQ( reader.lookupShared( MacKey::of( 3 ) ), HostRec::of( 3, 3 ) );
    table.commit( present );
-   EXPECT_EQ( reader.lookup( MacKey::of( 3 ) ), HostRec::of( 3, 77 ) );
+   EXPECT_EQ( reader.lookupShared( MacKey::of( 3 ) ), HostRec::of( 3, 77 ) );
    reader.dispatch();
    EXPECT_EQ( notified, std::vector< MacKey >{ MacKey::of( 3 ) } );
    table.sanityCheck();
@@ -223,7 +223,7 @@ TEST( LumenWriter, OpenTablesKeepTheirRootWhenItChanges ) {
    for ( uint32_t n = 0; n < 300; ++n ) {   // grows through new generations
       writer.write( HostRec::of( n, n ) );
    }
-   EXPECT_EQ( reader.lookup( MacKey::of( 299 ) ), HostRec::of( 299, 299 ) );
+   EXPECT_EQ( reader.lookupShared( MacKey::of( 299 ) ), HostRec::of( 299, 299 ) );
    EXPECT_TRUE( std::filesystem::is_empty( second.dir() ) );
    Lumen::Writer< HostRec > other;
    other.attach( "/lumen/moving" );   // the same path under the new root: another table
