@@ -290,7 +290,7 @@ class ExchangeTable : public Mox::Entity {
 
    // Reader role: mount on the shared table at `path`.
    void mountReader( const std::string& path ) {
-      reader_ = std::make_unique< Reader >( lumenPath( path ), Traits::defaultEntry() );
+      reader_ = std::make_unique< Reader >( lumenPath( path ), Traits::defaultEntry(), &Traits::vacant );
       reader_->onKeyIs( [ this ]( const Key& k ) { static_cast< Derived* >( this )->entryNotify( k ); } );
       reader_->onQuiescedIs( [ this ]( bool q ) { entryNotifyQuiesced( q ); } );
       reader_->onMountStatusIs( [ this ]( Lumen::MountStatus ) { entryNotifyMountStatus(); } );

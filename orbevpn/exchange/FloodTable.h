@@ -28,6 +28,8 @@ struct FloodTableTraits {
    static constexpr const char* delCounter = "floodEntryDel";
    static constexpr const char* notifyCounter = "floodEntryNotify";
    static FloodEntry defaultEntry() { return FloodEntry(); }
+   // Only the default entry itself (zero VNI and VTEP) stands for "none".
+   static bool vacant( const FloodEntry& e ) { return e == FloodEntry(); }
    static Mox::AttributeId collectionId();
    static Mox::AttributeId controlId();
 };

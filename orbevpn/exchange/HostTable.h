@@ -27,6 +27,12 @@ struct HostTableTraits {
    static constexpr const char* delCounter = "hostDel";
    static constexpr const char* notifyCounter = "hostNotify";
    static Host defaultEntry() { return Host(); }
+   // A host with the default's VTEP, sequence number and preference stands
+   // for "no host", whatever its key: readers never deliver one.
+   static bool vacant( const Host& h ) {
+      return h.vtepAddr() == Host().vtepAddr() && h.seqNo() == Host().seqNo() &&
+             h.preference() == Host().preference();
+   }
    static Mox::AttributeId collectionId();
    static Mox::AttributeId controlId();
 };

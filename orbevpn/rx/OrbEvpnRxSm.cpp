@@ -11,11 +11,10 @@ const Wire::EthAddr allBumDestinations{};
 
 // A host whose fields are those of the default Host (zero VTEP, zero
 // sequence number, preference 16) stands for "no host", whatever its key;
-// a lookup that misses yields one too.
-bool hostAbsent( const OrbEvpn::Host& h ) {
-   return h.vtepAddr() == OrbEvpn::Host().vtepAddr() && h.seqNo() == OrbEvpn::Host().seqNo() &&
-          h.preference() == OrbEvpn::Host().preference();
-}
+// a lookup that misses yields one too. The table's reader role never
+// delivers such a host, so a peer that writes one cannot get a delete
+// reported for a VNI the import never saw.
+bool hostAbsent( const OrbEvpn::Host& h ) { return OrbEvpn::HostTableTraits::vacant( h ); }
 
 }  // namespace
 

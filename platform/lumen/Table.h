@@ -141,9 +141,17 @@ class Reader {
    static_assert( std::is_trivially_copyable_v< Record >, "Lumen records are copied as bytes" );
    static_assert( std::is_trivially_copyable_v< Key >, "Lumen keys are copied as bytes" );
 
+   // Records for which `vacant` is true count as no record in the delivered
+   // state: never delivered, and a delivered key that takes such a value is
+   // reported removed. For record types whose consumers read a particular
+   // value as "none", so that a writer storing it cannot show them a key
+   // that is there and absent at once.
+   using Vacant = bool ( * )( const Record& );
+
    // Never throws for a missing table: mountStatus() is then waitingForWriter
    // and the table is picked up when a writer creates it.
-   explicit Reader( const std::string& path, const Record& defaultValue = Record{} );
+   explicit Reader( const std::string& path, const Record& defaultValue = Record{},
+                    Vacant vacant = nullptr );
    ~Reader();
    Reader( const Reader& ) = delete;
    Reader& operator=( const Reader& ) = delete;
@@ -196,6 +204,7 @@ class Reader {
    void clearReplica();
    bool deliveredState( const Key& k, Record& out ) const;
    bool sharedState( const Key& k, Record& out ) const;   // false: absent
+   bool deliverable( const Record& r ) const { return !vacant_ || !vacant_( r ); }
    struct Changes;
    void note( Changes& changes, const Key& k, const Record* now ) const;
    void gather();                                // queues what changed
@@ -206,6 +215,7 @@ class Reader {
    std::string path_;
    std::string root_;   // Lumen::root() when constructed
    Record default_;
+   Vacant vacant_;
    internal::RecordLayout layout_;
    CorruptionHandler corruptionHandler_;
    std::function< void ( const Key& ) > onKey_;

@@ -15,10 +15,10 @@
 //    and merging in what was written meanwhile. A list attaches once;
 //    losing its parent detaches it (the content stays).
 //  - Reader (OrbBrIdListReaderIs): mounted on the list another process
-//    writes. Look-ups, count and iteration read shared memory; writes are
+//    writes. Look-ups, count and iteration answer from what the last
+//    dispatch() delivered (the mount's state before the first); writes are
 //    refused. The host program polls fd() and calls dispatch(), which
-//    notifies brIdList once per changed id; look at the list after a
-//    dispatch().
+//    notifies brIdList once per changed id.
 //
 // Notification: brIdListIs notifies on every call; brIdListDel of an absent
 // id notifies nothing; brIdListDelAll removes one id at a time in bridge-id

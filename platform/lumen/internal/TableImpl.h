@@ -648,8 +648,8 @@ struct Reader< Record >::Changes {
 };
 
 template< class Record >
-Reader< Record >::Reader( const std::string& path, const Record& defaultValue )
-   : path_( path ), root_( root() ), default_( defaultValue ), layout_( Ops::layout() ),
+Reader< Record >::Reader( const std::string& path, const Record& defaultValue, Vacant vacant )
+   : path_( path ), root_( root() ), default_( defaultValue ), vacant_( vacant ), layout_( Ops::layout() ),
      replica_( defaultValue, internal::replicaOptions() ) {
    // Rejects a malformed or over-long path up front, as attach() does: a
    // table no writer can create must not leave its readers waiting.
@@ -713,6 +713,9 @@ void Reader< Record >::seed() {
          // probes past it going; the takeover's resync settles the key.
          state = internal::slotTombstone;
       }
+      if ( state == internal::slotLive && !deliverable( r ) ) {
+         state = internal::slotTombstone;   // keeps the probes past it going
+      }
       if ( state == internal::slotLive ) {
          std::memcpy( copy.record( i ), static_cast< const void* >( &r ), sizeof( Record ) );
          copy.word( i ).store( internal::slotLive, std::memory_order_relaxed );
@@ -740,7 +743,7 @@ void Reader< Record >::seed() {
       while ( replica_.remove( k ) ) {
       }
       try {
-         if ( sharedState( k, r ) ) {
+         if ( sharedState( k, r ) && deliverable( r ) ) {
             replica_.write( r );
          }
       } catch ( const Fable::CorruptionDetectedException& ) {
@@ -758,7 +761,7 @@ void Reader< Record >::seedByInsertion( const internal::SlotArray& from ) {
    Record r;
    for ( uint32_t i = 0; i < from.slotCount(); ++i ) {
       try {
-         if ( Ops::read( from, i, r, ctx ) == internal::slotLive ) {
+         if ( Ops::read( from, i, r, ctx ) == internal::slotLive && deliverable( r ) ) {
             replica_.write( r );
          }
       } catch ( const Fable::CorruptionDetectedException& ) {
@@ -1068,6 +1071,9 @@ bool Reader< Record >::readFeed( std::vector< Key >& keys ) {
 // one after all, nothing is reported.
 template< class Record >
 void Reader< Record >::note( Changes& changes, const Key& k, const Record* now ) const {
+   if ( now && !deliverable( *now ) ) {
+      now = nullptr;
+   }
    Record mine;
    bool had = deliveredState( k, mine );
    bool differs = had != ( now != nullptr ) ||

@@ -336,6 +336,10 @@ class RxCrossProcessTest : public ::testing::Test {
           case 'n':   // a host in a new VNI
             hosts->hostIs( makeHost( mac3, vni40, vtepA, 4 ) );
             break;
+          case 'd':   // hosts with the default value: mac1's overwritten, one in a new VNI
+            hosts->hostIs( Host( MacVniPair( mac1, vni10 ) ) );
+            hosts->hostIs( Host( MacVniPair( mac3, vni40 ) ) );
+            break;
           case 'c':   // churn until stopped
             churn( *hosts, *floods, *stop_ );
             break;
@@ -490,6 +494,33 @@ TEST_F( RxCrossProcessTest, EntriesThatComeAndGoBetweenDispatchesNeverAbortTheIm
    EXPECT_TRUE( filled( *out, vtepB, 7, 1 ) );
    EXPECT_TRUE( pumpUntil( [ & ] { return out->vniStatusV2( vni40 ) != nullptr; } ) );
    EXPECT_TRUE( mirrors( *out, *hosts_, *floods_ ) );
+   stopWriter();
+}
+
+// A peer that writes a host with the default value (which the import reads
+// as "no host") withdraws a host the import had, and in a VNI with no other
+// state imports nothing: it is never reported as a key that is there and
+// absent at once, so no delete reaches a VNI the import never saw.
+TEST_F( RxCrossProcessTest, AHostWithTheDefaultValueIsNoHost ) {
+   hosts_ = OrbEvpn::HostTable::HostTableReaderIs( "host", "evpn/host" );
+   floods_ = OrbEvpn::FloodTable::FloodTableReaderIs( "flood", "evpn/flood" );
+   auto out = VniStatusDirV2::VniStatusDirV2Is( "out" );
+   auto sm = orbEvpnRxSmFactory( hosts_, floods_, out );
+   startWriter();
+   ASSERT_EQ( step( 'f' ), 'f' );
+   ASSERT_TRUE( pumpUntil( [ & ] { return filled( *out, vtepA, 1, 2 ); } ) );
+   ASSERT_EQ( step( 'd' ), 'd' );
+   ASSERT_TRUE( pumpUntil( [ & ] { return out->vniStatusV2( vni10 )->macVtepTableSize() == 0; } ) );
+   EXPECT_FALSE( out->vniStatusV2( vni40 ) );
+   EXPECT_FALSE( hosts_->hostExists( MacVniPair( mac3, vni40 ) ) );
+   EXPECT_EQ( hosts_->hosts(), 1u );
+   // Mounted afterwards, on the same shared memory: the same view.
+   auto late = VniStatusDirV2::VniStatusDirV2Is( "late" );
+   auto lateHosts = OrbEvpn::HostTable::HostTableReaderIs( "late", "evpn/host" );
+   auto lateSm = orbEvpnRxSmFactory( lateHosts, floods_, late );
+   EXPECT_EQ( lateHosts->hosts(), 1u );
+   EXPECT_FALSE( late->vniStatusV2( vni40 ) );
+   EXPECT_TRUE( mirrors( *late, *lateHosts, *floods_ ) );
    stopWriter();
 }
 

@@ -22,17 +22,6 @@ namespace li = Lumen::internal;
 
 namespace {
 
-struct Pipe {
-   int fds[ 2 ];
-   Pipe() { EXPECT_EQ( ::pipe( fds ), 0 ); }
-   ~Pipe() { ::close( fds[ 0 ] ), ::close( fds[ 1 ] ); }
-   void signal() { EXPECT_EQ( ::write( fds[ 1 ], "x", 1 ), 1 ); }
-   bool wait() {
-      char c;
-      return ::read( fds[ 0 ], &c, 1 ) == 1;
-   }
-};
-
 // The writer rewrites `hot` records in a tight loop, changing every field,
 // while a reader in another process copies them through every read path. A
 // 256-byte copy is slow enough that rewrites regularly land inside it, so a
@@ -275,7 +264,9 @@ TEST( LumenTakeover, AWriterKilledMidChangeLeavesTheKeyOldOrNew ) {
          return c;
       };
       int midChange = 0;
-      for ( int round = 0; round < 300 && midChange < 8; ++round ) {
+      // A kill lands inside a change a few times in a hundred rounds, less
+      // often under sanitizers: the bound only stops a run that never does.
+      for ( int round = 0; round < 2000 && midChange < 8; ++round ) {
          progress->store( 0 );
          pid_t child = startChild( [ & ] {
             Lumen::Writer< SlabRec > writer( SlabRec{}, { 16, 1024, 64 } );
@@ -304,7 +295,7 @@ TEST( LumenTakeover, AWriterKilledMidChangeLeavesTheKeyOldOrNew ) {
          ::kill( child, SIGKILL );
          ASSERT_EQ( waitChild( child ), 128 + SIGKILL );
          uint32_t p = progress->load();
-         midChange += busySlotOf( root, "lumen.killed" ) >= 0; fprintf(stderr, "p=%u busy=%ld\n", p, (long)busySlotOf( root, "lumen.killed" ));
+         midChange += busySlotOf( root, "lumen.killed" ) >= 0;
 
          Lumen::Writer< SlabRec > successor( SlabRec{}, { 16, 1024, 64 } );
          successor.attach( "/lumen/killed" );

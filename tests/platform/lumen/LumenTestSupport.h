@@ -6,6 +6,8 @@
 #include "platform/lumen/Table.h"
 #include "tests/support/LumenRoot.h"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
@@ -139,6 +141,22 @@ inline bool readable( int fd, int timeoutMs ) {
    pollfd p{ fd, POLLIN, 0 };
    return ::poll( &p, 1, timeoutMs ) == 1;
 }
+
+// A one-way signal between a test and its forked children. wait() gives up
+// after 30 s, so a child that died before signalling fails the test rather
+// than hanging it.
+struct Pipe {
+   int fds[ 2 ];
+   Pipe() { EXPECT_EQ( ::pipe( fds ), 0 ); }
+   ~Pipe() { ::close( fds[ 0 ] ), ::close( fds[ 1 ] ); }
+   Pipe( const Pipe& ) = delete;
+   Pipe& operator=( const Pipe& ) = delete;
+   void signal() { EXPECT_EQ( ::write( fds[ 1 ], "x", 1 ), 1 ); }
+   bool wait() {
+      char c;
+      return readable( fds[ 0 ], 30000 ) && ::read( fds[ 0 ], &c, 1 ) == 1;
+   }
+};
 
 // Polls the reader's fd and dispatches until `done` or about five seconds.
 template< class R, class Done >

@@ -69,17 +69,6 @@ std::string newestDataFile( const LumenRoot& root, const std::string& stem ) {
    return root.file( fmt::format( "{}@{}", stem, newest ) );
 }
 
-struct Pipe {
-   int fds[ 2 ];
-   Pipe() { EXPECT_EQ( ::pipe( fds ), 0 ); }
-   ~Pipe() { ::close( fds[ 0 ] ), ::close( fds[ 1 ] ); }
-   void signal() { EXPECT_EQ( ::write( fds[ 1 ], "x", 1 ), 1 ); }
-   bool wait() {
-      char c;
-      return ::read( fds[ 0 ], &c, 1 ) == 1;
-   }
-};
-
 // Creates, as nobody, `link` in the root pointing at `target`.
 int plantLink( const std::string& target, const std::string& link ) {
    return OtherUser::nobody().run( [ & ] { return ::symlink( target.c_str(), link.c_str() ); } );

@@ -240,6 +240,7 @@ TEST( LumenWake, WhatKilledReadersLeaveBehindIsCleared ) {
       }
    } );
    char c;
+   ASSERT_TRUE( readable( ready[ 0 ], 30000 ) ) << "the reader died before registering";
    ASSERT_EQ( ::read( ready[ 0 ], &c, 1 ), 1 );
    ASSERT_EQ( wake.registrationsOf( child ), 1u );
    ASSERT_TRUE( anyFileOfPid( root.dir(), child ) );
