@@ -252,6 +252,10 @@ int64_t busySlotOf( const LumenRoot& root, const std::string& flat ) {
 // `progress` after each, so with `progress` at p the key must be in S(p),
 // S(p+1) or S(p+2). Rounds go on until several kills landed mid-change.
 TEST( LumenTakeover, AWriterKilledMidChangeLeavesTheKeyOldOrNew ) {
+#if defined( __SANITIZE_THREAD__ )
+   GTEST_SKIP() << "ThreadSanitizer's instrumentation of the writer's loop leaves kills almost no chance "
+                   "to land inside a change; the plain and ASan builds run this test";
+#endif
    LumenRoot root;
    auto* progress = static_cast< std::atomic< uint32_t >* >(
       ::mmap( nullptr, sizeof( uint32_t ), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0 ) );
@@ -346,6 +350,12 @@ TEST( LumenCrossProcess, AZombieOrAReusedPidIsNotALiveWriter ) {
       ::usleep( 2000 );
    }
    ASSERT_EQ( state(), 'Z' );
+   // The leader turns zombie before the process's other threads have closed
+   // the files they share; the lock goes with the last of them, soon after.
+   for ( int i = 0; i < 500 && reader.mountStatus() != MountStatus::writerGone; ++i ) {
+      ::usleep( 2000 );
+   }
+   ASSERT_EQ( state(), 'Z' ) << "reaped while waiting: the test proves nothing";
    EXPECT_EQ( reader.mountStatus(), MountStatus::writerGone ) << "a zombie passed for the writer";
    EXPECT_EQ( waitChild( writerPid ), 128 + SIGKILL );
 
