@@ -80,7 +80,7 @@ class Controller:
                 self.vnis.pop(int(ev["vni"]), None)
             elif op == "mac":
                 self._vni(int(ev["vni"]))["macs"][mac_of(ev["mac"])] = (
-                    ev["vtep"], int(ev["seqNo"]), int(ev.get("preference", DEFAULT_PREFERENCE)))
+                    ev["vtep"], int(ev.get("seqNo", 0)), int(ev.get("preference", DEFAULT_PREFERENCE)))
             elif op == "macDel":
                 if int(ev["vni"]) in self.vnis:
                     self.vnis[int(ev["vni"])]["macs"].pop(mac_of(ev["mac"]), None)
@@ -367,6 +367,20 @@ def compare(expected, actual):
     return diffs
 
 
+def snapshot(args):
+    """Reads every table and both dumps live and saves them, checking nothing:
+    taken while the system is steady, it can be verified after the agent
+    has stopped (and flushed its record of events)."""
+    if not args.save_dir or args.tables_dir or args.controller_json or args.import_json:
+        raise InputError("--snapshot reads live and needs --save-dir")
+    src = Sources(args)
+    for name in TABLES:
+        src.table(name)
+    src.agent_dump("controller", None)
+    src.agent_dump("import", None)
+    return 0
+
+
 def verify(args, out):
     ctl = read_json_lines(args.events, Controller())
     evpn = read_json_lines(args.peer_log, EvpnSide())
@@ -439,8 +453,10 @@ def main(argv=None):
     p = argparse.ArgumentParser(
         description="Verify the orbevpn export, import mirror and bridge ids against the recorded "
                     "controller events and the EVPN side's log.")
-    p.add_argument("--events", required=True, help="the agent's --record-events file")
-    p.add_argument("--peer-log", required=True, help="the EVPN side's --log file")
+    p.add_argument("--events", help="the agent's --record-events file")
+    p.add_argument("--peer-log", help="the EVPN side's --log file")
+    p.add_argument("--snapshot", action="store_true",
+                   help="only read the tables and dumps live and save them into --save-dir")
     p.add_argument("--tables-dir", help="read `lumen dump --json` outputs from DIR "
                    "(export-host.json, export-flood.json, brIdList.json, config.json, "
                    "evpn-host.json, evpn-flood.json, evpn-capability.json) instead of running lumen")
@@ -456,7 +472,11 @@ def main(argv=None):
     p.add_argument("--max-diffs", type=int, default=5, help="differences shown per failed check")
     p.add_argument("--title", help="a line printed above the table")
     args = p.parse_args(argv)
+    if not args.snapshot and not (args.events and args.peer_log):
+        p.error("--events and --peer-log are required (unless --snapshot)")
     try:
+        if args.snapshot:
+            return snapshot(args)
         return verify(args, sys.stdout)
     except InputError as e:
         sys.stderr.write("verify: %s\n" % e)

@@ -276,6 +276,14 @@ class VerifyLiveTest(unittest.TestCase):
                              sorted(["brIdList.json", "config.json", "controller.json", "evpn-flood.json",
                                      "evpn-host.json", "export-flood.json", "export-host.json",
                                      "import.json"]))
+            # A snapshot saves the same, checking nothing.
+            snap = f.path("snap")
+            p1 = subprocess.run([sys.executable, VERIFY, "--snapshot", "--lumen", f.path("lumen"),
+                                 "--root", f.path("tables"), "--prefix", "/lab", "--agent", f.path("agent"),
+                                 "--control", "/tmp/x.ctl", "--save-dir", snap],
+                                capture_output=True, text=True, env=env)
+            self.assertEqual(p1.returncode, 0, p1.stdout + p1.stderr)
+            self.assertEqual(sorted(os.listdir(snap)), sorted(os.listdir(saved)))
             # What was saved verifies offline the same way.
             p2 = subprocess.run([sys.executable, VERIFY, "--events", f.path("events.jsonl"),
                                  "--peer-log", f.path("peer.log"), "--tables-dir", saved,
