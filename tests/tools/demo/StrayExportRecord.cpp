@@ -27,10 +27,9 @@ int main( int argc, char** argv ) {
    }
    try {
       Lumen::rootIs( argv[ 1 ] );
-      OrbEvpn::Host h( OrbEvpn::MacVniPair(
-         Wire::EthAddr( uint8_t( m[ 0 ] ), uint8_t( m[ 1 ] ), uint8_t( m[ 2 ] ), uint8_t( m[ 3 ] ),
-                        uint8_t( m[ 4 ] ), uint8_t( m[ 5 ] ) ),
-         Vxlan::Vni( uint32_t( vni ) ) ) );
+      const Wire::EthAddr mac{ uint8_t( m[ 0 ] ), uint8_t( m[ 1 ] ), uint8_t( m[ 2 ] ),
+                               uint8_t( m[ 3 ] ), uint8_t( m[ 4 ] ), uint8_t( m[ 5 ] ) };
+      OrbEvpn::Host h{ OrbEvpn::MacVniPair{ mac, Vxlan::Vni( uint32_t( vni ) ) } };
       h.vtepAddrIs( Wire::IpAddr::fromOctets( uint8_t( ip[ 0 ] ), uint8_t( ip[ 1 ] ), uint8_t( ip[ 2 ] ),
                                               uint8_t( ip[ 3 ] ) ) );
       h.seqNoIs( Keel::Seqno32( 1 ) );
