@@ -197,6 +197,70 @@ TEST_F( PeerTest, AVniListedBeforeItsExportArrivesGetsEchoesOnceItDoes ) {
    EXPECT_EQ( evpnFlood().size(), 2u );
 }
 
+// The demo starts the peer first: the agent's tables do not exist yet, and
+// the peer must pick them up when the agent creates them.
+TEST( PeerStart, ThePeerStartsBeforeTheAgentHasMadeItsTables ) {
+   LumenRoot root;
+   std::ostringstream log;
+   PeerOptions options = testOptions();
+   Peer peer( options, &log );
+   peer.settle( quietMs );
+   EXPECT_TRUE( evpnHosts().empty() );
+
+   AgentTables agent;
+   agent.exportVni( 10, 4 );
+   agent.flag( true );
+   agent.list( 10 );
+   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds( 10 );
+   while ( evpnHosts().size() < options.remoteHostsPerVni + options.echoPerVni &&
+           std::chrono::steady_clock::now() < deadline ) {
+      peer.settle( quietMs );
+   }
+   EXPECT_EQ( evpnHosts().size(), options.remoteHostsPerVni + options.echoPerVni );
+   EXPECT_EQ( evpnFlood().size(), 2u );
+}
+
+// The agent stops, leaving its tables; a new agent takes them over and
+// sweeps a VNI that went while it was down. The peer, which kept running,
+// withdraws that VNI and keeps the rest as it was.
+TEST( PeerStart, AnAgentRestartThatDropsAVniWithdrawsOnlyThatVni ) {
+   LumenRoot root;
+   std::ostringstream log;
+   PeerOptions options = testOptions();
+   auto agent = std::make_unique< AgentTables >();
+   agent->exportVni( 10, 4 );
+   agent->exportVni( 11, 4 );
+   agent->flag( true );
+   agent->list( 10 );
+   agent->list( 11 );
+   Peer peer( options, &log );
+   peer.settle( quietMs );
+   auto before = evpnHosts();
+   ASSERT_EQ( vnisIn( before ), ( std::set< uint32_t >{ 10, 11 } ) );
+
+   agent.reset();
+   peer.settle( quietMs );
+   EXPECT_EQ( evpnHosts().size(), before.size() );   // a writer gone is no withdrawal
+
+   agent = std::make_unique< AgentTables >();
+   agent->unlist( 11 );
+   for ( uint32_t i = 0; i < 4; ++i ) {
+      agent->host.remove( controllerHost( 11, i ).key() );
+   }
+   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds( 10 );
+   while ( vnisIn( evpnHosts() ).count( 11 ) && std::chrono::steady_clock::now() < deadline ) {
+      peer.settle( quietMs );
+   }
+   auto after = evpnHosts();
+   EXPECT_EQ( vnisIn( after ), std::set< uint32_t >{ 10 } );
+   for ( const auto& [ k, h ] : before ) {
+      if ( h.vni().value() == 10 ) {
+         ASSERT_TRUE( after.count( k ) ) << k;
+         EXPECT_EQ( hostText( after.at( k ) ), hostText( h ) );
+      }
+   }
+}
+
 // Echoes copy the export exactly, and stay when the agent withdraws what
 // they copy: otherwise the two sides would chase each other for ever.
 TEST_F( PeerTest, EchoesEqualTheExportAndOutliveItsWithdrawal ) {
