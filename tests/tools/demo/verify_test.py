@@ -25,6 +25,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 VERIFY = os.path.join(HERE, "..", "..", "..", "tools", "verify", "verify.py")
 FIXTURE = os.path.join(HERE, "fixtures", "consistent")
 
+sys.dont_write_bytecode = True   # keep the source tree clean
 sys.path.insert(0, os.path.dirname(VERIFY))
 import verify  # noqa: E402
 
