@@ -2,7 +2,7 @@
 PRESET ?= debug
 JOBS   ?= $(shell nproc)
 
-.PHONY: setup build test soak bench clean
+.PHONY: setup build test demo soak bench clean
 
 setup:
 	@scripts/setup
@@ -13,6 +13,12 @@ build: setup
 
 test: build
 	ctest --preset $(PRESET)
+
+# The system end to end: installs what is missing, builds only the agent,
+# the peer and the lumen tool (release), runs them and verifies the result.
+# DEMO_SIZE=VNIS:MACS, DEMO_CHURN=S, DEMO_SEED=N, DEMO_SKIP_VNI=V (see scripts/demo).
+demo:
+	@scripts/demo
 
 # Long churn of the shared tables against an oracle (default 300 s).
 SOAK_SECONDS ?= 300
