@@ -1,0 +1,71 @@
+// lumen: reads the shared tables of the system, for people debugging it.
+//
+//    lumen [--root DIR] ls [--json]
+//    lumen [--root DIR] dump PATH [--json]
+//    lumen [--root DIR] watch PATH [--json]
+//    lumen [--root DIR] check PATH [--json]
+//
+// It writes no table; a watch registers as a reader, as every reader does.
+#include "platform/lumen/Options.h"
+#include "tools/lumen/Catalog.h"
+#include "tools/lumen/Commands.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include <exception>
+
+namespace LumenTool {
+
+void complain( const std::string& message ) { fmt::print( stderr, "lumen: {}\n", message ); }
+
+}  // namespace LumenTool
+
+int main( int argc, char** argv ) {
+   using namespace LumenTool;
+   CLI::App app( "lumen: list, dump, watch and check the system's shared tables", "lumen" );
+   app.require_subcommand( 1 );
+   std::string root;
+   app.add_option( "--root", root,
+                   "Lumen root folder (default: $ORBEVPN_LUMEN_ROOT, else /dev/shm)" );
+
+   bool json = false;
+   std::string path;
+   auto jsonFlag = []( CLI::App* cmd, bool& flag ) {
+      cmd->add_flag( "--json", flag, "print JSON instead of text" );
+   };
+   auto* ls = app.add_subcommand( "ls", "every table under the root: type, count, capacity, "
+                                        "generation, writer, size" );
+   jsonFlag( ls, json );
+   auto* dump = app.add_subcommand( "dump", "the records of one table" );
+   dump->add_option( "path", path, "table path, e.g. /orbevpn/export/host" )->required();
+   jsonFlag( dump, json );
+   auto* watch = app.add_subcommand( "watch", "one line per change of one table, until "
+                                              "interrupted" );
+   watch->add_option( "path", path, "table path; waits for it if it does not exist yet" )->required();
+   jsonFlag( watch, json );
+   auto* check = app.add_subcommand( "check", "validate one table: exit 0 when sound, 1 with "
+                                              "the reason when damaged, 2 when absent" );
+   check->add_option( "path", path, "table path" )->required();
+   jsonFlag( check, json );
+
+   CLI11_PARSE( app, argc, argv );
+   if ( !root.empty() ) {
+      Lumen::rootIs( root );
+   }
+   try {
+      if ( ls->parsed() ) {
+         return listTables( json );
+      }
+      if ( dump->parsed() ) {
+         return dumpTable( path, json );
+      }
+      if ( watch->parsed() ) {
+         return watchTable( path, json );
+      }
+      return checkTable( path, json );
+   } catch ( const std::exception& e ) {
+      complain( e.what() );
+      return exitFailed;
+   }
+}
