@@ -152,12 +152,16 @@ std::optional< SlotCensus > census( const std::string& path ) {
    std::string root = Lumen::root();
    // A live writer changes slots and counts one after the other: only a walk
    // during which neither the generation nor the feed head moved can be held
-   // against the header. Two such walks must agree before the table is
-   // called damaged, since a change whose feed entry is not out yet moves
-   // nothing the walk can see.
-   constexpr int attempts = 20;
-   std::optional< SlotCensus > atRest;
+   // against the header, and even then a writer descheduled between a slot
+   // and its count leaves the table still and inconsistent for a moment. So
+   // the same disagreement must be seen on several such walks in a row,
+   // with the head unmoved, before the table is called damaged.
+   constexpr int attempts = 40;
+   constexpr int sightings = 3;
    SlotCensus last;
+   std::optional< SlotCensus > atRest;   // the disagreement seen last
+   uint64_t restHead = 0;
+   int seen = 0;
    for ( int attempt = 0; attempt < attempts; ++attempt ) {
       std::optional< Mounted > m = mountReadOnly( root, path );
       if ( !m ) {
@@ -192,7 +196,7 @@ std::optional< SlotCensus > census( const std::string& path ) {
                    t.liveCount() == c.headerCount && t.tombstoneCount() == c.headerTombstones;
       last = c;
       if ( !still ) {
-         atRest.reset();
+         seen = 0;
          continue;
       }
       // A busy slot was live or a tombstone before the change, or becomes
@@ -206,10 +210,15 @@ std::optional< SlotCensus > census( const std::string& path ) {
          c.settled = true;
          return c;
       }
-      if ( !atRest || atRest->live != c.live || atRest->tombstones != c.tombstones ||
-           atRest->headerCount != c.headerCount ) {
-         atRest = c;   // look once more before calling it damage
-         std::this_thread::sleep_for( std::chrono::milliseconds( 5 ) );
+      bool same = atRest && restHead == headBefore && atRest->live == c.live &&
+                  atRest->tombstones == c.tombstones && atRest->busy == c.busy &&
+                  atRest->headerCount == c.headerCount &&
+                  atRest->headerTombstones == c.headerTombstones;
+      seen = same ? seen + 1 : 1;
+      atRest = c;
+      restHead = headBefore;
+      if ( seen < sightings ) {
+         std::this_thread::sleep_for( std::chrono::milliseconds( 10 ) );
          continue;
       }
       if ( !countsAgree ) {

@@ -112,62 +112,85 @@ int watchOf( const std::string& path, WatchPrinter& out, int stopFd, bool announ
    }
 }
 
+// What is wrong with record `r` found by walking the slots: its key seen
+// before, not found by a probe, or found holding another record. Empty when
+// nothing is.
+template< class Record, class Keys >
+std::string probeOne( const Lumen::Reader< Record >& reader, const Record& r, Keys& keys ) {
+   const auto& k = r.key();
+   if ( !keys.insert( k ).second ) {
+      return fmt::format( "key {} is held twice", RecordForm< Record >::key( k ).dump() );
+   }
+   if ( !reader.containsShared( k ) ) {
+      return fmt::format( "record {} is not found by a probe from its key's home slot",
+                          RecordForm< Record >::json( r ).dump() );
+   }
+   Record found = reader.lookupShared( k );
+   if ( std::memcmp( static_cast< const void* >( &found ), static_cast< const void* >( &r ),
+                     sizeof( Record ) ) != 0 ) {
+      return fmt::format( "a probe for key {} finds {}, the slots hold {}",
+                          RecordForm< Record >::key( k ).dump(),
+                          RecordForm< Record >::json( found ).dump(),
+                          RecordForm< Record >::json( r ).dump() );
+   }
+   return {};
+}
+
 template< class Record >
 KeyProbe probeKeysOf( const std::string& path ) {
    using Key = typename Lumen::Reader< Record >::Key;
    Lumen::Reader< Record > reader( path );
    requireReadable( reader );
    // As for the slot census: what a live writer is changing proves nothing,
-   // so only a walk during which the table stood still is judged.
-   constexpr int attempts = 20;
+   // so only a walk during which the table stood still is judged, and an
+   // anomaly counts as damage only when the same one is seen on several
+   // such walks in a row with the feed head unmoved: a writer descheduled
+   // between storing a slot and its count leaves the table still, and
+   // inconsistent, for a moment.
+   constexpr int attempts = 40;
+   constexpr int sightings = 3;
    KeyProbe probe;
+   std::string lastAnomaly;
+   uint64_t lastHead = 0;
+   int seen = 0;
    for ( int attempt = 0; attempt < attempts; ++attempt ) {
       auto before = Lumen::inspect( path );
       if ( !before ) {
          MOX_THROW( Fable::CorruptionDetectedException, "Lumen table {} was removed while it was "
                     "checked", path );
       }
-      std::unordered_set< Key, KeyHash< Record > > seen;
-      std::string problem;
+      std::unordered_set< Key, KeyHash< Record > > keys;
+      std::string anomaly;
       uint32_t walked = 0;
       for ( auto e = reader.nextShared(); e; e = reader.nextShared( e->second ) ) {
          ++walked;
-         const Record& r = e->first;
-         const Key& k = r.key();
-         Record found = reader.lookupShared( k );
-         if ( !problem.empty() ) {
-            continue;
-         }
-         if ( !seen.insert( k ).second ) {
-            problem = fmt::format( "key {} is held twice", RecordForm< Record >::key( k ).dump() );
-         } else if ( !reader.containsShared( k ) ) {
-            problem = fmt::format( "record {} is not found by a probe from its key's home slot",
-                                   RecordForm< Record >::json( r ).dump() );
-         } else if ( std::memcmp( static_cast< const void* >( &found ), static_cast< const void* >( &r ),
-                                  sizeof( Record ) ) != 0 ) {
-            problem = fmt::format( "a probe for key {} finds {}, the slots hold {}",
-                                   RecordForm< Record >::key( k ).dump(),
-                                   RecordForm< Record >::json( found ).dump(),
-                                   RecordForm< Record >::json( r ).dump() );
+         if ( anomaly.empty() ) {
+            anomaly = probeOne( reader, e->first, keys );
          }
       }
       auto after = Lumen::inspect( path );
       probe.records = walked;
       if ( !after || after->feedHead != before->feedHead ||
            after->generation != before->generation || after->count != before->count ) {
+         seen = 0;
          std::this_thread::sleep_for( std::chrono::milliseconds( 2 ) );
          continue;
       }
-      if ( !problem.empty() ) {
-         MOX_THROW( Fable::CorruptionDetectedException, "Lumen table {}: {}", path, problem );
+      if ( anomaly.empty() && walked != after->count ) {
+         anomaly = fmt::format( "the header counts {} records, the slots hold {}", after->count,
+                                walked );
       }
-      if ( walked != after->count ) {
-         MOX_THROW( Fable::CorruptionDetectedException,
-                    "Lumen table {}: the header counts {} records, the slots hold {}", path,
-                    after->count, walked );
+      if ( anomaly.empty() ) {
+         probe.settled = true;
+         return probe;
       }
-      probe.settled = true;
-      return probe;
+      seen = anomaly == lastAnomaly && after->feedHead == lastHead ? seen + 1 : 1;
+      lastAnomaly = anomaly;
+      lastHead = after->feedHead;
+      if ( seen >= sightings ) {
+         MOX_THROW( Fable::CorruptionDetectedException, "Lumen table {}: {}", path, anomaly );
+      }
+      std::this_thread::sleep_for( std::chrono::milliseconds( 10 ) );
    }
    return probe;
 }

@@ -16,7 +16,9 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <atomic>
 #include <fstream>
+#include <thread>
 #include <map>
 
 using namespace LumenToolTest;
@@ -373,6 +375,34 @@ TEST_F( LumenToolCheck, ASoundTableIsOk ) {
    Finished missing = run( { "check", "/t/none" } );
    EXPECT_EQ( missing.code, 2 );
    EXPECT_NE( missing.err.find( "no table /t/none" ), std::string::npos ) << missing.err;
+}
+
+// What a live writer is changing while check walks the table (records
+// moving between slots, counts and generations changing) is not damage.
+TEST_F( LumenTool, CheckOfATableUnderChurnIsOk ) {
+   Lumen::Writer< OrbEvpn::Host > hosts( OrbEvpn::Host{}, { 16, 1u << 16, 256 } );
+   hosts.attach( "/t/busy" );
+   std::atomic< bool > stop{ false };
+   std::thread churn( [ & ] {
+      uint32_t seq = 0;
+      while ( !stop.load() ) {
+         for ( uint8_t i = 0; i < 200; ++i ) {
+            hosts.write( host( i, 10, 1, ++seq ) );
+         }
+         for ( uint8_t i = 0; i < 200; i += 2 ) {
+            hosts.remove( host( i, 10, 1, 0 ).key() );
+         }
+      }
+   } );
+   for ( int i = 0; i < 5; ++i ) {
+      Finished f = run( { "check", "/t/busy" } );
+      EXPECT_EQ( f.code, 0 ) << f.out << f.err;
+   }
+   stop = true;
+   churn.join();
+   Finished f = run( { "check", "/t/busy" } );
+   EXPECT_EQ( f.code, 0 ) << f.out << f.err;
+   EXPECT_NE( f.out.find( fmt::format( "{} keys probed", hosts.count() ) ), std::string::npos ) << f.out;
 }
 
 TEST_F( LumenToolCheck, ADamagedDataHeaderIsReported ) {
