@@ -24,7 +24,7 @@ void complain( const std::string& message ) { fmt::print( stderr, "lumen: {}\n",
 int main( int argc, char** argv ) {
    using namespace LumenTool;
    CLI::App app( "lumen: list, dump, watch and check the system's shared tables", "lumen" );
-   app.require_subcommand( 1 );
+   app.require_subcommand( 0, 1 );
    std::string root;
    app.add_option( "--root", root,
                    "Lumen root folder (default: $ORBEVPN_LUMEN_ROOT, else /dev/shm)" );
@@ -49,7 +49,20 @@ int main( int argc, char** argv ) {
    check->add_option( "path", path, "table path" )->required();
    jsonFlag( check, json );
 
-   CLI11_PARSE( app, argc, argv );
+   // Extras are let through at the top only to name them: "lumen bogus"
+   // should say that bogus is not expected, not that a command is missing.
+   app.allow_extras();
+   try {
+      app.parse( argc, argv );
+      if ( app.get_subcommands().empty() ) {
+         if ( !app.remaining().empty() ) {
+            throw CLI::ExtrasError( app.remaining() );
+         }
+         throw CLI::RequiredError( "A command (ls, dump, watch or check)" );
+      }
+   } catch ( const CLI::ParseError& e ) {
+      return app.exit( e );
+   }
    if ( !root.empty() ) {
       Lumen::rootIs( root );
    }
