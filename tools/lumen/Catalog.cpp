@@ -83,7 +83,12 @@ int watchOf( const std::string& path, WatchPrinter& out, int stopFd, bool announ
    } );
    reader.onMountStatusIs( [ & ]( Lumen::MountStatus s ) { out.status( s, reader.count() ); } );
    reader.onQuiescedIs( [ & ]( bool begin ) { out.resync( begin ); } );
-   out.status( reader.mountStatus(), reader.count() );
+   // A table found while waiting may not have its writer attached yet: the
+   // waiting line already said so.
+   Lumen::MountStatus status = reader.mountStatus();
+   if ( !announce || status != Lumen::MountStatus::waitingForWriter ) {
+      out.status( status, reader.count() );
+   }
    if ( announce ) {
       for ( const Json& r : sortedRecords( reader ) ) {
          out.set( r );

@@ -50,8 +50,8 @@ struct RecordKind {
    // their text forms.
    std::vector< Json > ( *dump )( const std::string& path );
    // Prints changes until `stopFd` is readable; the exit code. With
-   // `announce`, first prints every record the table holds as a change (the
-   // table appeared after the watch began).
+   // `announce` (the table appeared after the watch began, which printed
+   // that it waited), first prints every record the table holds as a change.
    int ( *watch )( const std::string& path, WatchPrinter& out, int stopFd, bool announce );
    // Walks every record in shared memory and probes its key. Throws
    // Fable::CorruptionDetectedException on a record a probe cannot find or

@@ -325,6 +325,34 @@ TEST_F( LumenTool, WatchWaitsForATableAndReportsItsContentAsChanges ) {
    EXPECT_EQ( end.code, 0 ) << end.err;
 }
 
+// A table can appear before any writer has attached to it (its creator is
+// still attaching): the watch says it waits once, not once per look.
+TEST_F( LumenTool, WatchOfATableThatAppearsWithoutAWriterSaysItWaitsOnce ) {
+   {
+      Lumen::Writer< OrbEvpn::FloodEntry > floods;
+      floods.attach( "/t/made" );
+      floods.write( flood( 10, 9 ) );
+   }
+   LumenTest::editFile( root.file( "t.made" ), []( uint8_t* p, size_t ) {
+      reinterpret_cast< li::ControlHeader* >( p )->writerState = uint32_t( li::WriterState::none );
+   } );
+   ToolProcess watch( args( { "watch", "/t/flood", "--json" } ) );
+   EXPECT_EQ( Json::parse( watch.line( 10000 ) ),
+              Json::parse( R"({"op":"status","status":"waitingForWriter","count":0})" ) );
+   // The control file last, as a writer publishes it.
+   for ( const char* suffix : { "@1", "@wake", "" } ) {
+      std::filesystem::copy_file( root.file( std::string( "t.made" ) + suffix ),
+                                  root.file( std::string( "t.flood" ) + suffix ) );
+   }
+   EXPECT_EQ( Json::parse( watch.line( 10000 ) ),
+              Json::parse( R"({"op":"set","record":{"vni":10,"vtep":"192.0.2.9"}})" ) );
+   Lumen::Writer< OrbEvpn::FloodEntry > floods;
+   floods.attach( "/t/flood" );
+   std::string next = watch.line( 10000 );
+   EXPECT_EQ( Json::parse( next )[ "status" ], "mounted" ) << next;
+   EXPECT_EQ( watch.finish( 10000, SIGTERM ).code, 0 );
+}
+
 // ---- check
 
 class LumenToolCheck : public LumenTool {
