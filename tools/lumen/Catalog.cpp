@@ -65,7 +65,7 @@ std::vector< Json > dumpOf( const std::string& path ) {
 }
 
 template< class Record >
-int watchOf( const std::string& path, WatchPrinter& out, int stopFd, bool announce ) {
+int watchOf( const std::string& path, WatchPrinter& out, int stopFd, Found found ) {
    using Key = typename Lumen::Reader< Record >::Key;
    Lumen::Reader< Record > reader( path );
    try {
@@ -86,10 +86,10 @@ int watchOf( const std::string& path, WatchPrinter& out, int stopFd, bool announ
    // A table found while waiting may not have its writer attached yet: the
    // waiting line already said so.
    Lumen::MountStatus status = reader.mountStatus();
-   if ( !announce || status != Lumen::MountStatus::waitingForWriter ) {
+   if ( found == Found::atStart || status != Lumen::MountStatus::waitingForWriter ) {
       out.status( status, reader.count() );
    }
-   if ( announce ) {
+   if ( found == Found::afterWaiting ) {
       for ( const Json& r : sortedRecords( reader ) ) {
          out.set( r );
       }
@@ -246,7 +246,7 @@ std::vector< std::string_view > recordTypeNames() {
 }
 
 void WatchPrinter::emit( const char* op, const Json& line, const std::string& words ) {
-   if ( json_ ) {
+   if ( form_ == Form::json ) {
       printLine( line.dump() );
    } else {
       printLine( fmt::format( "{} {:<6} {}", clockText(), op, words ) );

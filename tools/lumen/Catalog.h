@@ -7,6 +7,7 @@
 #pragma once
 
 #include "platform/lumen/Options.h"
+#include "tools/lumen/Output.h"
 #include "tools/lumen/RecordForms.h"
 
 #include <cstdint>
@@ -24,7 +25,7 @@ inline constexpr int exitNoTable = 2;   // no such table, a malformed path, an u
 // The lines of `lumen watch`, in JSON or for people, each flushed at once.
 class WatchPrinter {
  public:
-   explicit WatchPrinter( bool json ) : json_( json ) {}
+   explicit WatchPrinter( Form form ) : form_( form ) {}
    void set( const Json& record );
    void del( const Json& key );
    void status( Lumen::MountStatus status, uint32_t count );
@@ -33,8 +34,12 @@ class WatchPrinter {
 
  private:
    void emit( const char* op, const Json& line, const std::string& words );
-   bool json_;
+   Form form_;
 };
+
+// When a watch found its table: there at the start, or after it had
+// printed that it waits for it.
+enum class Found { atStart, afterWaiting };
 
 // Every record's key probed from its home slot.
 struct KeyProbe {
@@ -49,10 +54,10 @@ struct RecordKind {
    // The records of the table at `path`, as a reader mounts them, sorted by
    // their text forms.
    std::vector< Json > ( *dump )( const std::string& path );
-   // Prints changes until `stopFd` is readable; the exit code. With
-   // `announce` (the table appeared after the watch began, which printed
-   // that it waited), first prints every record the table holds as a change.
-   int ( *watch )( const std::string& path, WatchPrinter& out, int stopFd, bool announce );
+   // Prints changes until `stopFd` is readable; the exit code. A table
+   // found afterWaiting is news: every record it holds is printed first, as
+   // a change.
+   int ( *watch )( const std::string& path, WatchPrinter& out, int stopFd, Found found );
    // Walks every record in shared memory and probes its key. Throws
    // Fable::CorruptionDetectedException on a record a probe cannot find or
    // finds different, a key held twice, or a count that differs from the

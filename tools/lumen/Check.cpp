@@ -69,7 +69,7 @@ std::string summaryOf( const Verdict& v ) {
 
 }  // namespace
 
-int checkTable( const std::string& path, bool json ) {
+int checkTable( const std::string& path, Form form ) {
    FoundTable found = findTable( path );
    if ( !found.info && found.exitCode == exitNoTable ) {
       complain( found.error );
@@ -85,7 +85,7 @@ int checkTable( const std::string& path, bool json ) {
          error = e.what();
       }
    }
-   if ( json ) {
+   if ( form == Form::json ) {
       Json out = { { "path", path }, { "ok", error.empty() } };
       if ( !error.empty() ) {
          out[ "error" ] = error;

@@ -3,18 +3,20 @@
 // (tools/lumen/Catalog.h). None writes a table.
 #pragma once
 
+#include "tools/lumen/Output.h"
+
 #include <string>
 
 namespace LumenTool {
 
 // Every table under the root with its type, counts, writer and size.
-int listTables( bool json );
+int listTables( Form form );
 // The records of one table.
-int dumpTable( const std::string& path, bool json );
+int dumpTable( const std::string& path, Form form );
 // One line per change of one table until SIGINT or SIGTERM.
-int watchTable( const std::string& path, bool json );
+int watchTable( const std::string& path, Form form );
 // Full validation of one table.
-int checkTable( const std::string& path, bool json );
+int checkTable( const std::string& path, Form form );
 
 // "lumen: " + message on stderr.
 void complain( const std::string& message );

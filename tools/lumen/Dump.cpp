@@ -41,7 +41,7 @@ void printRecords( const std::vector< Json >& records ) {
 
 }  // namespace
 
-int dumpTable( const std::string& path, bool json ) {
+int dumpTable( const std::string& path, Form form ) {
    FoundTable found = findTable( path );
    if ( !found.info ) {
       complain( found.error );
@@ -59,7 +59,7 @@ int dumpTable( const std::string& path, bool json ) {
       complain( e.what() );
       return exitFailed;
    }
-   if ( json ) {
+   if ( form == Form::json ) {
       Json out = { { "path", path },
                    { "type", info.typeName },
                    { "count", records.size() },

@@ -116,7 +116,7 @@ Json tableJson( const Entry& e ) {
 
 }  // namespace
 
-int listTables( bool json ) {
+int listTables( Form form ) {
    std::string root = Lumen::root();
    std::string error;
    std::set< std::string > names = namesUnder( root, error );
@@ -136,7 +136,7 @@ int listTables( bool json ) {
          ++damaged;
       }
    }
-   if ( json ) {
+   if ( form == Form::json ) {
       Json tables = Json::array();
       for ( const Entry& e : entries ) {
          tables.push_back( tableJson( e ) );

@@ -12,6 +12,9 @@
 
 namespace LumenTool {
 
+// What a command prints: text for people, or JSON for programs.
+enum class Form { text, json };
+
 // Columns padded to their widest cell, two spaces apart; numeric columns
 // are right-aligned, as in a router's show commands.
 class TextTable {

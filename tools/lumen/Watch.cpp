@@ -38,31 +38,30 @@ constexpr int appearPollMs = 50;
 
 }  // namespace
 
-int watchTable( const std::string& path, bool json ) {
+int watchTable( const std::string& path, Form form ) {
    int stopFd = stopSignals();
    if ( stopFd < 0 ) {
       complain( fmt::format( "cannot catch SIGINT and SIGTERM: {}", std::strerror( errno ) ) );
       return exitFailed;
    }
-   WatchPrinter out( json );
-   bool waited = false;
+   WatchPrinter out( form );
+   Found found = Found::atStart;
    for ( ;; ) {
-      FoundTable found = findTable( path );
-      if ( found.info ) {
-         const RecordKind* kind = kindOrComplain( *found.info );
+      FoundTable table = findTable( path );
+      if ( table.info ) {
+         const RecordKind* kind = kindOrComplain( *table.info );
          if ( !kind ) {
             return exitNoTable;
          }
-         // A table that appeared while we waited: its content is news.
-         return kind->watch( path, out, stopFd, waited );
+         return kind->watch( path, out, stopFd, found );
       }
-      if ( found.exitCode != exitNoTable || !isTablePath( path ) ) {
-         complain( found.error );
-         return found.exitCode;
+      if ( table.exitCode != exitNoTable || !isTablePath( path ) ) {
+         complain( table.error );
+         return table.exitCode;
       }
-      if ( !waited ) {
+      if ( found == Found::atStart ) {
          out.status( Lumen::MountStatus::waitingForWriter, 0 );
-         waited = true;
+         found = Found::afterWaiting;
       }
       struct pollfd stop = { stopFd, POLLIN, 0 };
       if ( ::poll( &stop, 1, appearPollMs ) > 0 ) {

@@ -66,17 +66,18 @@ int main( int argc, char** argv ) {
    if ( !root.empty() ) {
       Lumen::rootIs( root );
    }
+   Form form = json ? Form::json : Form::text;
    try {
       if ( ls->parsed() ) {
-         return listTables( json );
+         return listTables( form );
       }
       if ( dump->parsed() ) {
-         return dumpTable( path, json );
+         return dumpTable( path, form );
       }
       if ( watch->parsed() ) {
-         return watchTable( path, json );
+         return watchTable( path, form );
       }
-      return checkTable( path, json );
+      return checkTable( path, form );
    } catch ( const std::exception& e ) {
       complain( e.what() );
       return exitFailed;

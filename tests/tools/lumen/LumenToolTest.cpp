@@ -456,6 +456,17 @@ TEST_F( LumenToolCheck, ARecordItsProbeCannotReachIsReported ) {
    expectDamage( "is not found by a probe from its key's home slot" );
 }
 
+// A writer killed in the middle of a change leaves the slot busy; readers
+// that meet it report the table damaged until the next writer restores it.
+TEST_F( LumenToolCheck, ASlotLeftMidUpdateByAGoneWriterIsReported ) {
+   LumenTest::editFile( data(), []( uint8_t* p, size_t ) {
+      uint8_t* slot = firstLive( p );
+      ASSERT_NE( slot, nullptr );
+      *reinterpret_cast< uint32_t* >( slot ) |= li::slotBusy;
+   } );
+   expectDamage( "1 slot was left mid-update by a writer that is gone" );
+}
+
 TEST_F( LumenToolCheck, AKeyHeldTwiceIsReported ) {
    // Another live slot takes the first one's record: both are counted and
    // both look sound, but a reader only ever finds one.
