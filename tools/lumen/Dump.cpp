@@ -12,9 +12,14 @@ namespace LumenTool {
 
 namespace {
 
+// "seqNo" -> "SEQ NO": the JSON field names, in the upper case of a
+// router's show command.
 std::string titleOf( const std::string& field ) {
    std::string t;
    for ( char c : field ) {
+      if ( std::isupper( static_cast< unsigned char >( c ) ) && !t.empty() ) {
+         t += ' ';
+      }
       t += char( std::toupper( static_cast< unsigned char >( c ) ) );
    }
    return t;

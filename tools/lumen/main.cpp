@@ -34,6 +34,8 @@ int main( int argc, char** argv ) {
    auto jsonFlag = []( CLI::App* cmd, bool& flag ) {
       cmd->add_flag( "--json", flag, "print JSON instead of text" );
    };
+   jsonFlag( &app, json );   // before the command works too
+   app.fallthrough();        // and --root after it
    auto* ls = app.add_subcommand( "ls", "every table under the root: type, count, capacity, "
                                         "generation, writer, size" );
    jsonFlag( ls, json );
@@ -54,10 +56,10 @@ int main( int argc, char** argv ) {
    app.allow_extras();
    try {
       app.parse( argc, argv );
+      if ( !app.remaining().empty() ) {
+         throw CLI::ExtrasError( app.remaining() );
+      }
       if ( app.get_subcommands().empty() ) {
-         if ( !app.remaining().empty() ) {
-            throw CLI::ExtrasError( app.remaining() );
-         }
          throw CLI::RequiredError( "A command (ls, dump, watch or check)" );
       }
    } catch ( const CLI::ParseError& e ) {
