@@ -1,0 +1,167 @@
+// Inspection reads any table without its record type: the facts must be the
+// writer's, damage must be named, and a table that a live writer is changing
+// must never be called damaged.
+#include "platform/lumen/Inspect.h"
+#include "tests/platform/lumen/LumenTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+using namespace LumenTest;
+namespace li = Lumen::internal;
+
+class LumenInspect : public ::testing::Test {
+ protected:
+   LumenRoot root;
+};
+
+TEST_F( LumenInspect, ReportsWhatTheWriterMadeAndWhetherItLives ) {
+   EXPECT_FALSE( Lumen::inspect( "/lumen/none" ) );
+   EXPECT_FALSE( Lumen::census( "/lumen/none" ) );
+   EXPECT_THROW( Lumen::inspect( "lumen//bad" ), Mox::Exception );
+
+   Lumen::Writer< HostRec > writer( HostRec{}, { 64, 1024, 64 } );
+   writer.attach( "/lumen/hosts" );
+   for ( uint32_t n = 0; n < 10; ++n ) {
+      writer.write( HostRec::of( n, n ) );
+   }
+   writer.remove( MacKey::of( 3 ) );
+   auto info = Lumen::inspect( "/lumen/hosts" );
+   ASSERT_TRUE( info );
+   EXPECT_EQ( info->typeName, "LumenTest::HostRec" );
+   EXPECT_EQ( info->recordSize, sizeof( HostRec ) );
+   EXPECT_EQ( info->keySize, sizeof( MacKey ) );
+   EXPECT_EQ( info->count, 9u );
+   EXPECT_EQ( info->capacity, writer.capacity() );
+   EXPECT_EQ( info->writerPid, uint32_t( ::getpid() ) );
+   EXPECT_TRUE( info->writerAlive );
+   EXPECT_EQ( info->status, Lumen::MountStatus::mounted );
+   EXPECT_GE( info->generation, 1u );
+   EXPECT_EQ( info->owner, ::geteuid() );
+   auto census = Lumen::census( "/lumen/hosts" );
+   ASSERT_TRUE( census );
+   EXPECT_TRUE( census->settled );
+   EXPECT_EQ( census->live, 9u );
+   EXPECT_EQ( census->headerCount, 9u );
+   EXPECT_EQ( census->live + census->tombstones + census->empty, census->slotCount );
+
+   writer.detach();
+   info = Lumen::inspect( "/lumen/hosts" );
+   EXPECT_FALSE( info->writerAlive );
+   EXPECT_EQ( info->status, Lumen::MountStatus::writerGone );
+
+   // A writer killed while attached: its lock went with it.
+   Pipe ready;
+   pid_t child = startChild( [ & ] {
+      Lumen::Writer< HostRec > w;
+      w.attach( "/lumen/killed" );
+      ready.signal();
+      ::pause();
+      return 0;
+   } );
+   ASSERT_TRUE( ready.wait() );
+   EXPECT_TRUE( Lumen::inspect( "/lumen/killed" )->writerAlive );
+   ::kill( child, SIGKILL );
+   waitChild( child );
+   info = Lumen::inspect( "/lumen/killed" );
+   EXPECT_EQ( info->writerPid, uint32_t( child ) );
+   EXPECT_FALSE( info->writerAlive );
+   EXPECT_EQ( info->status, Lumen::MountStatus::writerGone );
+}
+
+// With no reader's own layout to compare, the header's layout fields are
+// checked against each other and against the signature.
+TEST_F( LumenInspect, ADamagedLayoutIsNamed ) {
+   {
+      Lumen::Writer< HostRec > writer;
+      writer.attach( "/lumen/good" );
+      writer.write( HostRec::of( 1, 1 ) );
+   }
+   auto ctl = []( uint8_t* p ) { return reinterpret_cast< li::ControlHeader* >( p ); };
+   struct Case {
+      std::function< void ( uint8_t* ) > edit;
+      std::string what;
+   };
+   std::vector< Case > cases = {
+      { [ & ]( uint8_t* p ) { ctl( p )->typeName[ 0 ] = 'X'; },
+        "layout signature" },
+      { [ & ]( uint8_t* p ) { ctl( p )->recordSize = 0; },
+        "record layout 'LumenTest::HostRec' (0 bytes, alignment 4, key 12 bytes) is not one a writer makes" },
+      { [ & ]( uint8_t* p ) { ctl( p )->recordAlign = 3; }, "is not one a writer makes" },
+      { [ & ]( uint8_t* p ) { p[ 0 ] ^= 0xff; }, "bad control magic" },
+      { [ & ]( uint8_t* p ) { ctl( p )->generation = 42; }, "segment of generation 42 is missing" },
+   };
+   for ( const auto& c : cases ) {
+      copyTable( root, "lumen.good", "lumen.bad" );
+      editFile( root.file( "lumen.bad" ), [ & ]( uint8_t* p, size_t ) { c.edit( p ); } );
+      std::string msg = whatOf< Fable::CorruptionDetectedException >( [] { Lumen::inspect( "/lumen/bad" ); } );
+      EXPECT_NE( msg.find( "Lumen table /lumen/bad: " ), std::string::npos ) << c.what;
+      EXPECT_NE( msg.find( c.what ), std::string::npos ) << msg;
+   }
+}
+
+TEST_F( LumenInspect, CensusFindsSlotsThatDisagreeWithTheHeaderAtRest ) {
+   {
+      Lumen::Writer< HostRec > writer;
+      writer.attach( "/lumen/hosts" );
+      for ( uint32_t n = 0; n < 10; ++n ) {
+         writer.write( HostRec::of( n, n ) );
+      }
+   }
+   editFile( root.file( "lumen.hosts@1" ), []( uint8_t* p, size_t ) {
+      reinterpret_cast< li::DataHeader* >( p )->tombstones = 2;
+   } );
+   std::string msg = whatOf< Fable::CorruptionDetectedException >( [] { Lumen::census( "/lumen/hosts" ); } );
+   EXPECT_NE( msg.find( "header counts 10 live and 2 removed slots, the slots of generation 1 hold "
+                        "10 live, 0 removed and 0 busy" ),
+              std::string::npos ) << msg;
+
+   // More slots in use than a writer ever fills, though each header count
+   // is within its bound: a probe for a missing key could circle.
+   editFile( root.file( "lumen.hosts@1" ), []( uint8_t* p, size_t ) {
+      auto* h = reinterpret_cast< li::DataHeader* >( p );
+      uint32_t limit = h->slotCount - h->slotCount / 8;
+      h->tombstones = 0;
+      for ( uint32_t i = 0; i < h->slotCount && h->count + h->tombstones <= limit; ++i ) {
+         auto* w = reinterpret_cast< uint32_t* >( p + sizeof( li::DataHeader ) + size_t( i ) * h->slotSize );
+         if ( ( *w & 3 ) == li::slotEmpty ) {
+            *w |= li::slotTombstone;
+            ++h->tombstones;
+         }
+      }
+   } );
+   msg = whatOf< Fable::CorruptionDetectedException >( [] { Lumen::census( "/lumen/hosts" ); } );
+   EXPECT_NE( msg.find( "1576 of 1800 slots are in use, more than the 1575 a writer ever fills" ),
+              std::string::npos ) << msg;
+}
+
+// A writer in full flight moves counts, slots and generations under the
+// walk; none of that is damage.
+TEST_F( LumenInspect, ATableChangingUnderTheWalkIsNeverCalledDamaged ) {
+   Lumen::Writer< HostRec > writer( HostRec{}, { 16, 1u << 16, 256 } );
+   writer.attach( "/lumen/busy" );
+   std::atomic< bool > stop{ false };
+   std::thread churn( [ & ] {
+      uint32_t counter = 0;
+      while ( !stop.load() ) {
+         for ( uint32_t n = 0; n < 300; ++n ) {
+            writer.write( HostRec::of( n, ++counter ) );
+         }
+         for ( uint32_t n = 0; n < 300; n += 2 ) {
+            writer.remove( MacKey::of( n ) );
+         }
+      }
+   } );
+   for ( int i = 0; i < 2000; ++i ) {
+      EXPECT_NO_THROW( Lumen::inspect( "/lumen/busy" ) );
+      EXPECT_NO_THROW( Lumen::census( "/lumen/busy" ) );
+   }
+   stop = true;
+   churn.join();
+   auto census = Lumen::census( "/lumen/busy" );
+   ASSERT_TRUE( census );
+   EXPECT_TRUE( census->settled );
+   EXPECT_EQ( census->live, writer.count() );
+}
