@@ -1,0 +1,632 @@
+#include "tools/agent/Agent.h"
+
+#include "platform/mox/Counters.h"
+#include "platform/trace/RingLog.h"
+#include "tools/common/Boundary.h"
+
+#include <fmt/format.h>
+
+#include <csignal>
+#include <cstdio>
+#include <sstream>
+#include <stdexcept>
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+namespace Agent {
+
+using Json = nlohmann::json;
+namespace Boundary = OrbEvpn::Boundary;
+
+// Hears every write of the integration flag (the mode machine writes it on
+// each recompute, changed or not).
+class Agent::ConfigWatch : public Mox::PtrInterface::NotifieeConst {
+   MOX_ALLOC_TRACKED( ConfigWatch )
+
+ public:
+   ConfigWatch( const Mox::PtrInterface* config, Agent* agent )
+         : NotifieeConst( config ), agent_( agent ) {}
+   void onAttribute( Mox::AttributeId, const void* ) override {
+      if ( !agent_ ) {
+         return;
+      }
+      agent_->publishFlag();
+      if ( agent_->machinesStarted_ && !agent_->reconcilePending_ ) {
+         // Not from inside the mode machine's handler: on the next round.
+         agent_->reconcilePending_ = true;
+         Agent* a = agent_;
+         a->loop_.workIs( [ a ] {
+            a->reconcilePending_ = false;
+            a->reconcile();
+            return false;
+         } );
+      }
+   }
+   Agent* agent_;
+};
+
+Agent::Agent( Options o ) : o_( std::move( o ) ) {
+   Boundary::checkPrefix( o_.prefix );
+   tty_ = ::isatty( 2 );
+   plugin_ = &PluginHost::load();
+   if ( !o_.recordEvents.empty() ) {
+      record_.open( o_.recordEvents, std::ios::out | std::ios::trunc );
+      if ( !record_ ) {
+         throw std::runtime_error( fmt::format( "cannot write --record-events {}", o_.recordEvents ) );
+      }
+   }
+}
+
+Agent::~Agent() {
+   // Machines first, without cleanup(): what they exported stays for the
+   // next start to reconcile. Then the tables, which keep their content.
+   if ( configWatch_ ) {
+      static_cast< ConfigWatch* >( configWatch_.ptr() )->agent_ = nullptr;
+      configWatch_->isRegisteredNotifieeIs( false );
+   }
+   tx_ = nullptr;
+   rx_ = nullptr;
+   mode_ = nullptr;
+   input_.reset();
+   control_.reset();
+   http_.reset();
+   for ( int fd : { signalFd_, tickTimer_, churnTimer_ } ) {
+      if ( fd >= 0 ) {
+         ::close( fd );
+      }
+   }
+}
+
+// ---- start-up
+
+void Agent::mountTables() {
+   auto t = Clock::now();
+   root_ = Mox::Dir::DirIs( o_.prefix );
+   exportDir_ = Mox::Dir::DirIs( "export" );
+   root_->entityPtrIs( exportDir_ );
+   // Through the framework, as for any registered entity type: filing a
+   // table in the tree attaches it at <prefix>/export/<name>.
+   hostOut_ = Mox::ptrCast< OrbEvpn::HostTable >( exportDir_->newEntity( "OrbEvpn::HostTable", "host" ) );
+   floodOut_ = Mox::ptrCast< OrbEvpn::FloodTable >( exportDir_->newEntity( "OrbEvpn::FloodTable", "flood" ) );
+   if ( !hostOut_ || !floodOut_ ) {
+      throw std::runtime_error( "the plug-in made no exchange tables" );
+   }
+   brIds_ = OrbEvpn::OrbBrIdList::OrbBrIdListIs( "brIdList" );
+   root_->entityPtrIs( brIds_ );
+   configOut_ = std::make_unique< Lumen::Writer< OrbEvpn::OrbEvpnConfigRecord > >();
+   configOut_->attach( Boundary::pathOf( o_.prefix, Boundary::config ) );
+   phases_.takeover = msBetween( t, Clock::now() );
+
+   t = Clock::now();
+   evpnHost_ = OrbEvpn::HostTable::HostTableReaderIs( "evpnHost", Boundary::pathOf( o_.prefix, Boundary::evpnHost ) );
+   evpnFlood_ =
+      OrbEvpn::FloodTable::FloodTableReaderIs( "evpnFlood", Boundary::pathOf( o_.prefix, Boundary::evpnFlood ) );
+   capabilityIn_ = std::make_unique< Lumen::Reader< OrbEvpn::EvpnCapabilityRecord > >(
+      Boundary::pathOf( o_.prefix, Boundary::evpnCapability ) );
+   auto feedCapability = [ this ] {
+      const bool on = capabilityIn_->lookup( OrbEvpn::SingletonKey{} ).evpnEnabled != 0;
+      if ( on != model_.capability()->evpnEnabled() ) {
+         model_.capability()->evpnEnabledIs( on );
+      }
+   };
+   feedCapability();
+   capabilityIn_->onKeyIs( [ feedCapability ]( const OrbEvpn::SingletonKey& ) { feedCapability(); } );
+   watchReader( evpnHost_->fd(), [ this ] { evpnHost_->dispatch(); } );
+   watchReader( evpnFlood_->fd(), [ this ] { evpnFlood_->dispatch(); } );
+   watchReader( capabilityIn_->fd(), [ this ] { capabilityIn_->dispatch(); } );
+   phases_.mount = msBetween( t, Clock::now() );
+
+   configWatch_ = Mox::Ptr< Mox::PtrInterface::NotifieeConst >( new ConfigWatch( model_.config().ptr(), this ) );
+   configWatch_->isRegisteredNotifieeIs( true );
+   configWatch_->hasNotificationActiveIs( true );
+}
+
+void Agent::watchReader( int fd, std::function< void() > dispatch ) {
+   loop_.add( fd, [ dispatch ]( uint32_t ) { dispatch(); } );
+}
+
+void Agent::listExportedBridgeIds() {
+   const auto t = Clock::now();
+   auto list = [ this ]( uint32_t vni ) {
+      const Bridging::BridgeId id( ( Vxlan::Vni( vni ) ) );
+      if ( !brIds_->brIdListContains( id ) ) {
+         brIds_->brIdListIs( id, true );
+      }
+   };
+   for ( auto it = hostOut_->hostIterConst(); it; ++it ) {
+      list( it.key().vni().value() );
+   }
+   for ( auto it = floodOut_->floodEntryIterConst(); it; ++it ) {
+      list( it.key().vni().value() );
+   }
+   phases_.sweeps = msBetween( t, Clock::now() );
+}
+
+void Agent::startInput() {
+   modelStart_ = Clock::now();
+   if ( o_.input.empty() ) {
+      startDemo();
+      return;
+   }
+   input_ = std::make_unique< Input >(
+      loop_, o_.input, [ this ]( std::string_view line, uint64_t n ) { onLine( line, n ); },
+      [ this ] { inputDone(); } );
+}
+
+void Agent::startDemo() {
+   demo_ = std::make_unique< Demo >( o_.demo );
+   loop_.workIs( [ this ] {
+      std::vector< Event > batch;
+      const bool more = demo_->snapshot( batch, 2048 );
+      for ( const Event& e : batch ) {
+         apply( e );
+      }
+      if ( tty_ && ( ticks_ % 1 == 0 ) ) {
+         const double f = double( demo_->snapshotDone() ) / double( demo_->snapshotSize() );
+         const int width = 40, done = int( f * width );
+         std::fprintf( stderr, "\rloading demo [%s%s] %3d%% %zu/%zu events\x1b[K",
+                       std::string( size_t( done ), '#' ).c_str(),
+                       std::string( size_t( width - done ), '.' ).c_str(), int( f * 100 ),
+                       demo_->snapshotDone(), demo_->snapshotSize() );
+         progressShown_ = true;
+         if ( !more ) {
+            std::fputc( '\n', stderr );
+         }
+      }
+      if ( more ) {
+         return true;
+      }
+      if ( o_.demoChurnSeconds <= 0 ) {
+         inputDone();
+         return false;
+      }
+      churnUntil_ = Clock::now() + std::chrono::milliseconds( int64_t( o_.demoChurnSeconds * 1000 ) );
+      churnTimer_ = EventLoop::periodicTimer( 100 );
+      loop_.add( churnTimer_, [ this ]( uint32_t ) {
+         EventLoop::drainTimer( churnTimer_ );
+         std::vector< Event > churn;
+         demo_->churn( churn, std::max< uint32_t >( 1, o_.demoChurnRate / 10 ) );
+         for ( const Event& e : churn ) {
+            apply( e );
+         }
+         if ( Clock::now() >= churnUntil_ ) {
+            loop_.remove( churnTimer_ );
+            ::close( churnTimer_ );
+            churnTimer_ = -1;
+            inputDone();
+         }
+      } );
+      return false;
+   } );
+}
+
+void Agent::inputDone() {
+   inputEnded_ = true;
+   inputEndedAt_ = Clock::now();
+   if ( record_.is_open() ) {
+      record_.flush();
+   }
+   if ( !snapshotEnded_ ) {
+      endOfSnapshot( "the input ended" );
+   }
+}
+
+void Agent::endOfSnapshot( const char* why ) {
+   if ( snapshotEnded_ ) {
+      return;
+   }
+   snapshotEnded_ = true;
+   phases_.model = msBetween( modelStart_, Clock::now() );
+   if ( std::string_view( why ) != "synced" ) {
+      std::fprintf( stderr, "orbevpn-agent: starting without {\"op\":\"synced\"}: %s\n", why );
+   }
+   startMachines();
+}
+
+void Agent::startMachines() {
+   const auto t = Clock::now();
+   machinesStarted_ = true;
+   Mox::Ptr< const Controllerdb::Status > status = model_.controllerdb();
+   Mox::Ptr< const OrbEvpn::EvpnCapability > capability = model_.capability();
+   Mox::Ptr< OrbEvpn::OrbEvpnConfig > config = model_.config();
+   mode_ = plugin_->create( "OrbEvpn::OrbEvpnIntegrationModeSm", { &status, &capability, &config } );
+   reconcile();
+   machinesAt_ = Clock::now();
+   phases_.exportMs = msBetween( t, machinesAt_ );
+}
+
+void Agent::reconcile() {
+   if ( !mode_ ) {
+      return;
+   }
+   if ( !model_.config()->orbEvpnIntegrationMode() ) {
+      paused_ = false;
+      dropMachines();
+      return;
+   }
+   if ( paused_ ) {
+      return;
+   }
+   // Import first: the export then starts knowing what the EVPN side
+   // provided, and never exports (to withdraw at once) an echo of it.
+   if ( !rx_ ) {
+      Mox::Ptr< const OrbEvpn::HostTable > h = evpnHost_;
+      Mox::Ptr< const OrbEvpn::FloodTable > f = evpnFlood_;
+      Mox::Ptr< VxlanController::VniStatusDirV2 > dir = model_.evpnDir();
+      rx_ = plugin_->create( "VxlanController::OrbEvpnRxSm", { &h, &f, &dir } );
+   }
+   if ( !tx_ ) {
+      Mox::Ptr< const Mox::Dir > vniDir = model_.vniDir();
+      Mox::Ptr< const VxlanController::VniStatusDirV2 > evpnDir = model_.evpnDir();
+      tx_ = plugin_->create( "OrbEvpn::OrbEvpnTxSm", { &vniDir, &evpnDir, &brIds_, &hostOut_, &floodOut_ } );
+      ++counts_.machineStarts;
+   }
+}
+
+void Agent::dropMachines() {
+   if ( !tx_ && !rx_ ) {
+      return;
+   }
+   if ( tx_ ) {
+      plugin_->invoke( tx_, "cleanup" );
+   }
+   if ( rx_ ) {
+      plugin_->invoke( rx_, "cleanup" );
+   }
+   tx_ = nullptr;
+   rx_ = nullptr;
+   ++counts_.cleanups;
+}
+
+void Agent::publishFlag() {
+   OrbEvpn::OrbEvpnConfigRecord r;
+   r.orbEvpnIntegrationMode = model_.config()->orbEvpnIntegrationMode() ? 1 : 0;
+   if ( !configOut_->contains( r.id ) ||
+        configOut_->lookup( r.id ).orbEvpnIntegrationMode != r.orbEvpnIntegrationMode ) {
+      configOut_->write( r );
+   }
+}
+
+// ---- events
+
+void Agent::onLine( std::string_view line, uint64_t number ) {
+   if ( line.find_first_not_of( " \t\r" ) == std::string_view::npos ) {
+      return;   // blank lines separate nothing and mean nothing
+   }
+   Parsed p = parseEvent( line );
+   if ( auto* reason = std::get_if< std::string >( &p ) ) {
+      ++counts_.badLines;
+      std::fprintf( stderr, "line %llu: %s\n", (unsigned long long)number, reason->c_str() );
+      return;
+   }
+   const Event& e = std::get< Event >( p );
+   if ( std::string_view table = tableWritten( e.op ); !table.empty() ) {
+      const std::string refusal = Boundary::refuseWrite( o_.prefix, table, Boundary::Side::agent );
+      if ( !refusal.empty() ) {
+         ++counts_.refused;
+         std::fprintf( stderr, "line %llu: %s\n", (unsigned long long)number, refusal.c_str() );
+         return;
+      }
+   }
+   try {
+      apply( e );
+   } catch ( const std::exception& x ) {
+      ++counts_.badLines;
+      std::fprintf( stderr, "line %llu: %s\n", (unsigned long long)number, x.what() );
+   }
+}
+
+void Agent::apply( const Event& e ) {
+   if ( record_.is_open() ) {
+      record_ << eventJson( e ) << '\n';
+   }
+   model_.apply( e );
+   ++counts_.events;
+   if ( e.op == Event::Op::synced ) {
+      ++counts_.synced;
+      if ( record_.is_open() ) {
+         record_.flush();
+      }
+      endOfSnapshot( "synced" );
+   }
+}
+
+// ---- the periodic check
+
+void Agent::onTick() {
+   ++ticks_;
+   const auto now = Clock::now();
+   const double dt = msBetween( lastRateAt_, now ) / 1000.0;
+   if ( dt >= 1.0 || ( dt > 0 && ticks_ % 5 == 0 ) ) {
+      eventsPerSecond_ = double( counts_.events - lastEvents_ ) / dt;
+      lastEvents_ = counts_.events;
+      lastRateAt_ = now;
+   }
+   if ( !snapshotEnded_ && msBetween( modelStart_, now ) > o_.syncTimeout * 1000 ) {
+      endOfSnapshot( "--sync-timeout passed" );
+   }
+   auto count = []( const char* name ) { return Mox::counter( name ).value(); };
+   const std::array< uint64_t, 8 > heads{ evpnHost_->feedHead(),   evpnFlood_->feedHead(),
+                                          capabilityIn_->feedHead(), count( "hostIs" ) + count( "hostDel" ),
+                                          count( "floodEntryIs" ) + count( "floodEntryDel" ),
+                                          brIds_->brIdListSize(),    counts_.events,
+                                          counts_.cleanups + counts_.machineStarts };
+   if ( heads != heads_ ) {
+      heads_ = heads;
+      stableTicks_ = 0;
+      lastChange_ = now;
+   } else {
+      ++stableTicks_;
+   }
+   std::string why;
+   const bool steady = steadyNow( why );
+   if ( steady && phases_.steady < 0 ) {
+      auto at = std::max( { lastChange_, inputEndedAt_, machinesAt_ } );
+      phases_.steady = msBetween( start_, at );
+   }
+   steady_ = steady;
+   if ( tty_ && ( ticks_ % std::max< uint32_t >( 1, 1000 / o_.statusPeriodMs ) == 0 ) ) {
+      statusLine( false );
+   }
+   if ( http_ ) {
+      http_->textIs( metricsText() );
+   }
+   if ( o_.untilSteady ) {
+      if ( steady ) {
+         loop_.stop();
+      } else if ( msBetween( start_, now ) > o_.steadyTimeout * 1000 ) {
+         std::fprintf( stderr, "orbevpn-agent: not steady after %g s: %s\n", o_.steadyTimeout, why.c_str() );
+         exitCode_ = 3;
+         loop_.stop();
+      }
+   }
+}
+
+bool Agent::steadyNow( std::string& why ) {
+   if ( !inputEnded_ ) {
+      why = "the input is not consumed yet";
+      return false;
+   }
+   if ( !machinesStarted_ ) {
+      why = "the machines are not started";
+      return false;
+   }
+   if ( evpnHost_->dispatchPending() ) {
+      why = "the reader of evpn/host has a dispatch pending";
+      return false;
+   }
+   if ( evpnFlood_->dispatchPending() ) {
+      why = "the reader of evpn/flood has a dispatch pending";
+      return false;
+   }
+   if ( capabilityIn_->dispatchPending() ) {
+      why = "the reader of evpn/capability has a dispatch pending";
+      return false;
+   }
+   if ( stableTicks_ < 2 ) {
+      why = "feed heads still moving";
+      return false;
+   }
+   return true;
+}
+
+void Agent::statusLine( bool final ) {
+   const Json s = statusJson();
+   std::fprintf( stderr,
+                 "\r%zu VNIs | exported %u hosts %u flood %zu brIds | imported %zu hosts %zu flood | "
+                 "%.0f events/s%s\x1b[K%s",
+                 model_.vnis(), hostOut_->hosts(), floodOut_->floodEntries(), brIds_->brIdListSize(),
+                 model_.importedHosts(), model_.importedFlood(), eventsPerSecond_,
+                 steady_ ? " | steady" : "", final ? "\n" : "" );
+}
+
+// ---- reports
+
+Json Agent::statusJson() const {
+   return { { "steady", steady_ },
+            { "integrationMode", model_.config()->orbEvpnIntegrationMode() },
+            { "controllerdbEnabled", model_.controllerdb()->enabled() },
+            { "evpnEnabled", model_.capability()->evpnEnabled() },
+            { "vnis", model_.vnis() },
+            { "exported",
+              { { "hosts", hostOut_ ? hostOut_->hosts() : 0u },
+                { "flood", floodOut_ ? floodOut_->floodEntries() : 0u },
+                { "brIds", brIds_ ? brIds_->brIdListSize() : 0u } } },
+            { "imported", { { "hosts", model_.importedHosts() }, { "flood", model_.importedFlood() } } },
+            { "events", counts_.events },
+            { "badLines", counts_.badLines },
+            { "refused", counts_.refused },
+            { "eventsPerSecond", eventsPerSecond_ },
+            { "machines", tx_ ? "running" : paused_ ? "cleaned up on demand" : "not running" } };
+}
+
+Json Agent::countersJson() const {
+   Json c = { { "events", counts_.events },
+              { "badLines", counts_.badLines },
+              { "refused", counts_.refused },
+              { "synced", counts_.synced },
+              { "cleanups", counts_.cleanups },
+              { "machineStarts", counts_.machineStarts } };
+   Json tables = Json::object();
+   for ( const auto& [ name, value ] : Mox::counters() ) {
+      tables[ name ] = value;
+   }
+   c[ "tables" ] = tables;
+   return c;
+}
+
+Json Agent::statsJson() const {
+   Json s = countersJson();
+   const double loadSeconds = msBetween( modelStart_, inputEnded_ ? inputEndedAt_ : Clock::now() ) / 1000.0;
+   s[ "eventsPerSecond" ] = loadSeconds > 0 ? double( counts_.events ) / loadSeconds : 0.0;
+   s[ "steady" ] = steady_;
+   s[ "timeToSteadyMs" ] = { { "total", phases_.steady },     { "takeover", phases_.takeover },
+                             { "mount", phases_.mount },      { "sweeps", phases_.sweeps },
+                             { "model", phases_.model },      { "export", phases_.exportMs } };
+   s[ "peakRssBytes" ] = peakRssBytes();
+   const Json st = statusJson();
+   s[ "vnis" ] = st[ "vnis" ];
+   s[ "exported" ] = st[ "exported" ];
+   s[ "imported" ] = st[ "imported" ];
+   return s;
+}
+
+std::vector< Metric > Agent::metrics() const {
+   std::vector< Metric > m{
+      { "events_total", "counter", "Controller events applied.", double( counts_.events ), "" },
+      { "bad_lines_total", "counter", "Input lines skipped as malformed or out of range.", double( counts_.badLines ), "" },
+      { "refused_total", "counter", "Input lines refused: they would write a table another process owns.", double( counts_.refused ), "" },
+      { "cleanups_total", "counter", "Times the export and import were cleaned up and stopped.", double( counts_.cleanups ), "" },
+      { "steady", "gauge", "1 when input, readers and feeds are all quiet.", steady_ ? 1.0 : 0.0, "" },
+      { "integration_mode", "gauge", "The integration flag the agent publishes.", model_.config()->orbEvpnIntegrationMode() ? 1.0 : 0.0, "" },
+      { "vnis", "gauge", "VNIs in the controller model.", double( model_.vnis() ), "" },
+      { "exported_hosts", "gauge", "Records in the export host table.", double( hostOut_ ? hostOut_->hosts() : 0 ), "" },
+      { "exported_flood", "gauge", "Records in the export flood table.", double( floodOut_ ? floodOut_->floodEntries() : 0 ), "" },
+      { "exported_bridge_ids", "gauge", "Bridge ids listed.", double( brIds_ ? brIds_->brIdListSize() : 0 ), "" },
+      { "imported_hosts", "gauge", "Hosts mirrored from the EVPN side.", double( model_.importedHosts() ), "" },
+      { "imported_flood", "gauge", "Flood VTEPs mirrored from the EVPN side.", double( model_.importedFlood() ), "" },
+      { "events_per_second", "gauge", "Recent rate of applied events.", eventsPerSecond_, "" },
+      { "peak_rss_bytes", "gauge", "Peak resident set size.", double( peakRssBytes() ), "" },
+   };
+   for ( const auto& [ name, value ] : Mox::counters() ) {
+      m.push_back( { "table_operations_total", "counter", "Operations of the shared tables, by counter.",
+                     double( value ), fmt::format( "counter=\"{}\"", name ) } );
+   }
+   return m;
+}
+
+std::string Agent::metricsText() const { return prometheusText( metrics() ); }
+
+std::string Agent::command( const std::string& line ) {
+   std::istringstream in( line );
+   std::vector< std::string > w;
+   for ( std::string s; in >> s; ) {
+      w.push_back( s );
+   }
+   const bool json = !w.empty() && w.back() == "--json";
+   if ( json ) {
+      w.pop_back();
+   }
+   auto is = [ & ]( std::initializer_list< const char* > words ) {
+      if ( w.size() != words.size() ) {
+         return false;
+      }
+      size_t i = 0;
+      for ( const char* x : words ) {
+         if ( w[ i++ ] != x ) {
+            return false;
+         }
+      }
+      return true;
+   };
+   if ( is( { "status" } ) ) {
+      if ( json ) {
+         return statusJson().dump() + "\n";
+      }
+      const Json s = statusJson();
+      std::string out;
+      for ( const auto& [ k, v ] : s.items() ) {
+         out += fmt::format( "{:<20} {}\n", k, v.dump() );
+      }
+      return out;
+   }
+   if ( is( { "counters" } ) ) {
+      const Json c = countersJson();
+      if ( json ) {
+         return c.dump() + "\n";
+      }
+      std::string out;
+      for ( const auto& [ k, v ] : c.items() ) {
+         if ( k == "tables" ) {
+            for ( const auto& [ tk, tv ] : v.items() ) {
+               out += fmt::format( "{:<20} {}\n", tk, tv.dump() );
+            }
+         } else {
+            out += fmt::format( "{:<20} {}\n", k, v.dump() );
+         }
+      }
+      return out;
+   }
+   if ( is( { "trace" } ) ) {
+      std::string out;
+      for ( const auto& l : Trace::RingLog::lines() ) {
+         out += l + "\n";
+      }
+      return out.empty() ? "(the trace ring is empty; enable levels with --trace)\n" : out;
+   }
+   if ( is( { "cleanup" } ) ) {
+      const bool running = tx_ || rx_;
+      dropMachines();
+      paused_ = true;
+      return running ? "export and import cleaned up; they start again when the integration flag next turns on\n"
+                     : "export and import were not running\n";
+   }
+   if ( is( { "metrics" } ) ) {
+      return metricsText();
+   }
+   if ( is( { "dump", "controller" } ) ) {
+      return json ? model_.controllerJson().dump() + "\n" : model_.controllerJson().dump( 2 ) + "\n";
+   }
+   if ( is( { "dump", "import" } ) ) {
+      return json ? model_.importJson().dump() + "\n" : model_.importJson().dump( 2 ) + "\n";
+   }
+   if ( !w.empty() && w[ 0 ] == "write" && w.size() >= 2 ) {
+      const std::string refusal = Boundary::refuseWrite( o_.prefix, w[ 1 ], Boundary::Side::agent );
+      if ( !refusal.empty() ) {
+         return "error: " + refusal + "\n";
+      }
+      return fmt::format( "error: {} is written by the agent's own machines, not by command\n",
+                          Boundary::pathOf( o_.prefix, w[ 1 ] ) );
+   }
+   return fmt::format( "error: unknown command \"{}\"; try status, counters, trace, cleanup, metrics, "
+                       "dump controller, dump import (with --json where it applies)\n",
+                       line );
+}
+
+// ---- the run
+
+int Agent::run() {
+   sigset_t signals;
+   sigemptyset( &signals );
+   sigaddset( &signals, SIGINT );
+   sigaddset( &signals, SIGTERM );
+   signalFd_ = ::signalfd( -1, &signals, SFD_CLOEXEC | SFD_NONBLOCK );
+   loop_.add( signalFd_, [ this ]( uint32_t ) {
+      signalfd_siginfo si;
+      while ( ::read( signalFd_, &si, sizeof si ) == sizeof si ) {
+      }
+      loop_.stop();
+   } );
+
+   mountTables();              // (a)
+   listExportedBridgeIds();    // (b)
+   control_ = std::make_unique< ControlServer >( loop_, o_.control.empty() ? defaultControlPath() : o_.control,
+                                                 [ this ]( const std::string& l ) { return command( l ); } );
+   if ( !o_.metricsListen.empty() ) {
+      http_ = std::make_unique< MetricsHttp >( o_.metricsListen, o_.metricsAnyAddress );
+      http_->textIs( metricsText() );
+   }
+   tickTimer_ = EventLoop::periodicTimer( o_.statusPeriodMs );
+   loop_.add( tickTimer_, [ this ]( uint32_t ) {
+      EventLoop::drainTimer( tickTimer_ );
+      onTick();
+   } );
+   startInput();               // (c), then (d) when the snapshot ends
+   loop_.run();
+
+   if ( tty_ ) {
+      statusLine( true );
+   }
+   if ( record_.is_open() ) {
+      record_.flush();
+   }
+   if ( o_.statsJson ) {
+      std::printf( "%s\n", statsJson().dump().c_str() );
+      std::fflush( stdout );
+   }
+   return exitCode_;
+}
+
+}  // namespace Agent
