@@ -163,7 +163,7 @@ void Agent::startDemo() {
       for ( const Event& e : batch ) {
          apply( e );
       }
-      if ( tty_ && ( ticks_ % 1 == 0 ) ) {
+      if ( tty_ ) {
          const double f = double( demo_->snapshotDone() ) / double( demo_->snapshotSize() );
          const int width = 40, done = int( f * width );
          std::fprintf( stderr, "\rloading demo [%s%s] %3d%% %zu/%zu events\x1b[K",
@@ -607,6 +607,8 @@ int Agent::run() {
    if ( !o_.metricsListen.empty() ) {
       http_ = std::make_unique< MetricsHttp >( o_.metricsListen, o_.metricsAnyAddress );
       http_->textIs( metricsText() );
+      std::fprintf( stderr, "orbevpn-agent: metrics at http://%s:%d/metrics\n",
+                    o_.metricsListen.substr( 0, o_.metricsListen.rfind( ':' ) ).c_str(), http_->port() );
    }
    tickTimer_ = EventLoop::periodicTimer( o_.statusPeriodMs );
    loop_.add( tickTimer_, [ this ]( uint32_t ) {

@@ -11,6 +11,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <httplib.h>
 #include <nlohmann/json.hpp>
 
 #include <chrono>
@@ -21,7 +22,9 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -466,4 +469,64 @@ TEST_F( AgentProcess, UntilSteadyGivesUpWithTheReason ) {
                   "--sync-timeout", "0.2" } );
    EXPECT_EQ( r.code(), 3 );
    EXPECT_THAT( r.err, HasSubstr( "not steady after 1 s: the input is not consumed yet" ) );
+}
+
+TEST_F( AgentProcess, EventsFromAUnixSocketAndMetricsOverHttp ) {
+   capabilityIs( true );
+   const std::string sock = file( "feed.sock" );
+   const pid_t pid = spawn( { "--input", "unix:" + sock, "--until-steady", "--metrics-listen", "127.0.0.1:0",
+                              "--trace", "OrbEvpnModeSm/8" } );
+   const std::string out = lastOut_, err = lastErr_;
+   int fd = -1;
+   for ( int i = 0; i < 200 && fd < 0; ++i ) {
+      sockaddr_un addr{};
+      addr.sun_family = AF_UNIX;
+      std::snprintf( addr.sun_path, sizeof addr.sun_path, "%s", sock.c_str() );
+      fd = ::socket( AF_UNIX, SOCK_STREAM, 0 );
+      if ( ::connect( fd, reinterpret_cast< sockaddr* >( &addr ), sizeof addr ) != 0 ) {
+         ::close( fd );
+         fd = -1;
+         std::this_thread::sleep_for( std::chrono::milliseconds( 20 ) );
+      }
+   }
+   ASSERT_GE( fd, 0 ) << "the agent does not listen on " << sock;
+   std::string text;
+   for ( const auto& l : smallInput ) text += l + "\n";
+   ASSERT_EQ( ::write( fd, text.data(), text.size() ), ssize_t( text.size() ) );
+   waitFor( []( const Json& s ) { return s[ "exported" ][ "hosts" ] == 3; }, "the socket's events" );
+
+   // The metrics line on stderr names the port the server took.
+   const std::string e = slurp( err );
+   const std::string tag = "metrics at http://127.0.0.1:";
+   ASSERT_NE( e.find( tag ), std::string::npos ) << e;
+   const int port = std::stoi( e.substr( e.find( tag ) + tag.size() ) );
+   httplib::Client http( "127.0.0.1", port );
+   int status = 0;
+   std::string body;
+   for ( int i = 0; i < 50; ++i ) {   // the text is refreshed every status period
+      auto res = http.Get( "/metrics" );
+      if ( res ) {
+         status = res->status;
+         body = res->body;
+      }
+      if ( body.find( "\norbevpn_agent_exported_hosts 3\n" ) != std::string::npos ) break;
+      std::this_thread::sleep_for( std::chrono::milliseconds( 50 ) );
+   }
+   EXPECT_EQ( status, 200 );
+   EXPECT_THAT( body, HasSubstr( "\norbevpn_agent_exported_hosts 3\n" ) );
+   EXPECT_THAT( body, HasSubstr( "# TYPE orbevpn_agent_integration_mode gauge\norbevpn_agent_integration_mode 1\n" ) );
+
+   Run t = ctl( { "trace" } );
+   EXPECT_THAT( t.out, HasSubstr( "OrbEvpnModeSm 8 Turning orbEvpnIntegrationMode ON" ) );
+
+   ::close( fd );   // the end of the stream: the input is consumed
+   Run r = wait( pid, out, err );
+   EXPECT_EQ( r.code(), 0 ) << r.err;
+   EXPECT_EQ( hosts(), smallHosts );
+}
+
+TEST_F( AgentProcess, MetricsStayOnLoopbackUnlessTold ) {
+   Run r = run( { "--input", events( "in.jsonl", smallInput ), "--metrics-listen", "0.0.0.0:0" } );
+   EXPECT_EQ( r.code(), 2 );
+   EXPECT_THAT( r.err, HasSubstr( "--metrics-listen 0.0.0.0:0: not a loopback address" ) );
 }
