@@ -124,7 +124,10 @@ void Agent::mountTables() {
 }
 
 void Agent::watchReader( int fd, std::function< void() > dispatch ) {
-   loop_.add( fd, [ dispatch ]( uint32_t ) { dispatch(); } );
+   loop_.add( fd, [ this, dispatch ]( uint32_t ) {
+      dispatch();
+      lastActivity_ = Clock::now();
+   } );
 }
 
 void Agent::listExportedBridgeIds() {
@@ -256,12 +259,14 @@ void Agent::reconcile() {
       Mox::Ptr< const OrbEvpn::FloodTable > f = evpnFlood_;
       Mox::Ptr< VxlanController::VniStatusDirV2 > dir = model_.evpnDir();
       rx_ = plugin_->create( "VxlanController::OrbEvpnRxSm", { &h, &f, &dir } );
+      lastActivity_ = Clock::now();
    }
    if ( !tx_ ) {
       Mox::Ptr< const Mox::Dir > vniDir = model_.vniDir();
       Mox::Ptr< const VxlanController::VniStatusDirV2 > evpnDir = model_.evpnDir();
       tx_ = plugin_->create( "OrbEvpn::OrbEvpnTxSm", { &vniDir, &evpnDir, &brIds_, &hostOut_, &floodOut_ } );
       ++counts_.machineStarts;
+      lastActivity_ = Clock::now();
    }
 }
 
@@ -278,6 +283,7 @@ void Agent::dropMachines() {
    tx_ = nullptr;
    rx_ = nullptr;
    ++counts_.cleanups;
+   lastActivity_ = Clock::now();
 }
 
 void Agent::publishFlag() {
@@ -324,6 +330,7 @@ void Agent::apply( const Event& e ) {
    }
    model_.apply( e );
    ++counts_.events;
+   lastActivity_ = Clock::now();
    if ( e.op == Event::Op::synced ) {
       ++counts_.synced;
       if ( record_.is_open() ) {
@@ -356,14 +363,15 @@ void Agent::onTick() {
    if ( heads != heads_ ) {
       heads_ = heads;
       stableTicks_ = 0;
-      lastChange_ = now;
    } else {
       ++stableTicks_;
    }
    std::string why;
    const bool steady = steadyNow( why );
    if ( steady && phases_.steady < 0 ) {
-      auto at = std::max( { lastChange_, inputEndedAt_, machinesAt_ } );
+      // The heads are sampled once a period; the last thing done is known
+      // to the moment.
+      auto at = std::max( { lastActivity_, inputEndedAt_, machinesAt_ } );
       phases_.steady = msBetween( start_, at );
    }
    steady_ = steady;

@@ -121,7 +121,7 @@ class Agent {
    Counts counts_;
    Phases phases_;
    bool snapshotEnded_ = false, inputEnded_ = false, machinesStarted_ = false;
-   Clock::time_point modelStart_, inputEndedAt_, machinesAt_, lastChange_;
+   Clock::time_point modelStart_, inputEndedAt_, machinesAt_, lastActivity_;
    bool steady_ = false;
    int stableTicks_ = 0;
    std::array< uint64_t, 8 > heads_{};

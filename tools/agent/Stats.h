@@ -37,7 +37,8 @@ struct Counts {
 // exported records, so that the export's own sweep finds them; model: the
 // controller input up to the end of its snapshot; export: the machines
 // created, which export and import everything before they return; steady:
-// from start until the feed heads last moved.
+// from start until the last event, dispatch or machine change before the
+// feed heads stood still.
 struct Phases {
    double takeover = 0, mount = 0, sweeps = 0, model = 0, exportMs = 0, steady = -1;
 };
