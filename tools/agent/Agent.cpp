@@ -45,6 +45,50 @@ class Agent::ConfigWatch : public Mox::PtrInterface::NotifieeConst {
    Agent* agent_;
 };
 
+// Counts the records that leave one of the agent's shared tables: a table
+// notifies a removal only for a key that was there, and after the change,
+// so a notified key that is absent now was removed.
+class Agent::RemovalWatch : public Mox::PtrInterface::NotifieeConst {
+   MOX_ALLOC_TRACKED( RemovalWatch )
+
+ public:
+   using Gone = std::function< bool( const void* key ) >;
+   RemovalWatch( const Mox::PtrInterface* table, Mox::AttributeId id, Gone gone, uint64_t* count )
+         : NotifieeConst( table ), id_( id ), gone_( std::move( gone ) ), count_( count ) {}
+   void onAttribute( Mox::AttributeId id, const void* key ) override {
+      if ( id == id_ && key && count_ && gone_( key ) ) {
+         ++*count_;
+      }
+   }
+   void detach() { count_ = nullptr; }
+
+ private:
+   Mox::AttributeId id_;
+   Gone gone_;
+   uint64_t* count_;
+};
+
+void Agent::watchRemovals() {
+   auto watch = [ this ]( const Mox::PtrInterface* t, const char* attr, RemovalWatch::Gone gone, uint64_t* n ) {
+      Mox::Ptr< Mox::PtrInterface::NotifieeConst > w(
+         new RemovalWatch( t, t->fwkType()->attributeId( attr ), std::move( gone ), n ) );
+      w->isRegisteredNotifieeIs( true );
+      w->hasNotificationActiveIs( true );
+      removalWatches_.push_back( w );
+   };
+   watch( hostOut_.ptr(), "host",
+          [ this ]( const void* k ) { return !hostOut_->hostExists( *static_cast< const OrbEvpn::MacVniPair* >( k ) ); },
+          &counts_.removedHosts );
+   watch( floodOut_.ptr(), "floodEntry",
+          [ this ]( const void* k ) {
+             return !floodOut_->floodEntryExists( *static_cast< const OrbEvpn::VniVtepPair* >( k ) );
+          },
+          &counts_.removedFlood );
+   watch( brIds_.ptr(), "brIdList",
+          [ this ]( const void* k ) { return !brIds_->brIdListContains( *static_cast< const Bridging::BridgeId* >( k ) ); },
+          &counts_.removedBrIds );
+}
+
 Agent::Agent( Options o ) : o_( std::move( o ) ) {
    Boundary::checkPrefix( o_.prefix );
    tty_ = ::isatty( 2 );
@@ -67,6 +111,10 @@ Agent::~Agent() {
    tx_ = nullptr;
    rx_ = nullptr;
    mode_ = nullptr;
+   for ( auto& w : removalWatches_ ) {
+      static_cast< RemovalWatch* >( w.ptr() )->detach();
+      w->isRegisteredNotifieeIs( false );
+   }
    input_.reset();
    control_.reset();
    http_.reset();
@@ -96,6 +144,7 @@ void Agent::mountTables() {
    configOut_ = std::make_unique< Lumen::Writer< OrbEvpn::OrbEvpnConfigRecord > >();
    configOut_->attach( Boundary::pathOf( o_.prefix, Boundary::config ) );
    phases_.takeover = msBetween( t, Clock::now() );
+   watchRemovals();
 
    t = Clock::now();
    evpnHost_ = OrbEvpn::HostTable::HostTableReaderIs( "evpnHost", Boundary::pathOf( o_.prefix, Boundary::evpnHost ) );

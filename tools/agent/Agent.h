@@ -70,6 +70,8 @@ class Agent {
 
  private:
    class ConfigWatch;
+   class RemovalWatch;
+   void watchRemovals();
 
    void mountTables();
    void listExportedBridgeIds();
@@ -103,6 +105,7 @@ class Agent {
    std::unique_ptr< Lumen::Writer< OrbEvpn::OrbEvpnConfigRecord > > configOut_;
    std::unique_ptr< Lumen::Reader< OrbEvpn::EvpnCapabilityRecord > > capabilityIn_;
    Mox::Ptr< Mox::PtrInterface::NotifieeConst > configWatch_;
+   std::vector< Mox::Ptr< Mox::PtrInterface::NotifieeConst > > removalWatches_;
 
    // The plug-in's machines, made by type name.
    Mox::Ptr< Mox::PtrInterface > mode_, tx_, rx_;

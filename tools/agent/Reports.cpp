@@ -51,7 +51,11 @@ Json Agent::countersJson() const {
               { "refused", counts_.refused },
               { "synced", counts_.synced },
               { "cleanups", counts_.cleanups },
-              { "machineStarts", counts_.machineStarts } };
+              { "machineStarts", counts_.machineStarts },
+              { "removed",
+                { { "hosts", counts_.removedHosts },
+                  { "flood", counts_.removedFlood },
+                  { "brIds", counts_.removedBrIds } } } };
    Json tables = Json::object();
    for ( const auto& [ name, value ] : Mox::counters() ) {
       tables[ name ] = value;
@@ -93,6 +97,12 @@ std::vector< Metric > Agent::metrics() const {
       { "events_per_second", "gauge", "Recent rate of applied events.", eventsPerSecond_, "" },
       { "peak_rss_bytes", "gauge", "Peak resident set size.", double( peakRssBytes() ), "" },
    };
+   for ( const auto& [ table, n ] : { std::pair( "export/host", counts_.removedHosts ),
+                                      std::pair( "export/flood", counts_.removedFlood ),
+                                      std::pair( "brIdList", counts_.removedBrIds ) } ) {
+      m.push_back( { "records_removed_total", "counter", "Records that left the agent's shared tables.",
+                     double( n ), fmt::format( "table=\"{}\"", table ) } );
+   }
    for ( const auto& [ name, value ] : Mox::counters() ) {
       m.push_back( { "table_operations_total", "counter", "Operations of the shared tables, by counter.",
                      double( value ), fmt::format( "counter=\"{}\"", name ) } );

@@ -29,6 +29,9 @@ struct Counts {
    uint64_t synced = 0;      // {"op":"synced"} seen
    uint64_t cleanups = 0;    // export and import cleaned up and dropped
    uint64_t machineStarts = 0;
+   // Records that left the agent's shared tables (the tables' own "...Del"
+   // counters count every attempt, also of keys that were not there).
+   uint64_t removedHosts = 0, removedFlood = 0, removedBrIds = 0;
 };
 
 // Milliseconds each phase of the way to steady state took. Takeover: the
