@@ -216,6 +216,11 @@ class ExchangeTable : public Mox::Entity {
          reader_->dispatch();
       }
    }
+   // The shared table's feed head, and whether a dispatch is owed (reader
+   // role; 0 and false for a writer): how a host program tells that the
+   // table's writer is quiet and everything it wrote has been delivered.
+   uint64_t feedHead() const { return reader_ ? reader_->feedHead() : 0; }
+   bool dispatchPending() const { return reader_ && reader_->dispatchPending(); }
 
    // ---- corruption
    void corruptionHandlerIs( std::function< void( const std::string& ) > h ) {

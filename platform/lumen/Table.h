@@ -175,6 +175,14 @@ class Reader {
    MountStatus mountStatus() const;
    const std::string& path() const { return path_; }
 
+   // The sequence the writer gives its next change (0 while no table is
+   // mounted). It moves with every change the writer publishes, so a host
+   // program that sees it stand still knows the writer has gone quiet.
+   uint64_t feedHead() const;
+   // True when dispatch() has something to deliver: a change published
+   // since the last delivery, or a mount status not yet reported.
+   bool dispatchPending() const;
+
    int fd() const;       // readable when dispatch() has work
    void dispatch();      // runs pending callbacks on the caller's thread
    void onKeyIs( std::function< void ( const Key& ) > f ) { onKey_ = std::move( f ); }

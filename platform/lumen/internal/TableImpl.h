@@ -1038,6 +1038,29 @@ MountStatus Reader< Record >::mountStatus() const {
 }
 
 template< class Record >
+uint64_t Reader< Record >::feedHead() const {
+   try {
+      if ( !mount() ) {
+         return 0;
+      }
+   } catch ( const Fable::CorruptionDetectedException& ) {
+      return 0;
+   }
+   return control_->header().feedHead.load( std::memory_order_acquire );
+}
+
+template< class Record >
+bool Reader< Record >::dispatchPending() const {
+   if ( !pending_.empty() ) {
+      return true;
+   }
+   if ( mountStatus() != reportedStatus_ ) {
+      return true;
+   }
+   return control_ && feedHead() != cursor_;
+}
+
+template< class Record >
 int Reader< Record >::fd() const {
    return notifier_->fd();
 }

@@ -253,3 +253,28 @@ TYPED_TEST( ExchangeTableTest, CorruptionStopsTheProcessUnlessTheHandlerThrows )
    ASSERT_EQ( handled.size(), 2u );
    EXPECT_THAT( handled[ 0 ], HasSubstr( "Lumen table " + this->path + ": slot" ) );
 }
+
+// A host program tells a quiet table by its feed head and by whether a
+// dispatch is owed; a reader table answers both from its shared table, a
+// writer table has neither.
+TYPED_TEST( ExchangeTableTest, AReaderTableReportsTheFeedHeadAndAPendingDispatch ) {
+   using S = TypeParam;
+   auto w = S::make( S::tableName );
+   this->dir->entityPtrIs( w );
+   auto r = S::reader( "readerSide", this->path );
+   r->dispatch();
+   EXPECT_FALSE( r->dispatchPending() );
+   EXPECT_EQ( w->feedHead(), 0u );
+   EXPECT_FALSE( w->dispatchPending() );
+   const uint64_t head = r->feedHead();
+
+   S::write( *w, S::entry( 1 ) );
+   EXPECT_EQ( r->feedHead(), head + 1 );
+   EXPECT_TRUE( r->dispatchPending() );
+   r->dispatch();
+   EXPECT_FALSE( r->dispatchPending() );
+   EXPECT_TRUE( S::exists( *r, S::key( 1 ) ) );
+   S::del( *w, S::key( 1 ) );
+   EXPECT_EQ( r->feedHead(), head + 2 );
+   EXPECT_TRUE( r->dispatchPending() );
+}

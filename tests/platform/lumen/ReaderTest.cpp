@@ -350,3 +350,35 @@ TEST( LumenReader, AReplacedTableIsAnnouncedGoneAndTheNewOneFollowed ) {
    EXPECT_EQ( reader.lookup( MacKey::of( 2 ) ), HostRec::of( 2, 2 ) );
    EXPECT_EQ( statuses.back(), Lumen::MountStatus::mounted );
 }
+
+// A host program decides that a table is quiet from its feed head and from
+// whether a dispatch is owed; both must follow the writer, including a
+// change that a dispatch has not delivered yet and a writer that comes late.
+TEST( LumenReader, FeedHeadAndPendingDispatchFollowTheWriter ) {
+   LumenRoot root;
+   Lumen::Reader< HostRec > reader( "/lumen/head" );
+   EXPECT_EQ( reader.feedHead(), 0u );
+   reader.dispatch();
+   EXPECT_FALSE( reader.dispatchPending() );
+
+   Lumen::Writer< HostRec > writer;
+   writer.attach( "/lumen/head" );
+   EXPECT_TRUE( reader.dispatchPending() ) << "the writer's arrival is owed";
+   reader.dispatch();
+   EXPECT_FALSE( reader.dispatchPending() );
+   const uint64_t head = reader.feedHead();
+
+   writer.write( HostRec::of( 1, 1 ) );
+   writer.write( HostRec::of( 2, 1 ) );
+   EXPECT_EQ( reader.feedHead(), head + 2 );
+   EXPECT_TRUE( reader.dispatchPending() );
+   reader.dispatch();
+   EXPECT_FALSE( reader.dispatchPending() );
+   EXPECT_EQ( reader.feedHead(), head + 2 ) << "a dispatch does not move the writer's head";
+
+   writer.remove( MacKey::of( 1 ) );
+   EXPECT_EQ( reader.feedHead(), head + 3 );
+   EXPECT_TRUE( reader.dispatchPending() );
+   reader.dispatch();
+   EXPECT_FALSE( reader.dispatchPending() );
+}

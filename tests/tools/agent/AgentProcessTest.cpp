@@ -1,0 +1,541 @@
+// The real orbevpn-agent, run in a private Lumen root on small event files:
+// what it exports, what it refuses, what a restart leaves alone, what the
+// integration flag and the control socket do.
+#include "orbevpn/exchange/FloodEntry.h"
+#include "orbevpn/exchange/Host.h"
+#include "platform/lumen/Table.h"
+#include "platform/model/OrbBrIdList.h"
+#include "tests/support/LumenRoot.h"
+#include "tools/agent/Event.h"
+#include "tools/common/BoundaryRecords.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <nlohmann/json.hpp>
+
+#include <chrono>
+#include <csignal>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using Json = nlohmann::json;
+using ::testing::HasSubstr;
+
+namespace {
+
+const std::string prefix = "/orbevpn";
+
+std::string slurp( const std::string& path ) {
+   std::ifstream f( path );
+   std::stringstream s;
+   s << f.rdbuf();
+   return s.str();
+}
+
+class AgentProcess : public ::testing::Test {
+ protected:
+   struct Run {
+      int status = -1;
+      std::string out, err;
+      int code() const { return WIFEXITED( status ) ? WEXITSTATUS( status ) : 128 + WTERMSIG( status ); }
+   };
+
+   std::string file( const std::string& name ) const { return root.dir() + "/" + name; }
+   std::string control() const { return file( "test.ctl" ); }
+
+   std::string events( const std::string& name, const std::vector< std::string >& lines ) {
+      const std::string p = file( name );
+      std::ofstream f( p );
+      for ( const auto& l : lines ) f << l << "\n";
+      return p;
+   }
+
+   // Starts the program with stdout and stderr in files of the root.
+   pid_t spawn( std::vector< std::string > args, bool agentArgs = true ) {
+      const std::string out = file( "out" + std::to_string( spawned_ ) ), err = file( "err" + std::to_string( spawned_ ) );
+      ++spawned_;
+      lastOut_ = out;
+      lastErr_ = err;
+      if ( agentArgs ) {
+         for ( const std::string& a : { std::string( "--root" ), root.dir(), std::string( "--control" ), control(),
+                                        std::string( "--status-period" ), std::string( "50" ) } ) {
+            args.push_back( a );
+         }
+      }
+      const pid_t pid = ::fork();
+      if ( pid == 0 ) {
+         const int o = ::open( out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600 );
+         const int e = ::open( err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600 );
+         ::dup2( o, 1 );
+         ::dup2( e, 2 );
+         std::vector< char* > argv{ const_cast< char* >( ORBEVPN_AGENT_BIN ) };
+         for ( auto& a : args ) argv.push_back( a.data() );
+         argv.push_back( nullptr );
+         ::execv( ORBEVPN_AGENT_BIN, argv.data() );
+         ::_exit( 127 );
+      }
+      return pid;
+   }
+   Run wait( pid_t pid, const std::string& out, const std::string& err, int seconds = 60 ) {
+      Run r;
+      for ( int i = 0; i < seconds * 20; ++i ) {
+         if ( ::waitpid( pid, &r.status, WNOHANG ) == pid ) {
+            r.out = slurp( out );
+            r.err = slurp( err );
+            return r;
+         }
+         std::this_thread::sleep_for( std::chrono::milliseconds( 50 ) );
+      }
+      ::kill( pid, SIGKILL );
+      ::waitpid( pid, &r.status, 0 );
+      ADD_FAILURE() << "the agent did not finish in " << seconds << " s; stderr: " << slurp( err );
+      return r;
+   }
+   Run run( std::vector< std::string > args, bool agentArgs = true ) {
+      const pid_t pid = spawn( std::move( args ), agentArgs );
+      const std::string out = lastOut_, err = lastErr_;
+      return wait( pid, out, err );
+   }
+   Run ctl( std::vector< std::string > words ) {
+      std::vector< std::string > args{ "ctl", "--control", control() };
+      args.insert( args.end(), words.begin(), words.end() );
+      return run( args, false );
+   }
+   // The last stdout line of --stats-json.
+   static Json stats( const Run& r ) {
+      std::string s = r.out;
+      while ( !s.empty() && s.back() == '\n' ) s.pop_back();
+      return Json::parse( s.substr( s.rfind( '\n' ) + 1 ) );
+   }
+   Json statusNow() {
+      Run r = ctl( { "status", "--json" } );
+      return r.code() == 0 ? Json::parse( r.out ) : Json();
+   }
+   // Polls the running agent's status until `pred` holds.
+   Json waitFor( const std::function< bool( const Json& ) >& pred, const char* what ) {
+      Json s;
+      for ( int i = 0; i < 300; ++i ) {
+         s = statusNow();
+         if ( !s.is_null() && pred( s ) ) return s;
+         std::this_thread::sleep_for( std::chrono::milliseconds( 100 ) );
+      }
+      ADD_FAILURE() << "timed out waiting for " << what << "; last status " << s.dump();
+      return s;
+   }
+
+   void capabilityIs( bool on ) {
+      if ( !capability_ ) {
+         capability_ = std::make_unique< Lumen::Writer< OrbEvpn::EvpnCapabilityRecord > >();
+         capability_->attach( prefix + "/evpn/capability" );
+      }
+      OrbEvpn::EvpnCapabilityRecord r;
+      r.evpnEnabled = on;
+      capability_->write( r );
+   }
+
+   // Table contents as text, compared as sets.
+   std::set< std::string > hosts( const std::string& name = "export/host" ) const {
+      Lumen::Reader< OrbEvpn::Host > r( prefix + "/" + name );
+      std::set< std::string > s;
+      for ( auto e = r.nextShared(); e; e = r.nextShared( e->second ) ) {
+         const OrbEvpn::Host& h = e->first;
+         Agent::Mac m;
+         std::copy( h.macAddr().bytes(), h.macAddr().bytes() + 6, m.begin() );
+         s.insert( fmt::format( "{} {} {} {} {}", h.vni().value(), Agent::macText( m ),
+                                Agent::ipText( h.vtepAddr().value() ), h.seqNo().value(), h.preference() ) );
+      }
+      return s;
+   }
+   std::set< std::string > flood() const {
+      Lumen::Reader< OrbEvpn::FloodEntry > r( prefix + "/export/flood" );
+      std::set< std::string > s;
+      for ( auto e = r.nextShared(); e; e = r.nextShared( e->second ) ) {
+         s.insert( fmt::format( "{} {}", e->first.vni().value(), Agent::ipText( e->first.vtepAddr().value() ) ) );
+      }
+      return s;
+   }
+   std::set< uint32_t > brIds() const {
+      Lumen::Reader< OrbEvpn::BrIdListRecord > r( prefix + "/brIdList" );
+      std::set< uint32_t > s;
+      for ( auto e = r.nextShared(); e; e = r.nextShared( e->second ) ) s.insert( e->first.brId.value() );
+      return s;
+   }
+   std::optional< bool > flag() const {
+      Lumen::Reader< OrbEvpn::OrbEvpnConfigRecord > r( prefix + "/config" );
+      if ( !r.containsShared( OrbEvpn::SingletonKey{} ) ) return std::nullopt;
+      return r.lookupShared( OrbEvpn::SingletonKey{} ).orbEvpnIntegrationMode != 0;
+   }
+
+   LumenRoot root;
+   std::unique_ptr< Lumen::Writer< OrbEvpn::EvpnCapabilityRecord > > capability_;
+   int spawned_ = 0;
+   std::string lastOut_, lastErr_;
+};
+
+const std::vector< std::string > smallInput = {
+   R"({"op":"controllerdb","enabled":true})",
+   R"({"op":"vni","vni":10})",
+   R"({"op":"mac","vni":10,"mac":"02:00:00:00:00:01","vtep":"192.0.2.1","seqNo":1,"preference":16})",
+   R"({"op":"mac","vni":10,"mac":"02:00:00:00:00:02","vtep":"192.0.2.2","seqNo":5,"preference":9})",
+   R"({"op":"flood","vni":10,"vtep":"192.0.2.9"})",
+   R"({"op":"mac","vni":20,"mac":"02:00:00:00:00:03","vtep":"192.0.2.3","seqNo":2})",
+   R"({"op":"flood","vni":20,"vtep":"192.0.2.8","value":true})",
+   R"({"op":"flood","vni":20,"vtep":"192.0.2.7","value":true})",
+   R"({"op":"synced"})",
+};
+const std::set< std::string > smallHosts = { "10 02:00:00:00:00:01 192.0.2.1 1 16",
+                                             "10 02:00:00:00:00:02 192.0.2.2 5 9",
+                                             "20 02:00:00:00:00:03 192.0.2.3 2 16" };
+const std::set< std::string > smallFlood = { "10 192.0.2.9", "20 192.0.2.8", "20 192.0.2.7" };
+const std::set< uint32_t > smallBrIds = { 0x2000000 | 10, 0x2000000 | 20 };
+
+}  // namespace
+
+TEST_F( AgentProcess, ExportTablesEqualTheInputAndBridgeIdsAreListed ) {
+   capabilityIs( true );
+   Run r = run( { "--input", events( "in.jsonl", smallInput ), "--until-steady", "--stats-json" } );
+   ASSERT_EQ( r.code(), 0 ) << r.err;
+   EXPECT_EQ( hosts(), smallHosts );
+   EXPECT_EQ( flood(), smallFlood );
+   EXPECT_EQ( brIds(), smallBrIds );
+   EXPECT_EQ( flag(), true );
+   const Json s = stats( r );
+   EXPECT_EQ( s[ "events" ], smallInput.size() );
+   EXPECT_EQ( s[ "badLines" ], 0 );
+   EXPECT_EQ( s[ "steady" ], true );
+   EXPECT_EQ( s[ "exported" ][ "hosts" ], 3 );
+   for ( const char* phase : { "total", "takeover", "mount", "sweeps", "model", "export" } ) {
+      EXPECT_GE( s[ "timeToSteadyMs" ][ phase ].get< double >(), 0.0 ) << phase;
+   }
+   EXPECT_GT( s[ "peakRssBytes" ].get< uint64_t >(), 0u );
+}
+
+TEST_F( AgentProcess, WithoutEvpnNothingIsExportedAndTheFlagIsOff ) {
+   Run r = run( { "--input", events( "in.jsonl", smallInput ), "--until-steady" } );
+   ASSERT_EQ( r.code(), 0 ) << r.err;
+   EXPECT_TRUE( hosts().empty() );
+   EXPECT_TRUE( brIds().empty() );
+   EXPECT_EQ( flag(), false );
+}
+
+TEST_F( AgentProcess, BadAndForbiddenLinesAreReportedAndSkippedAndNothingElseIsLost ) {
+   capabilityIs( true );
+   std::vector< std::string > in = smallInput;
+   in.insert( in.begin() + 2, R"({"op":"mac","vni":10,"mac":"zz","vtep":"192.0.2.1","seqNo":1})" );   // line 3
+   in.insert( in.begin() + 4, R"({"op":"capability","evpnEnabled":false})" );                         // line 5
+   in.insert( in.begin() + 5, R"({"op":"vni","vni":16777216})" );                                     // line 6
+   in.insert( in.begin() + 6, "" );                                                                   // line 7
+   in.insert( in.begin() + 7, R"({"op":"mac","vni":10)" );                                            // line 8
+   Run r = run( { "--input", events( "in.jsonl", in ), "--until-steady", "--stats-json" } );
+   ASSERT_EQ( r.code(), 0 ) << r.err;
+   EXPECT_EQ( r.err, "line 3: bad MAC \"zz\"\n"
+                     "line 5: table /orbevpn/evpn/capability is written only by the EVPN agent; "
+                     "orbevpn-agent may not write it\n"
+                     "line 6: VNI 16777216 out of range 0..16777215\n"
+                     "line 8: not JSON\n" );
+   EXPECT_EQ( hosts(), smallHosts );
+   EXPECT_EQ( flood(), smallFlood );
+   EXPECT_EQ( flag(), true ) << "the refused line changed the capability";
+   const Json s = stats( r );
+   EXPECT_EQ( s[ "badLines" ], 3 );
+   EXPECT_EQ( s[ "refused" ], 1 );
+   EXPECT_EQ( s[ "events" ], smallInput.size() );
+}
+
+// The input is longer than what the agent reads in one go, so a machine
+// started before the snapshot ends would sweep VNIs not read yet. The EVPN
+// side holds a copy of one controller host, which is never exported: an
+// export started before the import would export it and then withdraw it.
+TEST_F( AgentProcess, ARestartOverUnchangedInputRemovesNoRecord ) {
+   capabilityIs( true );
+   Lumen::Writer< OrbEvpn::Host > evpnHosts( OrbEvpn::Host{} );
+   evpnHosts.attach( prefix + "/evpn/host" );
+   OrbEvpn::Host echo( OrbEvpn::MacVniPair( Wire::EthAddr( 0x02, 0, 0, 0, 0, 1 ), Vxlan::Vni( 10 ) ) );
+   echo.vtepAddrIs( Wire::IpAddr::fromOctets( 192, 0, 2, 1 ) );
+   echo.seqNoIs( Keel::Seqno32( 1 ) );
+   evpnHosts.write( echo );
+   std::vector< std::string > lines = smallInput;
+   std::set< std::string > expected = smallHosts;
+   expected.erase( "10 02:00:00:00:00:01 192.0.2.1 1 16" );
+   for ( uint32_t i = 0; i < 5000; ++i ) {
+      const Agent::Mac m{ 0x02, 0x30, 0, 0, uint8_t( i >> 8 ), uint8_t( i ) };
+      lines.insert( lines.begin() + 1, fmt::format( R"({{"op":"mac","vni":30,"mac":"{}","vtep":"192.0.2.30","seqNo":1}})",
+                                                    Agent::macText( m ) ) );
+      expected.insert( fmt::format( "30 {} 192.0.2.30 1 16", Agent::macText( m ) ) );
+   }
+   const std::string in = events( "in.jsonl", lines );
+   ASSERT_EQ( run( { "--input", in, "--until-steady" } ).code(), 0 );
+   ASSERT_EQ( hosts(), expected );
+
+   // Watch every shared table across the restart.
+   Lumen::Reader< OrbEvpn::Host > hostWatch( prefix + "/export/host" );
+   Lumen::Reader< OrbEvpn::FloodEntry > floodWatch( prefix + "/export/flood" );
+   Lumen::Reader< OrbEvpn::BrIdListRecord > brIdWatch( prefix + "/brIdList" );
+   Lumen::Reader< OrbEvpn::OrbEvpnConfigRecord > configWatch( prefix + "/config" );
+   std::vector< std::string > removed;
+   hostWatch.onKeyIs( [ & ]( const OrbEvpn::MacVniPair& k ) {
+      if ( !hostWatch.contains( k ) ) removed.push_back( "host" );
+   } );
+   floodWatch.onKeyIs( [ & ]( const OrbEvpn::VniVtepPair& k ) {
+      if ( !floodWatch.contains( k ) ) removed.push_back( "flood" );
+   } );
+   brIdWatch.onKeyIs( [ & ]( const Bridging::BridgeId& k ) {
+      if ( !brIdWatch.contains( k ) ) removed.push_back( "brId" );
+   } );
+   configWatch.onKeyIs( [ & ]( const OrbEvpn::SingletonKey& k ) {
+      if ( !configWatch.contains( k ) ) removed.push_back( "config" );
+   } );
+
+   Run r = run( { "--input", in, "--until-steady", "--stats-json" } );
+   ASSERT_EQ( r.code(), 0 ) << r.err;
+   hostWatch.dispatch();
+   floodWatch.dispatch();
+   brIdWatch.dispatch();
+   configWatch.dispatch();
+   EXPECT_TRUE( removed.empty() ) << removed.front();
+   // Also none that came and went between two dispatches.
+   EXPECT_EQ( stats( r )[ "removed" ], Json::parse( R"({"hosts":0,"flood":0,"brIds":0})" ) );
+   EXPECT_EQ( hosts(), expected );
+   EXPECT_EQ( flood(), smallFlood );
+   EXPECT_EQ( brIds(), ( std::set< uint32_t >{ 0x2000000 | 10, 0x2000000 | 20, 0x2000000 | 30 } ) );
+}
+
+// A VNI whose bridge id is gone but whose records stayed (an agent killed
+// between the two steps of a sweep) is found from the records and swept.
+TEST_F( AgentProcess, RecordsOfAVniWithoutBridgeIdAreSweptAtStart ) {
+   capabilityIs( true );
+   ASSERT_EQ( run( { "--input", events( "in.jsonl", smallInput ), "--until-steady" } ).code(), 0 );
+   {
+      Lumen::Writer< OrbEvpn::BrIdListRecord > list;
+      list.attach( prefix + "/brIdList" );
+      ASSERT_TRUE( list.remove( Bridging::BridgeId( 0x2000000 | 20 ) ) );
+   }
+   std::vector< std::string > without20;
+   for ( const auto& l : smallInput ) {
+      if ( l.find( "\"vni\":20" ) == std::string::npos ) without20.push_back( l );
+   }
+   ASSERT_EQ( run( { "--input", events( "in2.jsonl", without20 ), "--until-steady" } ).code(), 0 );
+   EXPECT_EQ( hosts(), ( std::set< std::string >{ "10 02:00:00:00:00:01 192.0.2.1 1 16",
+                                                  "10 02:00:00:00:00:02 192.0.2.2 5 9" } ) );
+   EXPECT_EQ( flood(), std::set< std::string >{ "10 192.0.2.9" } );
+   EXPECT_EQ( brIds(), std::set< uint32_t >{ 0x2000000 | 10 } );
+}
+
+TEST_F( AgentProcess, IntegrationFlagOffRemovesEverythingExportedAndOnBringsItBack ) {
+   capabilityIs( true );
+   const pid_t pid = spawn( { "--input", events( "in.jsonl", smallInput ) } );
+   const std::string out = lastOut_, err = lastErr_;
+   waitFor( []( const Json& s ) { return s[ "steady" ] == true; }, "steady" );
+   ASSERT_EQ( hosts(), smallHosts );
+
+   capabilityIs( false );
+   Json s = waitFor( []( const Json& s ) { return s[ "integrationMode" ] == false && s[ "exported" ][ "hosts" ] == 0; },
+                     "the flag off" );
+   EXPECT_EQ( s[ "exported" ], Json::parse( R"({"hosts":0,"flood":0,"brIds":0})" ) );
+   EXPECT_TRUE( hosts().empty() );
+   EXPECT_TRUE( flood().empty() );
+   EXPECT_TRUE( brIds().empty() );
+   EXPECT_EQ( flag(), false );
+   EXPECT_EQ( s[ "vnis" ], 2 ) << "the controller model stays";
+   Run c = ctl( { "counters", "--json" } );
+   EXPECT_EQ( Json::parse( c.out )[ "removed" ], Json::parse( R"({"hosts":3,"flood":3,"brIds":2})" ) );
+
+   capabilityIs( true );
+   waitFor( []( const Json& s ) { return s[ "exported" ][ "hosts" ] == 3; }, "the flag on again" );
+   EXPECT_EQ( hosts(), smallHosts );
+   EXPECT_EQ( flood(), smallFlood );
+   EXPECT_EQ( brIds(), smallBrIds );
+   EXPECT_EQ( flag(), true );
+
+   // SIGTERM: a clean exit that leaves the tables as they are.
+   ::kill( pid, SIGTERM );
+   Run r = wait( pid, out, err );
+   EXPECT_EQ( r.code(), 0 ) << r.err;
+   EXPECT_EQ( hosts(), smallHosts );
+   EXPECT_EQ( brIds(), smallBrIds );
+}
+
+TEST_F( AgentProcess, ControlSocketAnswersEveryCommand ) {
+   capabilityIs( true );
+   // One host and one flood VTEP from the EVPN side, to see the import.
+   Lumen::Writer< OrbEvpn::Host > evpnHosts( OrbEvpn::Host{} );
+   evpnHosts.attach( prefix + "/evpn/host" );
+   OrbEvpn::Host remote( OrbEvpn::MacVniPair( Wire::EthAddr( 0x02, 0xee, 0, 0, 0, 1 ), Vxlan::Vni( 10 ) ) );
+   remote.vtepAddrIs( Wire::IpAddr::fromOctets( 198, 51, 100, 1 ) );
+   remote.seqNoIs( Keel::Seqno32( 4 ) );
+   evpnHosts.write( remote );
+   std::vector< std::string > in = smallInput;
+   in.insert( in.end() - 1, R"({"op":"multiPath","vni":20,"mac":"02:00:00:00:00:03","vteps":["192.0.2.3","192.0.2.4"]})" );
+   const pid_t pid = spawn( { "--input", events( "in.jsonl", in ) } );
+   const std::string out = lastOut_, err = lastErr_;
+   Json s = waitFor( []( const Json& s ) { return s[ "steady" ] == true; }, "steady" );
+
+   struct stat st{};
+   ASSERT_EQ( ::stat( control().c_str(), &st ), 0 );
+   EXPECT_TRUE( S_ISSOCK( st.st_mode ) );
+   EXPECT_EQ( st.st_mode & 0777, 0600u );
+
+   EXPECT_EQ( s[ "integrationMode" ], true );
+   EXPECT_EQ( s[ "controllerdbEnabled" ], true );
+   EXPECT_EQ( s[ "evpnEnabled" ], true );
+   EXPECT_EQ( s[ "vnis" ], 2 );
+   EXPECT_EQ( s[ "exported" ], Json::parse( R"({"hosts":3,"flood":3,"brIds":2})" ) );
+   EXPECT_EQ( s[ "imported" ], Json::parse( R"({"hosts":1,"flood":0})" ) );
+   EXPECT_EQ( s[ "events" ], in.size() );
+   EXPECT_EQ( s[ "badLines" ], 0 );
+   EXPECT_TRUE( s[ "eventsPerSecond" ].is_number() );
+
+   Run r = ctl( { "dump", "controller", "--json" } );
+   ASSERT_EQ( r.code(), 0 ) << r.err;
+   EXPECT_EQ( Json::parse( r.out ), Json::parse( R"({"controllerdbEnabled":true,"vnis":[
+      {"name":"10","vni":10,
+       "macs":[{"mac":"02:00:00:00:00:01","vtep":"192.0.2.1","seqNo":1,"preference":16},
+               {"mac":"02:00:00:00:00:02","vtep":"192.0.2.2","seqNo":5,"preference":9}],
+       "floodLists":[{"mac":"00:00:00:00:00:00","vteps":[{"vtep":"192.0.2.9","value":true}]}],
+       "multiPath":[]},
+      {"name":"20","vni":20,
+       "macs":[{"mac":"02:00:00:00:00:03","vtep":"192.0.2.3","seqNo":2,"preference":16}],
+       "floodLists":[{"mac":"00:00:00:00:00:00","vteps":[{"vtep":"192.0.2.7","value":true},
+                                                         {"vtep":"192.0.2.8","value":true}]}],
+       "multiPath":[{"mac":"02:00:00:00:00:03","vteps":["192.0.2.3","192.0.2.4"]}]}]})" ) );
+
+   r = ctl( { "dump", "import", "--json" } );
+   ASSERT_EQ( r.code(), 0 ) << r.err;
+   EXPECT_EQ( Json::parse( r.out ), Json::parse( R"({"vnis":[{"vni":10,
+       "macs":[{"mac":"02:ee:00:00:00:01","vtep":"198.51.100.1","seqNo":4,"preference":16}],
+       "floodLists":[]}]})" ) );
+
+   r = ctl( { "counters", "--json" } );
+   ASSERT_EQ( r.code(), 0 );
+   EXPECT_EQ( Json::parse( r.out )[ "tables" ][ "hostIs" ], 3 );
+
+   r = ctl( { "metrics" } );
+   ASSERT_EQ( r.code(), 0 );
+   EXPECT_THAT( r.out, HasSubstr( "# TYPE orbevpn_agent_events_total counter\n" ) );
+   EXPECT_THAT( r.out, HasSubstr( "\norbevpn_agent_exported_hosts 3\n" ) );
+   EXPECT_THAT( r.out, HasSubstr( "\norbevpn_agent_table_operations_total{counter=\"hostIs\"} 3\n" ) );
+
+   r = ctl( { "trace" } );
+   EXPECT_EQ( r.code(), 0 );
+
+   r = ctl( { "write", "evpn/capability" } );
+   EXPECT_EQ( r.code(), 1 );
+   EXPECT_EQ( r.err, "error: table /orbevpn/evpn/capability is written only by the EVPN agent; "
+                     "orbevpn-agent may not write it\n" );
+   r = ctl( { "frobnicate" } );
+   EXPECT_EQ( r.code(), 1 );
+   EXPECT_THAT( r.err, HasSubstr( "error: unknown command \"frobnicate\"" ) );
+
+   // cleanup on demand: everything exported goes, the model stays.
+   r = ctl( { "cleanup" } );
+   EXPECT_EQ( r.code(), 0 ) << r.err;
+   s = statusNow();
+   EXPECT_EQ( s[ "exported" ], Json::parse( R"({"hosts":0,"flood":0,"brIds":0})" ) );
+   EXPECT_EQ( s[ "imported" ], Json::parse( R"({"hosts":0,"flood":0})" ) );
+   EXPECT_TRUE( hosts().empty() );
+   EXPECT_EQ( s[ "vnis" ], 2 );
+
+   ::kill( pid, SIGINT );
+   EXPECT_EQ( wait( pid, out, err ).code(), 0 );
+   EXPECT_NE( ::access( control().c_str(), F_OK ), 0 ) << "the socket file stays";
+   EXPECT_EQ( ctl( { "status" } ).code(), 1 ) << "an agent that is gone answers";
+}
+
+TEST_F( AgentProcess, TheDemoIsTheDefaultAndRecordsWhatItApplied ) {
+   capabilityIs( true );
+   const std::string rec = file( "events.jsonl" );
+   Run r = run( { "--demo", "3:20", "--demo-skip-vni", "2", "--record-events", rec, "--until-steady", "--stats-json" } );
+   ASSERT_EQ( r.code(), 0 ) << r.err;
+   EXPECT_EQ( stats( r )[ "exported" ][ "hosts" ], 40 );
+   EXPECT_EQ( brIds(), ( std::set< uint32_t >{ 0x2000001, 0x2000003 } ) );
+   // The recording is input the agent takes: the same tables again.
+   std::ifstream f( rec );
+   size_t lines = 0;
+   for ( std::string l; std::getline( f, l ); ++lines ) {
+      ASSERT_TRUE( std::holds_alternative< Agent::Event >( Agent::parseEvent( l ) ) ) << l;
+   }
+   EXPECT_EQ( lines, 1 + 2 + 40 + 4 + 1u );
+   const auto before = hosts();
+   Run again = run( { "--input", rec, "--until-steady", "--stats-json" } );
+   ASSERT_EQ( again.code(), 0 ) << again.err;
+   EXPECT_EQ( hosts(), before );
+   EXPECT_EQ( stats( again )[ "removed" ][ "hosts" ], 0 );
+}
+
+TEST_F( AgentProcess, UntilSteadyGivesUpWithTheReason ) {
+   // A stream that never ends: the agent listens on a socket nobody feeds.
+   Run r = run( { "--input", "unix:" + file( "feed.sock" ), "--until-steady", "--steady-timeout", "1",
+                  "--sync-timeout", "0.2" } );
+   EXPECT_EQ( r.code(), 3 );
+   EXPECT_THAT( r.err, HasSubstr( "not steady after 1 s: the input is not consumed yet" ) );
+}
+
+TEST_F( AgentProcess, EventsFromAUnixSocketAndMetricsOverHttp ) {
+   capabilityIs( true );
+   const std::string sock = file( "feed.sock" );
+   const pid_t pid = spawn( { "--input", "unix:" + sock, "--until-steady", "--metrics-listen", "127.0.0.1:0",
+                              "--trace", "OrbEvpnModeSm/8" } );
+   const std::string out = lastOut_, err = lastErr_;
+   int fd = -1;
+   for ( int i = 0; i < 200 && fd < 0; ++i ) {
+      sockaddr_un addr{};
+      addr.sun_family = AF_UNIX;
+      std::snprintf( addr.sun_path, sizeof addr.sun_path, "%s", sock.c_str() );
+      fd = ::socket( AF_UNIX, SOCK_STREAM, 0 );
+      if ( ::connect( fd, reinterpret_cast< sockaddr* >( &addr ), sizeof addr ) != 0 ) {
+         ::close( fd );
+         fd = -1;
+         std::this_thread::sleep_for( std::chrono::milliseconds( 20 ) );
+      }
+   }
+   ASSERT_GE( fd, 0 ) << "the agent does not listen on " << sock;
+   std::string text;
+   for ( const auto& l : smallInput ) text += l + "\n";
+   ASSERT_EQ( ::write( fd, text.data(), text.size() ), ssize_t( text.size() ) );
+   waitFor( []( const Json& s ) { return s[ "exported" ][ "hosts" ] == 3; }, "the socket's events" );
+
+   // The metrics line on stderr names the port the server took.
+   const std::string e = slurp( err );
+   const std::string tag = "metrics at http://127.0.0.1:";
+   ASSERT_NE( e.find( tag ), std::string::npos ) << e;
+   const int port = std::stoi( e.substr( e.find( tag ) + tag.size() ) );
+   httplib::Client http( "127.0.0.1", port );
+   int status = 0;
+   std::string body;
+   for ( int i = 0; i < 50; ++i ) {   // the text is refreshed every status period
+      auto res = http.Get( "/metrics" );
+      if ( res ) {
+         status = res->status;
+         body = res->body;
+      }
+      if ( body.find( "\norbevpn_agent_exported_hosts 3\n" ) != std::string::npos ) break;
+      std::this_thread::sleep_for( std::chrono::milliseconds( 50 ) );
+   }
+   EXPECT_EQ( status, 200 );
+   EXPECT_THAT( body, HasSubstr( "\norbevpn_agent_exported_hosts 3\n" ) );
+   EXPECT_THAT( body, HasSubstr( "# TYPE orbevpn_agent_integration_mode gauge\norbevpn_agent_integration_mode 1\n" ) );
+
+   Run t = ctl( { "trace" } );
+   EXPECT_THAT( t.out, HasSubstr( "OrbEvpnModeSm 8 Turning orbEvpnIntegrationMode ON" ) );
+
+   ::close( fd );   // the end of the stream: the input is consumed
+   Run r = wait( pid, out, err );
+   EXPECT_EQ( r.code(), 0 ) << r.err;
+   EXPECT_EQ( hosts(), smallHosts );
+}
+
+TEST_F( AgentProcess, MetricsStayOnLoopbackUnlessTold ) {
+   Run r = run( { "--input", events( "in.jsonl", smallInput ), "--metrics-listen", "0.0.0.0:0" } );
+   EXPECT_EQ( r.code(), 2 );
+   EXPECT_THAT( r.err, HasSubstr( "--metrics-listen 0.0.0.0:0: not a loopback address" ) );
+}

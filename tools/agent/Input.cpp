@@ -1,0 +1,145 @@
+#include "tools/agent/Input.h"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace Agent {
+
+namespace {
+
+constexpr size_t sliceLines = 4096;
+
+[[noreturn]] void fail( const std::string& what ) {
+   throw std::runtime_error( fmt::format( "{}: {}", what, std::strerror( errno ) ) );
+}
+
+}  // namespace
+
+Input::Input( EventLoop& loop, const std::string& spec, LineFn onLine, EndFn onEnd )
+      : loop_( loop ), spec_( spec ), onLine_( std::move( onLine ) ), onEnd_( std::move( onEnd ) ) {
+   if ( spec.rfind( "unix:", 0 ) == 0 ) {
+      socketPath_ = spec.substr( 5 );
+      sockaddr_un addr{};
+      if ( socketPath_.empty() || socketPath_.size() >= sizeof addr.sun_path ) {
+         throw std::runtime_error( fmt::format( "bad socket path in --input {}", spec ) );
+      }
+      listenFd_ = ::socket( AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0 );
+      if ( listenFd_ < 0 ) {
+         fail( "socket" );
+      }
+      addr.sun_family = AF_UNIX;
+      std::memcpy( addr.sun_path, socketPath_.c_str(), socketPath_.size() + 1 );
+      ::unlink( socketPath_.c_str() );
+      if ( ::bind( listenFd_, reinterpret_cast< sockaddr* >( &addr ), sizeof addr ) != 0 ||
+           ::listen( listenFd_, 4 ) != 0 ) {
+         fail( fmt::format( "listening on {}", socketPath_ ) );
+      }
+      loop_.add( listenFd_, [ this ]( uint32_t ) {
+         const int c = ::accept4( listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK );
+         if ( c < 0 ) {
+            return;
+         }
+         if ( fd_ >= 0 ) {
+            ::close( c );   // one feed at a time
+            return;
+         }
+         line_ = 0;
+         partial_.clear();
+         watch( c );
+      } );
+      return;
+   }
+   if ( spec == "-" ) {
+      fd_ = ::dup( 0 );
+   } else {
+      fd_ = ::open( spec.c_str(), O_RDONLY | O_CLOEXEC );
+   }
+   if ( fd_ < 0 ) {
+      fail( fmt::format( "cannot open --input {}", spec ) );
+   }
+   struct stat st{};
+   ::fstat( fd_, &st );
+   if ( S_ISREG( st.st_mode ) ) {
+      loop_.workIs( [ this ] {
+         if ( readSome( fd_, sliceLines ) ) {
+            return true;
+         }
+         endOfStream();
+         return false;
+      } );
+   } else {
+      ::fcntl( fd_, F_SETFL, ::fcntl( fd_, F_GETFL ) | O_NONBLOCK );
+      watch( fd_ );
+   }
+}
+
+Input::~Input() {
+   if ( fd_ >= 0 ) {
+      ::close( fd_ );
+   }
+   if ( listenFd_ >= 0 ) {
+      ::close( listenFd_ );
+      ::unlink( socketPath_.c_str() );
+   }
+}
+
+void Input::watch( int fd ) {
+   fd_ = fd;
+   loop_.add( fd, [ this ]( uint32_t ) {
+      if ( !readSome( fd_, sliceLines ) ) {
+         endOfStream();
+      }
+   } );
+}
+
+bool Input::readSome( int fd, size_t budget ) {
+   char buf[ 65536 ];
+   size_t lines = 0;
+   while ( lines < budget ) {
+      const ssize_t n = ::read( fd, buf, sizeof buf );
+      if ( n < 0 ) {
+         if ( errno == EINTR ) {
+            continue;
+         }
+         return errno == EAGAIN || errno == EWOULDBLOCK;
+      }
+      if ( n == 0 ) {
+         if ( !partial_.empty() ) {
+            std::string last;
+            last.swap( partial_ );
+            onLine_( last, ++line_ );
+         }
+         return false;
+      }
+      partial_.append( buf, size_t( n ) );
+      size_t start = 0;
+      for ( size_t nl; ( nl = partial_.find( '\n', start ) ) != std::string::npos; start = nl + 1 ) {
+         onLine_( std::string_view( partial_ ).substr( start, nl - start ), ++line_ );
+         ++lines;
+      }
+      partial_.erase( 0, start );
+   }
+   return true;
+}
+
+void Input::endOfStream() {
+   loop_.remove( fd_ );   // a regular file was never added: harmless
+   ::close( fd_ );
+   fd_ = -1;
+   if ( !ended_ ) {
+      ended_ = true;
+      onEnd_();
+   }
+}
+
+}  // namespace Agent
