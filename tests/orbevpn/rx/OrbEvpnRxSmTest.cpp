@@ -350,6 +350,11 @@ class RxCrossProcessTest : public ::testing::Test {
       }
       _exit( 0 );
    }
+   // The import's tables, mounted on what the writer child writes.
+   void mountReaders() {
+      hosts_ = OrbEvpn::HostTable::HostTableReaderIs( "host", "evpn/host" );
+      floods_ = OrbEvpn::FloodTable::FloodTableReaderIs( "flood", "evpn/flood" );
+   }
    // One step of the writer, acknowledged once done.
    char step( char c ) {
       send( toChild_[ 1 ], c );
@@ -401,8 +406,7 @@ bool filled( const VniStatusDirV2& d, Wire::IpAddr vtep, uint32_t seq, size_t fl
 // they appear; one starts on the filled tables and imports them in its
 // constructor. Both then follow the writer's changes.
 TEST_F( RxCrossProcessTest, ImportFollowsAWriterInAnotherProcess ) {
-   hosts_ = OrbEvpn::HostTable::HostTableReaderIs( "host", "evpn/host" );
-   floods_ = OrbEvpn::FloodTable::FloodTableReaderIs( "flood", "evpn/flood" );
+   mountReaders();
    EXPECT_EQ( hosts_->hostControl()->mountStatus(), Lumen::MountStatus::waitingForWriter );
    auto early = VniStatusDirV2::VniStatusDirV2Is( "early" );
    auto earlySm = orbEvpnRxSmFactory( hosts_, floods_, early );
@@ -473,8 +477,7 @@ TEST_F( RxCrossProcessTest, ImportFollowsAWriterInAnotherProcess ) {
 // is imported, nothing aborts. A host that arrives and is not yet dispatched
 // is not part of what cleanup() removes.
 TEST_F( RxCrossProcessTest, EntriesThatComeAndGoBetweenDispatchesNeverAbortTheImport ) {
-   hosts_ = OrbEvpn::HostTable::HostTableReaderIs( "host", "evpn/host" );
-   floods_ = OrbEvpn::FloodTable::FloodTableReaderIs( "flood", "evpn/flood" );
+   mountReaders();
    auto out = VniStatusDirV2::VniStatusDirV2Is( "out" );
    auto sm = orbEvpnRxSmFactory( hosts_, floods_, out );
    startWriter();
@@ -502,8 +505,7 @@ TEST_F( RxCrossProcessTest, EntriesThatComeAndGoBetweenDispatchesNeverAbortTheIm
 // state imports nothing: it is never reported as a key that is there and
 // absent at once, so no delete reaches a VNI the import never saw.
 TEST_F( RxCrossProcessTest, AHostWithTheDefaultValueIsNoHost ) {
-   hosts_ = OrbEvpn::HostTable::HostTableReaderIs( "host", "evpn/host" );
-   floods_ = OrbEvpn::FloodTable::FloodTableReaderIs( "flood", "evpn/flood" );
+   mountReaders();
    auto out = VniStatusDirV2::VniStatusDirV2Is( "out" );
    auto sm = orbEvpnRxSmFactory( hosts_, floods_, out );
    startWriter();
@@ -529,8 +531,7 @@ TEST_F( RxCrossProcessTest, AHostWithTheDefaultValueIsNoHost ) {
 // following along; none aborts, and once the writer is quiet the follower's
 // output equals the tables, which equal shared memory.
 TEST_F( RxCrossProcessTest, ImportUnderChurnFromAnotherProcessNeverAborts ) {
-   hosts_ = OrbEvpn::HostTable::HostTableReaderIs( "host", "evpn/host" );
-   floods_ = OrbEvpn::FloodTable::FloodTableReaderIs( "flood", "evpn/flood" );
+   mountReaders();
    auto follower = VniStatusDirV2::VniStatusDirV2Is( "follower" );
    auto sm = orbEvpnRxSmFactory( hosts_, floods_, follower );
    startWriter();
