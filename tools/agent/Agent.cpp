@@ -422,6 +422,7 @@ void Agent::onTick() {
       phases_.steady = msBetween( start_, at );
    }
    steady_ = steady;
+   notSteady_ = steady ? std::string() : why;
    if ( tty_ && ( ticks_ % std::max< uint32_t >( 1, 1000 / o_.statusPeriodMs ) == 0 ) ) {
       statusLine( false );
    }

@@ -64,6 +64,7 @@ class Agent {
    // One control command line; the reply (starting "error:" on failure).
    std::string command( const std::string& line );
    nlohmann::json statusJson() const;
+   nlohmann::json statusJsonCore() const;
    nlohmann::json countersJson() const;
    nlohmann::json statsJson() const;
    std::string metricsText() const;
@@ -126,6 +127,7 @@ class Agent {
    bool snapshotEnded_ = false, inputEnded_ = false, machinesStarted_ = false;
    Clock::time_point modelStart_, inputEndedAt_, machinesAt_, lastActivity_;
    bool steady_ = false;
+   std::string notSteady_;   // why not, while not
    int stableTicks_ = 0;
    std::array< uint64_t, 8 > heads_{};
    uint64_t lastEvents_ = 0;

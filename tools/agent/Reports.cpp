@@ -28,6 +28,24 @@ void Agent::statusLine( bool final ) {
 }
 
 Json Agent::statusJson() const {
+   auto reader = []( Lumen::MountStatus status, bool pending ) {
+      return Json{ { "status", Lumen::mountStatusName( status ) }, { "dispatchPending", pending } };
+   };
+   Json readers = Json::object();
+   if ( evpnHost_ ) {
+      readers[ "evpn/host" ] = reader( evpnHost_->mountStatus(), evpnHost_->dispatchPending() );
+      readers[ "evpn/flood" ] = reader( evpnFlood_->mountStatus(), evpnFlood_->dispatchPending() );
+      readers[ "evpn/capability" ] = reader( capabilityIn_->mountStatus(), capabilityIn_->dispatchPending() );
+   }
+   Json s = statusJsonCore();
+   s[ "readers" ] = readers;
+   if ( !steady_ ) {
+      s[ "notSteady" ] = notSteady_;
+   }
+   return s;
+}
+
+Json Agent::statusJsonCore() const {
    return { { "steady", steady_ },
             { "integrationMode", model_.config()->orbEvpnIntegrationMode() },
             { "controllerdbEnabled", model_.controllerdb()->enabled() },

@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -47,8 +48,15 @@ Notifier::Notifier( const std::string& root, const std::string& path, uint64_t s
    if ( ::socketpair( AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair ) != 0 ) {
       MOX_THROW( Mox::Exception, "Lumen cannot create a wake-up socket: {}", errnoText() );
    }
-   recvFd_ = pair[ 0 ];
-   sendFd_ = pair[ 1 ];
+   pollFd_ = ::epoll_create1( EPOLL_CLOEXEC );
+   if ( pollFd_ < 0 || !watchSocket( pair[ 0 ], pair[ 1 ] ) ) {
+      int error = errno;
+      ::close( pair[ 0 ] ), ::close( pair[ 1 ] );
+      if ( pollFd_ >= 0 ) {
+         ::close( pollFd_ );
+      }
+      MOX_THROW( Mox::Exception, "Lumen cannot watch its wake-up socket: {}", std::strerror( error ) );
+   }
    maintain( true );
 }
 
@@ -58,6 +66,7 @@ Notifier::~Notifier() {
    closeControlFd();
    ::close( sendFd_ );
    ::close( recvFd_ );
+   ::close( pollFd_ );
    if ( !socketName_.empty() ) {
       ::unlink( socketName_.c_str() );
    }
@@ -241,18 +250,42 @@ bool Notifier::bindSocket() {
                     : ::lchown( name.c_str(), uid_t( -1 ), st.st_gid ) == 0 &&
                          ::chmod( name.c_str(), groupSocketMode ) == 0;
       send = ok ? connectTo( name ) : -1;
-      ok = send >= 0 && ::dup3( recv, recvFd_, O_CLOEXEC ) >= 0 &&
-           ::dup3( send, sendFd_, O_CLOEXEC ) >= 0;
-   }
-   ::close( recv );
-   if ( send >= 0 ) {
-      ::close( send );
+      ok = send >= 0 && watchSocket( recv, send );
    }
    if ( !ok ) {
+      ::close( recv );
+      if ( send >= 0 ) {
+         ::close( send );
+      }
       ::unlink( name.c_str() );
       return false;
    }
    socketName_ = name;
+   return true;
+}
+
+// The caller watches fd(), an epoll set that holds the current socket: a
+// socket changed under a descriptor number it had registered elsewhere
+// would silently drop out of the caller's own epoll set. A poke still
+// queued on the old socket is passed on.
+bool Notifier::watchSocket( int recv, int send ) {
+   epoll_event ev{};
+   ev.events = EPOLLIN;
+   if ( ::epoll_ctl( pollFd_, EPOLL_CTL_ADD, recv, &ev ) != 0 ) {
+      return false;
+   }
+   bool queued = false;
+   if ( recvFd_ >= 0 ) {
+      queued = readableNow( recvFd_ );
+      ::epoll_ctl( pollFd_, EPOLL_CTL_DEL, recvFd_, nullptr );
+      ::close( recvFd_ );
+      ::close( sendFd_ );
+   }
+   recvFd_ = recv;
+   sendFd_ = send;
+   if ( queued ) {
+      poke();
+   }
    return true;
 }
 

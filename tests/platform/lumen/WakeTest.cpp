@@ -8,11 +8,13 @@
 #include <gtest/gtest.h>
 #include <grp.h>
 #include <signal.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <filesystem>
 #include <memory>
+#include <random>
 #include <set>
 
 using namespace LumenTest;
@@ -315,8 +317,9 @@ TEST( LumenWake, ManyIdleReadersRegisterAndArePokedOncePerDispatch ) {
    EXPECT_EQ( wake.header->sleepers.load(), 0u );
    for ( auto& reader : readers ) {
       char buf[ 16 ];
-      EXPECT_EQ( ::recv( reader->fd(), buf, sizeof( buf ), MSG_DONTWAIT ), 1 );
-      EXPECT_LT( ::recv( reader->fd(), buf, sizeof( buf ), MSG_DONTWAIT ), 0 ) << "poked twice";
+      int socket = li::ReaderInternals::wakeSocket( *reader );
+      EXPECT_EQ( ::recv( socket, buf, sizeof( buf ), MSG_DONTWAIT ), 1 );
+      EXPECT_LT( ::recv( socket, buf, sizeof( buf ), MSG_DONTWAIT ), 0 ) << "poked twice";
    }
 }
 
@@ -354,4 +357,57 @@ TEST( LumenWake, ChangesWhosePokesAreDeferredStillWakeEveryReader ) {
    writer->write( HostRec::of( 101, 1 ) );
    writer.reset();   // owes the scan for 101
    allWokenFor( 101 );
+}
+
+// A reader made before its table exists or while its writer is still
+// creating it, watched as an event loop watches it (fd() added to an epoll
+// set once): whatever the moment the writer creates the table and writes,
+// every change reaches it, and it never sits with a dispatch owed and its
+// fd() quiet.
+TEST( LumenWake, AReaderBornBeforeItsWriterIsWokenForEveryChange ) {
+   std::mt19937 rng( 11 );
+   for ( int round = 0; round < 60; ++round ) {
+      LumenRoot root;
+      Pipe go;
+      uint32_t startUs = round % 2 == 0 ? rng() % 4000 : 0;
+      pid_t child = startChild( [ & ] {
+         Lumen::Writer< HostRec > writer;
+         if ( startUs == 0 ) {
+            go.wait();   // the reader is made while attach() runs
+         } else {
+            ::usleep( startUs );
+         }
+         writer.attach( "/lumen/late" );
+         for ( uint32_t n = 0; n < 20; ++n ) {
+            writer.write( HostRec::of( n, n ) );
+            ::usleep( 500 );
+         }
+         ::pause();
+         return 0;
+      } );
+      if ( startUs == 0 ) {
+         go.signal();
+      }
+      Lumen::Reader< HostRec > reader( "/lumen/late" );
+      reader.onKeyIs( []( const MacKey& ) {} );
+      int ep = ::epoll_create1( EPOLL_CLOEXEC );
+      epoll_event ev{};
+      ev.events = EPOLLIN;
+      ASSERT_EQ( ::epoll_ctl( ep, EPOLL_CTL_ADD, reader.fd(), &ev ), 0 );
+      bool quiet = false;
+      while ( reader.count() < 20 ) {
+         if ( ::epoll_wait( ep, &ev, 1, 2000 ) != 1 ) {
+            quiet = true;
+            break;
+         }
+         reader.dispatch();
+      }
+      ::close( ep );
+      bool owed = reader.dispatchPending();
+      ::kill( child, SIGKILL );
+      waitChild( child );
+      ASSERT_FALSE( quiet ) << "round " << round << " (writer after " << startUs
+                            << " us): fd() stayed quiet with " << reader.count()
+                            << " of 20 delivered, dispatch owed: " << owed;
+   }
 }
