@@ -64,10 +64,6 @@ namespace Lumen {
 template< class Record >
 class Reader;
 
-namespace internal {
-struct ReaderInternals;   // what the tests look at beneath a Reader
-}
-
 template< class Record >
 class Writer {
  public:
@@ -241,7 +237,6 @@ class Reader {
    mutable std::vector< internal::SlotArray > retired_;
    mutable std::vector< uint64_t > iterating_;
    std::unique_ptr< internal::Notifier > notifier_;
-   friend struct internal::ReaderInternals;
 
    // Dispatch state, touched only by dispatch() and the constructor.
    struct Event {

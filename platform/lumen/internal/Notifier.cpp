@@ -11,7 +11,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
-#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -48,15 +47,8 @@ Notifier::Notifier( const std::string& root, const std::string& path, uint64_t s
    if ( ::socketpair( AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair ) != 0 ) {
       MOX_THROW( Mox::Exception, "Lumen cannot create a wake-up socket: {}", errnoText() );
    }
-   pollFd_ = ::epoll_create1( EPOLL_CLOEXEC );
-   if ( pollFd_ < 0 || !watchSocket( pair[ 0 ], pair[ 1 ] ) ) {
-      int error = errno;
-      ::close( pair[ 0 ] ), ::close( pair[ 1 ] );
-      if ( pollFd_ >= 0 ) {
-         ::close( pollFd_ );
-      }
-      MOX_THROW( Mox::Exception, "Lumen cannot watch its wake-up socket: {}", std::strerror( error ) );
-   }
+   recvFd_ = pair[ 0 ];
+   sendFd_ = pair[ 1 ];
    maintain( true );
 }
 
@@ -66,7 +58,6 @@ Notifier::~Notifier() {
    closeControlFd();
    ::close( sendFd_ );
    ::close( recvFd_ );
-   ::close( pollFd_ );
    if ( !socketName_.empty() ) {
       ::unlink( socketName_.c_str() );
    }
@@ -222,6 +213,11 @@ void Notifier::claimSlot() {
 // the unnamed one, under the same descriptor numbers (the caller may poll
 // fd()). A poke sent to the unnamed one meanwhile is lost; arm() returns
 // true after this, so the caller looks for changes itself.
+// The socket fd() has returned from the start is the one named here: a
+// socket swapped in under the same descriptor number would drop out of the
+// epoll set of a caller that had added fd() to one. It leaves the pair it
+// was made in (a connected datagram socket takes datagrams from its peer
+// only), and the pair's other end goes on sending our own pokes to it.
 bool Notifier::bindSocket() {
    if ( !socketName_.empty() ) {
       return true;
@@ -234,58 +230,37 @@ bool Notifier::bindSocket() {
       return false;
    }
    std::memcpy( addr.sun_path, name.c_str(), name.size() + 1 );
-   int recv = ::socket( AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0 );
-   if ( recv < 0 ) {
-      return false;
-   }
    ::unlink( name.c_str() );   // a leftover of a dead process with our pid
-   int send = -1;
-   bool ok = ::bind( recv, reinterpret_cast< sockaddr* >( &addr ), sizeof( addr ) ) == 0;
-   if ( ok ) {
-      struct stat st {};
-      // The writer is the wake file's owner; when that is not us, the file's
-      // group (ours, for a supported reader) lets it write to the socket.
-      bool sameUser = ::stat( wakeName_.c_str(), &st ) == 0 && st.st_uid == ::geteuid();
-      ok = sameUser ? ::chmod( name.c_str(), socketMode ) == 0
-                    : ::lchown( name.c_str(), uid_t( -1 ), st.st_gid ) == 0 &&
-                         ::chmod( name.c_str(), groupSocketMode ) == 0;
-      send = ok ? connectTo( name ) : -1;
-      ok = send >= 0 && watchSocket( recv, send );
-   }
-   if ( !ok ) {
-      ::close( recv );
-      if ( send >= 0 ) {
-         ::close( send );
-      }
-      ::unlink( name.c_str() );
+   // Leaving the pair drops what is queued (and flags the other end): a
+   // queued poke is sent again once named.
+   bool queued = readableNow( recvFd_ );
+   sockaddr unspec {};
+   unspec.sa_family = AF_UNSPEC;
+   if ( ::connect( recvFd_, &unspec, sizeof( unspec ) ) != 0 ||
+        ::bind( recvFd_, reinterpret_cast< sockaddr* >( &addr ), sizeof( addr ) ) != 0 ) {
       return false;
    }
-   socketName_ = name;
-   return true;
-}
-
-// The caller watches fd(), an epoll set that holds the current socket: a
-// socket changed under a descriptor number it had registered elsewhere
-// would silently drop out of the caller's own epoll set. A poke still
-// queued on the old socket is passed on.
-bool Notifier::watchSocket( int recv, int send ) {
-   epoll_event ev{};
-   ev.events = EPOLLIN;
-   if ( ::epoll_ctl( pollFd_, EPOLL_CTL_ADD, recv, &ev ) != 0 ) {
-      return false;
-   }
-   bool queued = false;
-   if ( recvFd_ >= 0 ) {
-      queued = readableNow( recvFd_ );
-      ::epoll_ctl( pollFd_, EPOLL_CTL_DEL, recvFd_, nullptr );
-      ::close( recvFd_ );
-      ::close( sendFd_ );
-   }
-   recvFd_ = recv;
-   sendFd_ = send;
+   int error = 0;
+   socklen_t length = sizeof( error );
+   ::getsockopt( sendFd_, SOL_SOCKET, SO_ERROR, &error, &length );
    if ( queued ) {
       poke();
    }
+   struct stat st {};
+   // The writer is the wake file's owner; when that is not us, the file's
+   // group (ours, for a supported reader) lets it write to the socket.
+   bool sameUser = ::stat( wakeName_.c_str(), &st ) == 0 && st.st_uid == ::geteuid();
+   bool ok = sameUser ? ::chmod( name.c_str(), socketMode ) == 0
+                      : ::lchown( name.c_str(), uid_t( -1 ), st.st_gid ) == 0 &&
+                           ::chmod( name.c_str(), groupSocketMode ) == 0;
+   if ( !ok ) {
+      // The socket keeps the name (a socket is bound once), which nobody
+      // may now write to: wait on the wake word instead, for good.
+      ::unlink( name.c_str() );
+      unbindable_ = true;
+      return false;
+   }
+   socketName_ = name;
    return true;
 }
 

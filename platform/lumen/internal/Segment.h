@@ -346,9 +346,8 @@ inline constexpr std::chrono::milliseconds slotStuckHardLimit{ 1000 };
 uint32_t readBusySlot( const StuckContext& ctx, const std::atomic< uint32_t >& word, uint32_t slot,
                        void* out, const void* record, size_t size );
 
-// A Reader's wake-up path. fd() is an epoll set, made once, that holds a
-// datagram socket (the socket is replaced when the reader registers; the
-// set a caller watches is not); once the table's
+// A Reader's wake-up path. fd() is a datagram socket, the same one for the
+// reader's whole life; once the table's
 // writer has created the wake segment, the Notifier registers in a slot of it
 // and binds the socket under the root. When the reader has consumed
 // everything it arms the slot; the writer's next change clears the bit and
@@ -375,8 +374,7 @@ class Notifier {
    Notifier( const std::string& root, const std::string& path, uint64_t seenHead,
              MountStatus seenStatus, FileIdentity followed );
    ~Notifier();
-   int fd() const { return pollFd_; }
-   int socketFd() const { return recvFd_; }   // the socket pokes arrive on
+   int fd() const { return recvFd_; }
    bool registered() const { return slot_ >= 0; }
    void drain();        // clears readiness
    // dispatch() consumed everything. Registers first if it is due. Then,
@@ -405,7 +403,6 @@ class Notifier {
    void openWake();
    void claimSlot();
    bool bindSocket();
-   bool watchSocket( int recv, int send );
    void startThread();
    void closeControlFd();
    void stopThread();
@@ -422,7 +419,6 @@ class Notifier {
    uint32_t nonce_ = 0;
    std::string socketName_;   // empty until bound by name
    bool unbindable_ = false;  // the socket name is too long: never registers
-   int pollFd_ = -1;          // fd(): an epoll set holding recvFd_, never replaced
    int recvFd_ = -1;
    int sendFd_ = -1;          // connected to recvFd_, for poke()
    Mapping wake_;

@@ -799,14 +799,6 @@ void Reader< Record >::armForNextChange() {
 template< class Record >
 Reader< Record >::~Reader() = default;
 
-struct internal::ReaderInternals {
-   // The socket a reader's pokes arrive on, beneath fd().
-   template< class Record >
-   static int wakeSocket( const Reader< Record >& r ) {
-      return r.notifier_->socketFd();
-   }
-};
-
 template< class Record >
 bool Reader< Record >::mount() const {
    if ( !control_ ) {

@@ -317,9 +317,8 @@ TEST( LumenWake, ManyIdleReadersRegisterAndArePokedOncePerDispatch ) {
    EXPECT_EQ( wake.header->sleepers.load(), 0u );
    for ( auto& reader : readers ) {
       char buf[ 16 ];
-      int socket = li::ReaderInternals::wakeSocket( *reader );
-      EXPECT_EQ( ::recv( socket, buf, sizeof( buf ), MSG_DONTWAIT ), 1 );
-      EXPECT_LT( ::recv( socket, buf, sizeof( buf ), MSG_DONTWAIT ), 0 ) << "poked twice";
+      EXPECT_EQ( ::recv( reader->fd(), buf, sizeof( buf ), MSG_DONTWAIT ), 1 );
+      EXPECT_LT( ::recv( reader->fd(), buf, sizeof( buf ), MSG_DONTWAIT ), 0 ) << "poked twice";
    }
 }
 
