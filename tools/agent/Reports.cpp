@@ -48,6 +48,7 @@ Json Agent::statusJson() const {
 Json Agent::countersJson() const {
    Json c = { { "events", counts_.events },
               { "badLines", counts_.badLines },
+              { "badRows", counts_.badRows },
               { "refused", counts_.refused },
               { "synced", counts_.synced },
               { "cleanups", counts_.cleanups },
