@@ -100,10 +100,14 @@ void VtepMapping::switchRow( const Uuid& uuid, const Json* row ) {
       reported_.erase( uuid );
       return;
    }
+   // A usable row may still lose its key to another switch: assignVnis()
+   // says which, and clears what was reported once the row is in use.
    auto parsed = parseSwitch( *row );
-   if ( usable( switchTable, uuid, parsed ) ) {
+   if ( std::holds_alternative< SwitchRow >( parsed ) ) {
       switches_[ uuid ] = std::get< SwitchRow >( parsed );
       ++rows_;
+   } else {
+      usable( switchTable, uuid, parsed );
    }
 }
 
@@ -201,6 +205,7 @@ void VtepMapping::assignVnis() {
                  RowOr< SwitchRow >( fmt::format( "tunnel_key {} already used by {}", sw.vni, it->second ) ) );
          continue;
       }
+      reported_.erase( uuid );
       vniOf[ uuid ] = sw.vni;
    }
    for ( const auto& [ uuid, vni ] : vniOf ) {
