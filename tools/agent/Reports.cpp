@@ -28,7 +28,7 @@ void Agent::statusLine( bool final ) {
 }
 
 Json Agent::statusJson() const {
-   return { { "steady", steady_ },
+   Json s = { { "steady", steady_ },
             { "integrationMode", model_.config()->orbEvpnIntegrationMode() },
             { "controllerdbEnabled", model_.controllerdb()->enabled() },
             { "evpnEnabled", model_.capability()->evpnEnabled() },
@@ -43,6 +43,10 @@ Json Agent::statusJson() const {
             { "refused", counts_.refused },
             { "eventsPerSecond", eventsPerSecond_ },
             { "machines", tx_ ? "running" : paused_ ? "cleaned up on demand" : "not running" } };
+   if ( ovsdb_ ) {
+      s[ "ovsdb" ] = { { "up", ovsdb_->up() }, { "sessions", ovsdb_->sessions() }, { "badRows", counts_.badRows } };
+   }
+   return s;
 }
 
 Json Agent::countersJson() const {
