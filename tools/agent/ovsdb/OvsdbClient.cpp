@@ -121,7 +121,9 @@ void OvsdbClient::connectNow() {
          rc = ::connect( fd, reinterpret_cast< sockaddr* >( &addr ), sizeof addr );
       }
    }
-   if ( fd < 0 || ( rc != 0 && errno != EINPROGRESS && errno != EAGAIN ) ) {
+   // Only TCP connects in the background; a Unix socket that answers
+   // EAGAIN has a full backlog and is tried again later.
+   if ( fd < 0 || ( rc != 0 && errno != EINPROGRESS ) ) {
       if ( fd >= 0 ) {
          ::close( fd );
       }

@@ -8,6 +8,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <netinet/in.h>
+
 
 using ::testing::Not;
 
@@ -293,6 +295,29 @@ TEST_F( OvsdbFeed, EchoKeepsAQuietSessionOpen ) {
    EXPECT_EQ( s[ "ovsdb" ][ "sessions" ], 1 ) << slurp( err_ );
    EXPECT_EQ( s[ "ovsdb" ][ "up" ], true );
    EXPECT_THAT( slurp( err_ ), Not( HasSubstr( "session ended" ) ) );
+   EXPECT_EQ( stopAgent( pid ).code(), 0 );
+}
+
+TEST_F( OvsdbFeed, ASessionOverTcp ) {
+   capabilityIs( true );
+   // A port that was free a moment ago.
+   const int probe = ::socket( AF_INET, SOCK_STREAM, 0 );
+   sockaddr_in a{};
+   a.sin_family = AF_INET;
+   a.sin_addr.s_addr = htonl( INADDR_LOOPBACK );
+   socklen_t len = sizeof a;
+   ASSERT_EQ( ::bind( probe, reinterpret_cast< sockaddr* >( &a ), sizeof a ), 0 );
+   ::getsockname( probe, reinterpret_cast< sockaddr* >( &a ), &len );
+   const int port = ntohs( a.sin_port );
+   ::close( probe );
+   server().start( "", false, port );
+   fill();
+   const pid_t pid = spawn( { "--ovsdb", "tcp:127.0.0.1:" + std::to_string( port ) } );
+   err_ = lastErr_;
+   out_ = lastOut_;
+   waitFor( []( const Json& s ) { return s[ "exported" ][ "hosts" ] == 3; }, "the database exported over TCP" );
+   EXPECT_EQ( hosts(), filledHosts );
+   EXPECT_EQ( flood(), filledFlood );
    EXPECT_EQ( stopAgent( pid ).code(), 0 );
 }
 

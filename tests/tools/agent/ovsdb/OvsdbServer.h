@@ -56,7 +56,7 @@ class OvsdbServer {
    // Starts the server on `sock` (default: socket()); returns once it answers.
    // `managers`: also take the remotes the database's Manager rows list
    // (with their inactivity probes).
-   void start( const std::string& sock = "", bool managers = false ) {
+   void start( const std::string& sock = "", bool managers = false, int tcpPort = 0 ) {
       const std::string s = sock.empty() ? socket() : sock;
       current_ = s;
       ::unlink( s.c_str() );
@@ -67,9 +67,11 @@ class OvsdbServer {
          const int quiet = ::open( "/dev/null", O_WRONLY );   // its log file has everything
          ::dup2( quiet, 1 );
          ::dup2( quiet, 2 );
-         const char* fromDb = "--remote=db:hardware_vtep,Global,managers";
+         const std::string extra = managers  ? std::string( "--remote=db:hardware_vtep,Global,managers" )
+                                   : tcpPort ? "--remote=ptcp:" + std::to_string( tcpPort ) + ":127.0.0.1"
+                                             : std::string( "--no-chdir" );
          ::execl( "/usr/sbin/ovsdb-server", "ovsdb-server", remote.c_str(), unixctl.c_str(), "--no-chdir",
-                  pidfile.c_str(), log.c_str(), managers ? fromDb : "--no-chdir", db().c_str(), (char*)nullptr );
+                  pidfile.c_str(), log.c_str(), extra.c_str(), db().c_str(), (char*)nullptr );
          ::_exit( 127 );
       }
       for ( int i = 0; i < 200; ++i ) {
