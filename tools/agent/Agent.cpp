@@ -116,6 +116,7 @@ Agent::~Agent() {
       w->isRegisteredNotifieeIs( false );
    }
    input_.reset();
+   ovsdb_.reset();
    control_.reset();
    http_.reset();
    for ( int fd : { signalFd_, tickTimer_, churnTimer_ } ) {
@@ -196,6 +197,10 @@ void Agent::listExportedBridgeIds() {
 
 void Agent::startInput() {
    modelStart_ = Clock::now();
+   if ( !o_.ovsdb.empty() ) {
+      startOvsdb();
+      return;
+   }
    if ( o_.input.empty() ) {
       startDemo();
       return;
@@ -250,6 +255,46 @@ void Agent::startDemo() {
       } );
       return false;
    } );
+}
+
+// The feed issues sequence numbers per MAC: seeded from what this agent
+// exported before (a MAC still behind the same VTEP keeps its number) and
+// from what the EVPN side holds, so that numbers never go back, also across
+// restarts; later moves also look at the import mirror.
+void Agent::startOvsdb() {
+   Ovsdb::OvsdbFeed::Hooks hooks;
+   hooks.emit = [ this ]( const Event& e ) { apply( e ); };
+   hooks.report = [ this ]( std::string_view table, const Ovsdb::Uuid& uuid, const std::string& reason ) {
+      ++counts_.badRows;
+      std::fprintf( stderr, "ovsdb: %.*s %s: %s\n", int( table.size() ), table.data(), uuid.c_str(), reason.c_str() );
+   };
+   hooks.mirrorSeqNo = [ this ]( const Mac& m ) { return mirrorSeqNo( m ); };
+   hooks.log = []( const std::string& line ) { std::fprintf( stderr, "ovsdb: %s\n", line.c_str() ); };
+   // The database is never "consumed": the snapshot is what --until-steady waits for.
+   hooks.snapshotDone = [ this ] { inputDone(); };
+   ovsdb_ = std::make_unique< Ovsdb::OvsdbFeed >( loop_, o_.ovsdb, o_.ovsdbGrace, std::move( hooks ) );
+   auto macOf = []( const Wire::EthAddr& a ) {
+      Mac m;
+      std::copy( a.bytes(), a.bytes() + 6, m.begin() );
+      return m;
+   };
+   for ( auto it = hostOut_->hostIterConst(); it; ++it ) {
+      const OrbEvpn::Host& h = it.value();
+      ovsdb_->mapping().seedExported( h.vni().value(), macOf( h.macAddr() ), h.vtepAddr().value(), h.seqNo().value() );
+   }
+   for ( auto it = evpnHost_->hostIterConst(); it; ++it ) {
+      ovsdb_->mapping().seedSeqNo( macOf( it.value().macAddr() ), it.value().seqNo().value() );
+   }
+   ovsdb_->start();
+}
+
+uint32_t Agent::mirrorSeqNo( const Mac& mac ) const {
+   const Wire::EthAddr a( mac.data() );
+   uint32_t n = 0;
+   for ( const auto& [ vni, s ] : model_.evpnDir()->vniStatusV2Coll().map() ) {
+      n = std::max( n, s->macVtepTable( a ).seqNo().value() );
+   }
+   return n;
 }
 
 void Agent::inputDone() {

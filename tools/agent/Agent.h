@@ -25,6 +25,7 @@
 #include "tools/agent/Model.h"
 #include "tools/agent/PluginHost.h"
 #include "tools/agent/Stats.h"
+#include "tools/agent/ovsdb/OvsdbFeed.h"
 #include "tools/common/BoundaryRecords.h"
 
 #include <nlohmann/json.hpp>
@@ -39,7 +40,9 @@ namespace Agent {
 
 struct Options {
    std::string prefix = "/orbevpn";
-   std::string input;                 // empty: the built-in demo
+   std::string input;                 // empty: the built-in demo (or --ovsdb)
+   std::string ovsdb;                 // unix:PATH or tcp:HOST:PORT of a hardware_vtep database
+   double ovsdbGrace = 30;            // seconds without a session before the controller db is disabled
    DemoOptions demo;
    double demoChurnSeconds = 0;
    uint32_t demoChurnRate = 2000;     // churn events per second
@@ -78,6 +81,8 @@ class Agent {
    void listExportedBridgeIds();
    void startInput();
    void startDemo();
+   void startOvsdb();
+   uint32_t mirrorSeqNo( const Mac& mac ) const;
    void endOfSnapshot( const char* why );
    void startMachines();
    void reconcile();
@@ -115,6 +120,7 @@ class Agent {
 
    std::unique_ptr< Input > input_;
    std::unique_ptr< Demo > demo_;
+   std::unique_ptr< Ovsdb::OvsdbFeed > ovsdb_;
    Clock::time_point churnUntil_;
    int churnTimer_ = -1;
    std::unique_ptr< ControlServer > control_;

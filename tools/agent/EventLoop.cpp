@@ -41,6 +41,15 @@ void EventLoop::remove( int fd ) {
    handlers_.erase( fd );
 }
 
+void EventLoop::eventsIs( int fd, uint32_t events ) {
+   epoll_event ev{};
+   ev.events = events;
+   ev.data.fd = fd;
+   if ( ::epoll_ctl( epoll_, EPOLL_CTL_MOD, fd, &ev ) != 0 ) {
+      fail( "epoll_ctl mod" );
+   }
+}
+
 void EventLoop::workIs( Work w ) { work_.push_back( std::move( w ) ); }
 
 void EventLoop::run() {
@@ -84,6 +93,26 @@ int EventLoop::periodicTimer( uint32_t periodMs ) {
       fail( "timerfd_settime" );
    }
    return fd;
+}
+
+int EventLoop::oneShotTimer() {
+   int fd = ::timerfd_create( CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC );
+   if ( fd < 0 ) {
+      fail( "timerfd_create" );
+   }
+   return fd;
+}
+
+void EventLoop::armOnce( int fd, uint32_t ms ) {
+   itimerspec spec{};
+   spec.it_value.tv_sec = ms / 1000;
+   spec.it_value.tv_nsec = long( ms % 1000 ) * 1000000L;
+   if ( spec.it_value.tv_sec == 0 && spec.it_value.tv_nsec == 0 ) {
+      spec.it_value.tv_nsec = 1;   // zero would disarm it
+   }
+   if ( ::timerfd_settime( fd, 0, &spec, nullptr ) != 0 ) {
+      fail( "timerfd_settime" );
+   }
 }
 
 void EventLoop::drainTimer( int fd ) {

@@ -27,6 +27,8 @@ class EventLoop {
 
    void add( int fd, Handler h, uint32_t events = 0x001 /* EPOLLIN */ );
    void remove( int fd );
+   // Changes what an added fd is waited for (EPOLLIN, EPOLLOUT, ...).
+   void eventsIs( int fd, uint32_t events );
    // `w` runs between rounds until it returns false (then it is dropped).
    void workIs( Work w );
    void run();    // until stop()
@@ -36,6 +38,9 @@ class EventLoop {
    // A periodic timer fd (CLOCK_MONOTONIC); the handler must call drainTimer.
    static int periodicTimer( uint32_t periodMs );
    static void drainTimer( int fd );
+   // A one-shot timer fd, disarmed; armOnce(fd, ms) sets it off once.
+   static int oneShotTimer();
+   static void armOnce( int fd, uint32_t ms );
 
  private:
    int epoll_ = -1;

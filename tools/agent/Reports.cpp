@@ -46,7 +46,7 @@ Json Agent::statusJson() const {
 }
 
 Json Agent::statusJsonCore() const {
-   return { { "steady", steady_ },
+   Json s = { { "steady", steady_ },
             { "integrationMode", model_.config()->orbEvpnIntegrationMode() },
             { "controllerdbEnabled", model_.controllerdb()->enabled() },
             { "evpnEnabled", model_.capability()->evpnEnabled() },
@@ -61,11 +61,16 @@ Json Agent::statusJsonCore() const {
             { "refused", counts_.refused },
             { "eventsPerSecond", eventsPerSecond_ },
             { "machines", tx_ ? "running" : paused_ ? "cleaned up on demand" : "not running" } };
+   if ( ovsdb_ ) {
+      s[ "ovsdb" ] = { { "up", ovsdb_->up() }, { "sessions", ovsdb_->sessions() }, { "badRows", counts_.badRows } };
+   }
+   return s;
 }
 
 Json Agent::countersJson() const {
    Json c = { { "events", counts_.events },
               { "badLines", counts_.badLines },
+              { "badRows", counts_.badRows },
               { "refused", counts_.refused },
               { "synced", counts_.synced },
               { "cleanups", counts_.cleanups },

@@ -25,6 +25,7 @@ inline uint64_t peakRssBytes() {
 struct Counts {
    uint64_t events = 0;      // applied to the model
    uint64_t badLines = 0;    // malformed or out of range, skipped
+   uint64_t badRows = 0;     // OVSDB rows the feed cannot map, skipped
    uint64_t refused = 0;     // writes the boundary forbids, skipped
    uint64_t synced = 0;      // {"op":"synced"} seen
    uint64_t cleanups = 0;    // export and import cleaned up and dropped

@@ -29,6 +29,10 @@ int main( int argc, char** argv ) {
    app.add_option( "--root", root, "Lumen root folder (default: $ORBEVPN_LUMEN_ROOT or /dev/shm)" );
    app.add_option( "--trace", trace, "trace levels, e.g. 'VxlanControllerEvpnTxSm/3-4' (also $ORBEVPN_TRACE)" );
    app.add_option( "--input", o.input, "controller events: FILE, - (stdin) or unix:PATH (the agent listens)" );
+   app.add_option( "--ovsdb", o.ovsdb, "controller state from a hardware_vtep OVSDB: unix:PATH or tcp:HOST:PORT" );
+   app.add_option( "--ovsdb-grace", o.ovsdbGrace, "seconds without an OVSDB session before the controller database counts as disabled" )
+      ->capture_default_str()
+      ->check( CLI::NonNegativeNumber );
    app.add_option( "--demo", demoSize, "demo size VNIS:MACS (default 100:1000)" );
    app.add_option( "--demo-churn", o.demoChurnSeconds, "seconds of churn after the demo's snapshot" );
    app.add_option( "--demo-churn-rate", o.demoChurnRate, "churn events per second" )->capture_default_str();
@@ -85,6 +89,10 @@ int main( int argc, char** argv ) {
       o.demo.skipVni = skipVni;
       if ( !o.input.empty() && ( !demoSize.empty() || skipVni ) ) {
          std::fprintf( stderr, "orbevpn-agent: --demo options and --input exclude each other\n" );
+         return 2;
+      }
+      if ( !o.ovsdb.empty() && ( !o.input.empty() || !demoSize.empty() || skipVni ) ) {
+         std::fprintf( stderr, "orbevpn-agent: --ovsdb excludes --input and the --demo options\n" );
          return 2;
       }
       Agent::Agent agent( o );
