@@ -85,11 +85,11 @@ int EventLoop::periodicTimer( uint32_t periodMs ) {
    if ( fd < 0 ) {
       fail( "timerfd_create" );
    }
-   itimerspec spec{};
-   spec.it_interval.tv_sec = periodMs / 1000;
-   spec.it_interval.tv_nsec = long( periodMs % 1000 ) * 1000000L;
-   spec.it_value = spec.it_interval;
-   if ( ::timerfd_settime( fd, 0, &spec, nullptr ) != 0 ) {
+   itimerspec period{};
+   period.it_interval.tv_sec = periodMs / 1000;
+   period.it_interval.tv_nsec = long( periodMs % 1000 ) * 1000000L;
+   period.it_value = period.it_interval;
+   if ( ::timerfd_settime( fd, 0, &period, nullptr ) != 0 ) {
       fail( "timerfd_settime" );
    }
    return fd;
@@ -104,13 +104,13 @@ int EventLoop::oneShotTimer() {
 }
 
 void EventLoop::armOnce( int fd, uint32_t ms ) {
-   itimerspec spec{};
-   spec.it_value.tv_sec = ms / 1000;
-   spec.it_value.tv_nsec = long( ms % 1000 ) * 1000000L;
-   if ( spec.it_value.tv_sec == 0 && spec.it_value.tv_nsec == 0 ) {
-      spec.it_value.tv_nsec = 1;   // zero would disarm it
+   itimerspec period{};
+   period.it_value.tv_sec = ms / 1000;
+   period.it_value.tv_nsec = long( ms % 1000 ) * 1000000L;
+   if ( period.it_value.tv_sec == 0 && period.it_value.tv_nsec == 0 ) {
+      period.it_value.tv_nsec = 1;   // zero would disarm it
    }
-   if ( ::timerfd_settime( fd, 0, &spec, nullptr ) != 0 ) {
+   if ( ::timerfd_settime( fd, 0, &period, nullptr ) != 0 ) {
       fail( "timerfd_settime" );
    }
 }

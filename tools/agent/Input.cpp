@@ -25,13 +25,13 @@ constexpr size_t sliceLines = 4096;
 
 }  // namespace
 
-Input::Input( EventLoop& loop, const std::string& spec, LineFn onLine, EndFn onEnd )
-      : loop_( loop ), spec_( spec ), onLine_( std::move( onLine ) ), onEnd_( std::move( onEnd ) ) {
-   if ( spec.rfind( "unix:", 0 ) == 0 ) {
-      socketPath_ = spec.substr( 5 );
+Input::Input( EventLoop& loop, const std::string& source, LineFn onLine, EndFn onEnd )
+      : loop_( loop ), source_( source ), onLine_( std::move( onLine ) ), onEnd_( std::move( onEnd ) ) {
+   if ( source.rfind( "unix:", 0 ) == 0 ) {
+      socketPath_ = source.substr( 5 );
       sockaddr_un addr{};
       if ( socketPath_.empty() || socketPath_.size() >= sizeof addr.sun_path ) {
-         throw std::runtime_error( fmt::format( "bad socket path in --input {}", spec ) );
+         throw std::runtime_error( fmt::format( "bad socket path in --input {}", source ) );
       }
       listenFd_ = ::socket( AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0 );
       if ( listenFd_ < 0 ) {
@@ -59,13 +59,13 @@ Input::Input( EventLoop& loop, const std::string& spec, LineFn onLine, EndFn onE
       } );
       return;
    }
-   if ( spec == "-" ) {
+   if ( source == "-" ) {
       fd_ = ::dup( 0 );
    } else {
-      fd_ = ::open( spec.c_str(), O_RDONLY | O_CLOEXEC );
+      fd_ = ::open( source.c_str(), O_RDONLY | O_CLOEXEC );
    }
    if ( fd_ < 0 ) {
-      fail( fmt::format( "cannot open --input {}", spec ) );
+      fail( fmt::format( "cannot open --input {}", source ) );
    }
    struct stat st{};
    ::fstat( fd_, &st );

@@ -21,13 +21,13 @@ class Input {
    using EndFn = std::function< void() >;
 
    // Throws std::runtime_error when the input cannot be opened.
-   Input( EventLoop& loop, const std::string& spec, LineFn onLine, EndFn onEnd );
+   Input( EventLoop& loop, const std::string& source, LineFn onLine, EndFn onEnd );
    ~Input();
    Input( const Input& ) = delete;
    Input& operator=( const Input& ) = delete;
 
    bool ended() const { return ended_; }
-   const std::string& spec() const { return spec_; }
+   const std::string& source() const { return source_; }
 
  private:
    // Reads what is there (up to `budget` lines); false at end of stream.
@@ -36,7 +36,7 @@ class Input {
    void watch( int fd );
 
    EventLoop& loop_;
-   std::string spec_;
+   std::string source_;
    LineFn onLine_;
    EndFn onEnd_;
    int fd_ = -1;          // the stream being read

@@ -21,16 +21,16 @@ constexpr uint32_t firstBackoffMs = 100, lastBackoffMs = 3000;
 constexpr const char* monitorId = "monitor";
 }  // namespace
 
-OvsdbClient::OvsdbClient( EventLoop& loop, const std::string& spec, Callbacks cb )
-      : loop_( loop ), spec_( spec ), cb_( std::move( cb ) ) {
-   if ( spec.rfind( "unix:", 0 ) == 0 ) {
-      path_ = spec.substr( 5 );
+OvsdbClient::OvsdbClient( EventLoop& loop, const std::string& address, Callbacks cb )
+      : loop_( loop ), address_( address ), cb_( std::move( cb ) ) {
+   if ( address.rfind( "unix:", 0 ) == 0 ) {
+      path_ = address.substr( 5 );
       if ( path_.empty() || path_.size() >= sizeof( sockaddr_un{}.sun_path ) ) {
-         throw std::invalid_argument( fmt::format( "bad socket path in --ovsdb {}", spec ) );
+         throw std::invalid_argument( fmt::format( "bad socket path in --ovsdb {}", address ) );
       }
-   } else if ( spec.rfind( "tcp:", 0 ) == 0 ) {
+   } else if ( address.rfind( "tcp:", 0 ) == 0 ) {
       tcp_ = true;
-      const std::string rest = spec.substr( 4 );
+      const std::string rest = address.substr( 4 );
       const size_t colon = rest.rfind( ':' );
       unsigned long port = 0;
       if ( colon != std::string::npos && colon > 0 ) {
@@ -45,7 +45,7 @@ OvsdbClient::OvsdbClient( EventLoop& loop, const std::string& spec, Callbacks cb
          }
       }
       if ( port == 0 || port > 65535 ) {
-         throw std::invalid_argument( fmt::format( "--ovsdb {}: expected tcp:HOST:PORT", spec ) );
+         throw std::invalid_argument( fmt::format( "--ovsdb {}: expected tcp:HOST:PORT", address ) );
       }
       host_ = rest.substr( 0, colon );
       if ( host_.size() > 2 && host_.front() == '[' && host_.back() == ']' ) {
@@ -53,7 +53,7 @@ OvsdbClient::OvsdbClient( EventLoop& loop, const std::string& spec, Callbacks cb
       }
       port_ = uint16_t( port );
    } else {
-      throw std::invalid_argument( fmt::format( "--ovsdb {}: expected unix:PATH or tcp:HOST:PORT", spec ) );
+      throw std::invalid_argument( fmt::format( "--ovsdb {}: expected unix:PATH or tcp:HOST:PORT", address ) );
    }
    retryTimer_ = EventLoop::oneShotTimer();
    loop_.add( retryTimer_, [ this ]( uint32_t ) {
@@ -101,7 +101,7 @@ void OvsdbClient::connectNow() {
       addrinfo* res = nullptr;
       const int gai = ::getaddrinfo( host_.c_str(), std::to_string( port_ ).c_str(), &hints, &res );
       if ( gai != 0 || !res ) {
-         cb_.log( fmt::format( "{}: {}", spec_, ::gai_strerror( gai ) ) );
+         cb_.log( fmt::format( "{}: {}", address_, ::gai_strerror( gai ) ) );
          retryLater();
          return;
       }
@@ -181,7 +181,7 @@ void OvsdbClient::drop( const std::string& why ) {
    const bool wasUp = up_;
    up_ = false;
    if ( wasUp ) {
-      cb_.log( fmt::format( "{}: session ended: {}", spec_, why ) );
+      cb_.log( fmt::format( "{}: session ended: {}", address_, why ) );
       cb_.down();
    }
    retryLater();
@@ -317,7 +317,7 @@ void OvsdbClient::onMessage( const Json& m ) {
    if ( m.value( "id", Json() ) == monitorId ) {
       const Json error = m.value( "error", Json() );
       if ( !error.is_null() ) {
-         cb_.log( fmt::format( "{}: monitor refused: {}", spec_, error.dump() ) );
+         cb_.log( fmt::format( "{}: monitor refused: {}", address_, error.dump() ) );
          drop( "monitor refused" );
          return;
       }

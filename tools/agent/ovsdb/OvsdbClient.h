@@ -40,15 +40,15 @@ class OvsdbClient {
 
    static constexpr const char* database = "hardware_vtep";
 
-   // Throws std::invalid_argument on a spec that is neither form.
-   OvsdbClient( EventLoop& loop, const std::string& spec, Callbacks cb );
+   // Throws std::invalid_argument on a address that is neither form.
+   OvsdbClient( EventLoop& loop, const std::string& address, Callbacks cb );
    ~OvsdbClient();
    OvsdbClient( const OvsdbClient& ) = delete;
    OvsdbClient& operator=( const OvsdbClient& ) = delete;
 
    bool up() const { return up_; }
    uint64_t sessions() const { return sessions_; }
-   const std::string& spec() const { return spec_; }
+   const std::string& address() const { return address_; }
 
    // The monitor request the client sends: the tables and their columns.
    static Json monitorRequest();
@@ -65,7 +65,7 @@ class OvsdbClient {
    void retryLater();
 
    EventLoop& loop_;
-   std::string spec_;
+   std::string address_;
    Callbacks cb_;
    bool tcp_ = false;
    std::string path_, host_;

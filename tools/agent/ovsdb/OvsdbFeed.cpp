@@ -7,9 +7,9 @@
 
 namespace Agent::Ovsdb {
 
-OvsdbFeed::OvsdbFeed( EventLoop& loop, std::string spec, double graceSeconds, Hooks hooks )
+OvsdbFeed::OvsdbFeed( EventLoop& loop, std::string address, double graceSeconds, Hooks hooks )
       : loop_( loop ),
-        spec_( std::move( spec ) ),
+        address_( std::move( address ) ),
         grace_( graceSeconds ),
         hooks_( std::move( hooks ) ),
         mapping_( hooks_.emit, hooks_.report, hooks_.mirrorSeqNo ) {
@@ -18,7 +18,7 @@ OvsdbFeed::OvsdbFeed( EventLoop& loop, std::string spec, double graceSeconds, Ho
       EventLoop::drainTimer( graceTimer_ );
       if ( !up() && enabled_ ) {
          enabled_ = false;
-         hooks_.log( fmt::format( "{}: no session for {} s: the controller database is disabled", spec_, grace_ ) );
+         hooks_.log( fmt::format( "{}: no session for {} s: the controller database is disabled", address_, grace_ ) );
          hooks_.emit( feedEvent( Event::Op::controllerdb, 0, Mac{}, 0, 0, false ) );
       }
    } );
@@ -32,7 +32,7 @@ OvsdbFeed::~OvsdbFeed() {
 
 void OvsdbFeed::start() {
    client_ = std::make_unique< OvsdbClient >(
-      loop_, spec_,
+      loop_, address_,
       OvsdbClient::Callbacks{ [ this ]( const Json& u, bool snapshot ) { onRows( u, snapshot ); },
                               [ this ] { onUp(); }, [ this ] { onDown(); }, hooks_.log } );
 }
@@ -41,7 +41,7 @@ void OvsdbFeed::onRows( const Json& updates, bool snapshot ) {
    try {
       mapping_.apply( updates, snapshot );
    } catch ( const std::exception& e ) {
-      hooks_.log( fmt::format( "{}: an update the feed cannot read: {}", spec_, e.what() ) );
+      hooks_.log( fmt::format( "{}: an update the feed cannot read: {}", address_, e.what() ) );
    }
 }
 

@@ -31,7 +31,7 @@ class OvsdbFeed {
    };
 
    // Seeds are given before start(); the session opens in start().
-   OvsdbFeed( EventLoop& loop, std::string spec, double graceSeconds, Hooks hooks );
+   OvsdbFeed( EventLoop& loop, std::string address, double graceSeconds, Hooks hooks );
    ~OvsdbFeed();
    OvsdbFeed( const OvsdbFeed& ) = delete;
    OvsdbFeed& operator=( const OvsdbFeed& ) = delete;
@@ -47,7 +47,7 @@ class OvsdbFeed {
    void onDown();
 
    EventLoop& loop_;
-   std::string spec_;
+   std::string address_;
    double grace_;
    Hooks hooks_;
    VtepMapping mapping_;
