@@ -258,4 +258,5 @@ class Reader {
 
 }  // namespace Lumen
 
-#include "platform/lumen/internal/TableImpl.h"
+#include "platform/lumen/internal/WriterImpl.h"
+#include "platform/lumen/internal/ReaderImpl.h"

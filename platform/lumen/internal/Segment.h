@@ -28,7 +28,7 @@
 namespace Lumen::internal {
 
 template< class Record >
-struct SlotOps;   // typed slot access, platform/lumen/internal/TableImpl.h
+struct SlotOps;   // typed slot access, platform/lumen/internal/SlotOps.h
 
 struct RecordLayout {
    uint32_t recordSize = 0;

@@ -1,0 +1,661 @@
+// Lumen Reader members: mounting and seeding the replica, the delivered
+// state, shared-memory reads, and delivery. Included by platform/lumen/Table.h
+// only.
+#pragma once
+
+#include "platform/lumen/internal/SlotOps.h"
+
+namespace Lumen {
+
+// ---------------------------------------------------------------- Reader
+
+namespace internal {
+
+// Options of a Reader's replica: it follows whatever the shared table holds,
+// so it is never full, and it shrinks as far as the writer's table may.
+inline Options replicaOptions() {
+   Options o;
+   o.initialCapacity = 1;
+   o.maxCapacity = 1u << 30;
+   return o;
+}
+
+// Faults [begin, end) in with one call rather than a fault per page; a
+// kernel without the advice faults as the caller goes.
+inline void prefault( const uint8_t* begin, const uint8_t* end, int advice ) {
+   uintptr_t page = uintptr_t( ::sysconf( _SC_PAGESIZE ) );
+   uintptr_t from = uintptr_t( begin ) & ~( page - 1 );
+   ::madvise( reinterpret_cast< void* >( from ), uintptr_t( end ) - from, advice );
+}
+
+}  // namespace internal
+
+// The keys one gather() found changed, by key: their events in pending_.
+template< class Record >
+struct Reader< Record >::Changes {
+   std::unordered_map< Key, size_t, KeyHash > queued;
+   std::vector< Event > events;
+};
+
+template< class Record >
+Reader< Record >::Reader( const std::string& path, const Record& defaultValue, Vacant vacant )
+   : path_( path ), root_( root() ), default_( defaultValue ), vacant_( vacant ), layout_( Ops::layout() ),
+     replica_( defaultValue, internal::replicaOptions() ) {
+   // Rejects a malformed or over-long path up front, as attach() does: a
+   // table no writer can create must not leave its readers waiting.
+   internal::controlFileName( root_, path );
+   try {
+      if ( mount() ) {
+         seed();
+         synced_ = true;
+      }
+   } catch ( const Fable::CorruptionDetectedException& ) {
+      // Reported again, to the handler, by the first operation that needs it.
+      control_.reset();
+      clearReplica();
+   }
+   reportedStatus_ = mountStatus();
+   notifier_ = std::make_unique< internal::Notifier >(
+      root_, path_, control_ ? cursor_ : 0, reportedStatus_,
+      control_ ? control_->identity() : internal::FileIdentity{} );
+   armForNextChange();
+}
+
+template< class Record >
+void Reader< Record >::clearReplica() {
+   replica_.table_ = internal::SlotArray::createAnonymous( layout_, 1, 1 );
+}
+
+// The replica starts as a copy of the current generation, slot for slot (the
+// same slot count gives every key the same home), which costs a copy of the
+// table's bytes rather than a hash and an insert per entry. The feed head is
+// read first: a key the writer changes while the copy runs is in the feed
+// from there, and only such a key can have been copied twice (moved by a
+// remove and re-insert) or missed, so those keys are copied again afterwards.
+template< class Record >
+void Reader< Record >::seed() {
+   uint64_t head = control_->header().feedHead.load( std::memory_order_acquire );
+   cursor_ = head;
+   const internal::SlotArray* t = current();
+   if ( !t ) {
+      return;   // no generation yet
+   }
+   // Nothing below remaps: `from` stays the generation we began on, which
+   // the writer no longer changes once it has flipped past it.
+   const internal::SlotArray& from = *t;
+   auto copy = internal::SlotArray::createAnonymous( layout_, from.capacity(), from.generation() );
+   if ( copy.slotCount() != from.slotCount() ) {
+      seedByInsertion( from );
+      return;
+   }
+   internal::prefault( from.slot( 0 ), from.slot( from.slotCount() ), MADV_POPULATE_READ );
+   internal::prefault( copy.slot( 0 ), copy.slot( copy.slotCount() ), MADV_POPULATE_WRITE );
+   auto ctx = stuckContext();
+   uint32_t live = 0;
+   uint32_t tombstones = 0;
+   Record r;
+   for ( uint32_t i = 0; i < from.slotCount(); ++i ) {
+      uint32_t state;
+      try {
+         state = Ops::read( from, i, r, ctx );
+      } catch ( const Fable::CorruptionDetectedException& ) {
+         // A slot its dead writer left mid-update: a tombstone keeps the
+         // probes past it going; the takeover's resync settles the key.
+         state = internal::slotTombstone;
+      }
+      if ( state == internal::slotLive && !deliverable( r ) ) {
+         state = internal::slotTombstone;   // keeps the probes past it going
+      }
+      if ( state == internal::slotLive ) {
+         std::memcpy( copy.record( i ), static_cast< const void* >( &r ), sizeof( Record ) );
+         copy.word( i ).store( internal::slotLive, std::memory_order_relaxed );
+         ++live;
+      } else if ( state == internal::slotTombstone ) {
+         copy.word( i ).store( internal::slotTombstone, std::memory_order_relaxed );
+         ++tombstones;
+      }
+   }
+   copy.liveCountIs( live );
+   copy.tombstoneCountAdd( int( tombstones ) );
+   replica_.table_ = std::move( copy );
+
+   std::vector< Key > moved;
+   if ( control_->header().feedHead.load( std::memory_order_acquire ) == head ) {
+      return;
+   }
+   if ( !readFeed( moved ) ) {
+      // Lapped while copying: any key may be there twice. Inserting drops
+      // the doubles; the first dispatch() resyncs (cursor_ is still behind).
+      seedByInsertion( from );
+      return;
+   }
+   for ( const Key& k : moved ) {
+      while ( replica_.remove( k ) ) {
+      }
+      try {
+         if ( sharedState( k, r ) && deliverable( r ) ) {
+            replica_.write( r );
+         }
+      } catch ( const Fable::CorruptionDetectedException& ) {
+         // Left out: the takeover's resync reports it if it is there.
+      }
+   }
+}
+
+// The slow way, for a generation of an unexpected size or a copy the writer
+// lapped: one insert per live slot, which never keeps a key twice.
+template< class Record >
+void Reader< Record >::seedByInsertion( const internal::SlotArray& from ) {
+   clearReplica();
+   auto ctx = stuckContext();
+   Record r;
+   for ( uint32_t i = 0; i < from.slotCount(); ++i ) {
+      try {
+         if ( Ops::read( from, i, r, ctx ) == internal::slotLive && deliverable( r ) ) {
+            replica_.write( r );
+         }
+      } catch ( const Fable::CorruptionDetectedException& ) {
+      }
+   }
+}
+
+template< class Record >
+void Reader< Record >::armForNextChange() {
+   if ( !pending_.empty() ) {
+      notifier_->poke();   // a callback threw: the rest is delivered next time
+      return;
+   }
+   if ( !notifier_->arm() ) {
+      notifier_->dispatched();
+      return;
+   }
+   // A change published before the writer could see our flag pokes nobody:
+   // look once more, now that any later change will poke us. Under a busy
+   // writer the first look finds one, and the process-wide barrier that a
+   // fence-free writer needs before a look that finds nothing is skipped.
+   auto pending = [ this ] {
+      try {
+         return mountStatus() != reportedStatus_ ||
+                ( control_ && control_->header().feedHead.load( std::memory_order_acquire ) != cursor_ );
+      } catch ( const Fable::CorruptionDetectedException& ) {
+         return true;   // the next dispatch() reports it
+      }
+   };
+   if ( pending() || ( notifier_->barrierAfterArm() && pending() ) ) {
+      notifier_->poke();
+   }
+}
+
+template< class Record >
+Reader< Record >::~Reader() = default;
+
+template< class Record >
+bool Reader< Record >::mount() const {
+   if ( !control_ ) {
+      control_ = internal::Control::openForReader( root_, path_, layout_, corruptionHandler_ );
+   } else if ( control_->damaged() ) [[unlikely]] {
+      internal::raiseCorruption(
+         corruptionHandler_,
+         fmt::format( "Lumen table {}: control segment was truncated under the reader", path_ ) );
+   }
+   return control_ != nullptr;
+}
+
+template< class Record >
+const internal::SlotArray* Reader< Record >::current() const {
+   // The one load of the control segment on a lookup's way.
+   if ( control_ && current_ &&
+        control_->header().generation.load( std::memory_order_acquire ) == current_.generation() &&
+        !current_.damaged() ) [[likely]] {
+      return &current_;
+   }
+   return remap();
+}
+
+template< class Record >
+const internal::SlotArray* Reader< Record >::remap() const {
+   if ( !mount() ) {
+      return nullptr;
+   }
+   for ( int attempt = 0;; ++attempt ) {
+      uint64_t generation = control_->header().generation.load( std::memory_order_acquire );
+      if ( generation == 0 ) {
+         return nullptr;
+      }
+      if ( current_ && current_.generation() == generation ) {
+         if ( current_.damaged() ) {
+            internal::raiseCorruption(
+               corruptionHandler_,
+               fmt::format( "Lumen table {}: data segment of generation {} was truncated under the "
+                            "reader", path_, generation ) );
+         }
+         return &current_;
+      }
+      auto opened = internal::SlotArray::openFile( root_, path_, layout_, generation,
+                                                   control_->owner(), corruptionHandler_ );
+      if ( opened ) {
+         retire();
+         current_ = std::move( opened );
+         return &current_;
+      }
+      // The writer may have flipped again and removed it meanwhile.
+      if ( attempt > 100 &&
+           control_->header().generation.load( std::memory_order_acquire ) == generation ) {
+         internal::raiseCorruption(
+            corruptionHandler_,
+            fmt::format( "Lumen table {}: segment of generation {} is missing", path_,
+                         generation ) );
+      }
+      std::this_thread::yield();
+   }
+}
+
+// ---- the delivered state
+
+template< class Record >
+Record Reader< Record >::lookup( const Key& k ) const {
+   return replica_.lookup( k );
+}
+
+template< class Record >
+bool Reader< Record >::contains( const Key& k ) const {
+   return replica_.contains( k );
+}
+
+template< class Record >
+uint32_t Reader< Record >::count() const {
+   return replica_.count();
+}
+
+template< class Record >
+std::optional< std::pair< Record, Hint > > Reader< Record >::next( Hint from ) const {
+   return replica_.next( from );
+}
+
+template< class Record >
+void Reader< Record >::lookupBatch( const Key* keys, Record* out, size_t n ) const {
+   probeBatch( replica_.table_, keys, out, n, default_, stuckContext() );
+}
+
+template< class Record >
+bool Reader< Record >::deliveredState( const Key& k, Record& out ) const {
+   auto f = Ops::find( replica_.table_, k, path_, corruptionHandler_ );
+   if ( f.present ) {
+      out = Ops::recordAt( replica_.table_, f.slot );
+   }
+   return f.present;
+}
+
+// ---- shared memory as it is now
+
+template< class Record >
+bool Reader< Record >::sharedState( const Key& k, Record& out ) const {
+   const internal::SlotArray* t = control_ ? current() : nullptr;
+   return t && Ops::probe( *t, k, out, stuckContext() );
+}
+
+template< class Record >
+Record Reader< Record >::lookupShared( const Key& k ) const {
+   const internal::SlotArray* t = current();
+   Record out;
+   if ( t && Ops::probe( *t, k, out, stuckContext() ) ) [[likely]] {
+      return out;
+   }
+   return default_;
+}
+
+template< class Record >
+bool Reader< Record >::containsShared( const Key& k ) const {
+   const internal::SlotArray* t = current();
+   Record out;
+   return t && Ops::probe( *t, k, out, stuckContext() );
+}
+
+template< class Record >
+void Reader< Record >::lookupBatchShared( const Key* keys, Record* out, size_t n ) const {
+   const internal::SlotArray* t = current();
+   if ( !t ) {
+      std::fill( out, out + n, default_ );
+      return;
+   }
+   probeBatch( *t, keys, out, n, default_, stuckContext() );
+}
+
+template< class Record >
+void Reader< Record >::probeBatch( const internal::SlotArray& t, const Key* keys, Record* out,
+                                   size_t n, const Record& absent,
+                                   const internal::StuckContext& ctx ) {
+   // Homes are computed `ahead` keys early and their lines prefetched, so
+   // that many cache misses are in flight while earlier keys are probed.
+   constexpr size_t ahead = 16;
+   uint32_t homes[ ahead ];
+   for ( size_t j = 0; j < std::min( ahead, n ); ++j ) {
+      homes[ j ] = t.home( keys[ j ].hash() );
+      __builtin_prefetch( t.slot( homes[ j ] ) );
+   }
+   for ( size_t j = 0; j < n; ++j ) {
+      uint32_t home = homes[ j % ahead ];
+      if ( j + ahead < n ) {
+         homes[ j % ahead ] = t.home( keys[ j + ahead ].hash() );
+         __builtin_prefetch( t.slot( homes[ j % ahead ] ) );
+      }
+      if ( !Ops::probeAt( t, home, keys[ j ], out[ j ], ctx ) ) {
+         out[ j ] = absent;
+      }
+   }
+}
+
+template< class Record >
+uint32_t Reader< Record >::countShared() const {
+   const internal::SlotArray* t = current();
+   if ( !t ) {
+      return 0;
+   }
+   uint32_t n = t->liveCount();
+   if ( n > t->slotCount() ) {
+      internal::raiseCorruption(
+         corruptionHandler_,
+         fmt::format( "Lumen table {}: count {} exceeds {} slots", path_, n, t->slotCount() ) );
+   }
+   return n;
+}
+
+template< class Record >
+std::optional< std::pair< Record, Hint > > Reader< Record >::nextShared( Hint from ) const {
+   const internal::SlotArray* t = current();
+   // An iteration finishes on the generation it began on: the mapping
+   // outlives the file, and the writer no longer changes it. Resuming on a
+   // newer one would rescale the hint by hash order, which linear probing
+   // only roughly follows.
+   if ( t && from.value != 0 && !internal::hintIsFor( *t, from ) ) {
+      for ( const auto& old : retired_ ) {
+         if ( internal::hintIsFor( old, from ) ) {
+            t = &old;
+            break;
+         }
+      }
+   }
+   if ( !t ) {
+      return std::nullopt;
+   }
+   uint64_t tag = internal::generationTag( t->generation() );
+   auto ctx = stuckContext();
+   Record r;
+   for ( uint64_t i = internal::hintSlot( *t, from ); i < t->slotCount(); ++i ) {
+      if ( Ops::read( *t, uint32_t( i ), r, ctx ) == internal::slotLive ) {
+         // Noted when an iteration arrives on t, not at every step.
+         bool arrives = ( from.value >> 40 ) != tag;
+         if ( arrives && std::find( iterating_.begin(), iterating_.end(), tag ) == iterating_.end() ) {
+            iterating_.push_back( tag );
+         }
+         return std::make_pair( r, internal::makeHint( *t, i + 1 ) );
+      }
+   }
+   std::erase( iterating_, tag );
+   std::erase_if( retired_, [ & ]( const auto& old ) {
+      return internal::generationTag( old.generation() ) == tag;
+   } );
+   return std::nullopt;
+}
+
+// current_ is being replaced: keep it while an iteration is on it. Iterations
+// abandoned midway would pin generations for good, so only the newest few are
+// kept; an iteration older than those resumes, approximately, on the newest.
+template< class Record >
+void Reader< Record >::retire() const {
+   constexpr size_t keep = 3;
+   uint64_t tag = current_ ? internal::generationTag( current_.generation() ) : 0;
+   if ( current_ && std::find( iterating_.begin(), iterating_.end(), tag ) != iterating_.end() ) {
+      if ( retired_.size() == keep ) {
+         std::erase( iterating_, internal::generationTag( retired_.front().generation() ) );
+         retired_.erase( retired_.begin() );
+      }
+      retired_.push_back( std::move( current_ ) );
+   }
+   current_ = {};
+}
+
+template< class Record >
+MountStatus Reader< Record >::mountStatus() const {
+   try {
+      if ( !mount() ) {
+         return MountStatus::waitingForWriter;
+      }
+   } catch ( const Fable::CorruptionDetectedException& ) {
+      return MountStatus::unmounted;
+   }
+   return control_->status();
+}
+
+template< class Record >
+uint64_t Reader< Record >::feedHead() const {
+   try {
+      if ( !mount() ) {
+         return 0;
+      }
+   } catch ( const Fable::CorruptionDetectedException& ) {
+      return 0;
+   }
+   return control_->header().feedHead.load( std::memory_order_acquire );
+}
+
+template< class Record >
+bool Reader< Record >::dispatchPending() const {
+   if ( !pending_.empty() ) {
+      return true;
+   }
+   if ( mountStatus() != reportedStatus_ ) {
+      return true;
+   }
+   return control_ && feedHead() != cursor_;
+}
+
+template< class Record >
+int Reader< Record >::fd() const {
+   return notifier_->fd();
+}
+
+// ---- delivery
+
+template< class Record >
+bool Reader< Record >::readFeed( std::vector< Key >& keys ) {
+   uint64_t head = control_->header().feedHead.load( std::memory_order_acquire );
+   // A head seen moving backwards is damage or a new writer: never wait for
+   // it to come back to the cursor. (The seed at mount runs before the
+   // notifier exists, from a cursor it has just read.)
+   if ( ( notifier_ && notifier_->feedRewound() ) || head < cursor_ || head - cursor_ > control_->feedCapacity() ) {
+      return false;
+   }
+   for ( uint64_t seq = cursor_; seq < head; ++seq ) {
+      Key k;
+      if ( !control_->readFeed( seq, &k ) ) {
+         return false;
+      }
+      keys.push_back( k );
+   }
+   cursor_ = head;
+   return true;
+}
+
+// Compares k's state in shared memory (`now`, null: absent) with the one
+// delivered, and queues k with its new state if they differ. A key noted
+// again in the same gather (repeated in the feed, or moved under a pass)
+// keeps its first place and takes the later state; if that is the delivered
+// one after all, nothing is reported.
+template< class Record >
+void Reader< Record >::note( Changes& changes, const Key& k, const Record* now ) const {
+   if ( now && !deliverable( *now ) ) {
+      now = nullptr;
+   }
+   Record mine;
+   bool had = deliveredState( k, mine );
+   bool differs = had != ( now != nullptr ) ||
+                  ( had && std::memcmp( static_cast< const void* >( &mine ),
+                                        static_cast< const void* >( now ), sizeof( Record ) ) != 0 );
+   Event e{ differs ? Event::changed : Event::none, k, {}, now != nullptr, now ? *now : default_ };
+   auto it = changes.queued.find( k );
+   if ( it != changes.queued.end() ) {
+      changes.events[ it->second ] = e;
+   } else if ( differs ) {
+      changes.queued.emplace( k, changes.events.size() );
+      changes.events.push_back( e );
+   }
+}
+
+// The table's files were removed (and maybe created anew) under us: the
+// reader follows whatever table now bears the name, from a full pass (which,
+// with no table, reports every delivered key removed).
+template< class Record >
+void Reader< Record >::remount() {
+   control_.reset();
+   current_ = {};
+   retired_.clear();
+   iterating_.clear();
+   synced_ = false;
+   notifier_->reopen();
+}
+
+// Every difference between shared memory and the delivered state, both ways.
+// The head is read before the pass, so a change made during it is compared
+// again next time; nothing moves until the pass has succeeded.
+template< class Record >
+void Reader< Record >::resync( Changes& changes ) {
+   uint64_t head = control_ ? control_->header().feedHead.load( std::memory_order_acquire ) : 0;
+   const internal::SlotArray* t = control_ ? current() : nullptr;
+   Record r;
+   if ( t ) {
+      // Nothing in this loop remaps: t stays valid throughout.
+      const internal::SlotArray& shared = *t;
+      auto ctx = stuckContext();
+      for ( uint32_t i = 0; i < shared.slotCount(); ++i ) {
+         try {
+            if ( Ops::read( shared, i, r, ctx ) == internal::slotLive ) {
+               note( changes, r.key(), &r );
+            }
+         } catch ( const Fable::CorruptionDetectedException& ) {
+            // A slot its dead writer left mid-update, already reported to
+            // the handler; the rest of the table is still worth comparing.
+         }
+      }
+   }
+   // Delivered keys the pass did not queue: gone, or passed over while they
+   // moved; a probe tells which.
+   const internal::SlotArray& mine = replica_.table_;
+   for ( uint32_t i = 0; i < mine.slotCount(); ++i ) {
+      if ( ( mine.word( i ).load( std::memory_order_relaxed ) & 3 ) != internal::slotLive ) {
+         continue;
+      }
+      Key k = Ops::recordAt( mine, i ).key();
+      if ( changes.queued.count( k ) ) {
+         continue;
+      }
+      try {
+         note( changes, k, sharedState( k, r ) ? &r : nullptr );
+      } catch ( const Fable::CorruptionDetectedException& ) {
+         // Left as delivered: a lookup of it reports the damage.
+      }
+   }
+   cursor_ = head;
+   synced_ = control_ != nullptr;
+   pending_.push_back( { Event::quiescedTrue, {}, {}, false, default_ } );
+   for ( const Event& e : changes.events ) {
+      pending_.push_back( e );
+   }
+   pending_.push_back( { Event::quiescedFalse, {}, {}, false, default_ } );
+}
+
+template< class Record >
+void Reader< Record >::gather() {
+   MountStatus status = mountStatus();
+   bool replaced = false;
+   if ( control_ && status != MountStatus::mounted && control_->replaced() ) {
+      remount();
+      status = mountStatus();
+      replaced = true;
+   }
+   if ( status != reportedStatus_ ) {
+      reportedStatus_ = status;
+      pending_.push_back( { Event::mountStatus, {}, status, false, default_ } );
+   }
+   if ( !control_ && !replaced ) {
+      return;
+   }
+   Changes changes;
+   std::vector< Key > keys;
+   if ( control_ && synced_ && readFeed( keys ) ) {
+      // One callback per changed key, in the order of first change.
+      Record r;
+      for ( const Key& k : keys ) {
+         try {
+            note( changes, k, sharedState( k, r ) ? &r : nullptr );
+         } catch ( const Fable::CorruptionDetectedException& ) {
+            // Reported to the handler; the key stays as delivered, and a
+            // shared lookup of it reports the damage to whoever asks.
+         }
+      }
+      for ( const Event& e : changes.events ) {
+         pending_.push_back( e );
+      }
+      return;
+   }
+   resync( changes );
+}
+
+// Each event leaves the queue before its callback runs, and its state is
+// applied to the replica just before: a callback that throws has had its
+// event, and the rest wait for the next dispatch().
+template< class Record >
+void Reader< Record >::deliver() {
+   // Copies, so a callback may replace any hook while it runs.
+   auto onMountStatus = onMountStatus_;
+   auto onQuiesced = onQuiesced_;
+   auto onKey = onKey_;
+   while ( !pending_.empty() ) {
+      Event e = pending_.front();
+      pending_.pop_front();
+      if ( e.kind == Event::changed ) {
+         if ( e.present ) {
+            replica_.write( e.value );
+         } else {
+            replica_.remove( e.key );
+         }
+         if ( onKey ) {
+            onKey( e.key );
+         }
+      } else if ( e.kind == Event::mountStatus ) {
+         if ( onMountStatus ) {
+            onMountStatus( e.status );
+         }
+      } else if ( e.kind != Event::none && onQuiesced ) {
+         onQuiesced( e.kind == Event::quiescedTrue );
+      }
+   }
+}
+
+template< class Record >
+void Reader< Record >::dispatch() {
+   if ( dispatching_ ) {
+      return;   // a callback called dispatch(): the outer call delivers
+   }
+   dispatching_ = true;
+   struct Reset {
+      bool& flag;
+      ~Reset() { flag = false; }
+   } reset{ dispatching_ };
+   // Whatever throws below, fd() must not fall silent: armed, or readable
+   // while anything is left to deliver. Arming comes after the callbacks
+   // (it may cost a process-wide barrier, which should not delay them).
+   struct Rearm {
+      Reader* reader;
+      ~Rearm() { reader->armForNextChange(); }
+   } rearm{ this };
+
+   notifier_->drain();
+   // What a throwing callback left goes first: changes are gathered against
+   // the delivered state, so nothing may be waiting when they are.
+   deliver();
+   gather();
+   deliver();
+}
+
+}  // namespace Lumen
