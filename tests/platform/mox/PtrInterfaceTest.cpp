@@ -1,7 +1,5 @@
-// Counted pointers, zero-reference observers and allocation records;
-// notification delivery, re-entrant changes of the notifiee list, the
-// activation and zombie flags of notifiees; collection members: a
-// notification after each change and iteration that survives deletions.
+// Counted pointers, zero-reference observers, allocation records, notification
+// delivery under re-entrant changes, and collection members.
 #include "platform/mox/Collection.h"
 #include "platform/mox/PtrInterface.h"
 #include "tests/support/LeakCheck.h"

@@ -70,7 +70,9 @@ std::vector< Line > ringLines() {
 
 std::vector< std::string > ringTexts() {
    std::vector< std::string > out;
-   Trace::RingLog::visit( [ & ]( const Trace::Record& r ) { out.emplace_back( r.text ); } );
+   for ( const Line& l : ringLines() ) {
+      out.push_back( l.text );
+   }
    return out;
 }
 
@@ -90,12 +92,11 @@ class HandleTest : public ::testing::Test {
 
 TEST_F( HandleTest, OneHandlePerNameAcrossThreads ) {
    std::vector< const Trace::Handle* > seen( 8 );
-   std::vector< std::thread > threads;
-   for ( size_t i = 0; i < seen.size(); ++i ) {
-      threads.emplace_back( [ &seen, i ] { seen[ i ] = &Trace::handle( "RaceSm" ); } );
-   }
-   for ( auto& t : threads ) {
-      t.join();
+   {
+      std::vector< std::jthread > threads;
+      for ( size_t i = 0; i < seen.size(); ++i ) {
+         threads.emplace_back( [ &seen, i ] { seen[ i ] = &Trace::handle( "RaceSm" ); } );
+      }
    }
    EXPECT_EQ( std::set< const Trace::Handle* >( seen.begin(), seen.end() ).size(), 1u );
    EXPECT_EQ( seen[ 0 ]->name(), "RaceSm" );
@@ -151,14 +152,13 @@ TEST_F( HandleTest, GrammarAcceptsListsRangesAndBlanksAndAMalformedSettingChange
 TEST_F( HandleTest, EnvironmentVariableConfigures ) {
    ::setenv( Trace::environmentVariable, "VxlanControllerEvpnTxSm/0-8,OrbEvpnModeSm/8", 1 );
    Trace::configureFromEnvironment();
-   EXPECT_EQ( Trace::handle( "VxlanControllerEvpnTxSm" ).levels(), 0x1FFu );
    ::setenv( Trace::environmentVariable, "OrbEvpnModeSm/", 1 );
    EXPECT_THROW( Trace::configureFromEnvironment(), Mox::RangeException );
    ::unsetenv( Trace::environmentVariable );
-   Trace::configureFromEnvironment();
+   Trace::configureFromEnvironment();   // unset: the earlier setting stays
+   EXPECT_EQ( Trace::handle( "VxlanControllerEvpnTxSm" ).levels(), 0x1FFu );
    EXPECT_EQ( Trace::handle( "OrbEvpnModeSm" ).levels(), bits( { 8 } ) );
 }
-
 
 class DualLogTest : public ::testing::Test {
  protected:

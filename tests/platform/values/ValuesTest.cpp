@@ -30,8 +30,7 @@ using Wire::IpAddr;
 template< class T >
 constexpr bool plainWord = sizeof( T ) == 4 && std::is_trivially_copyable_v< T >;
 static_assert( plainWord< Vni > && plainWord< IpAddr > && plainWord< BridgeId > );
-static_assert( sizeof( EthAddr ) == 6 && alignof( EthAddr ) == 2 );
-static_assert( std::is_trivially_copyable_v< EthAddr > );
+static_assert( sizeof( EthAddr ) == 6 && alignof( EthAddr ) == 2 && std::is_trivially_copyable_v< EthAddr > );
 // A shared-table key: MAC, 2 bytes of padding, 32-bit VNI at offset 8.
 struct MacKey {
    EthAddr mac;
@@ -58,13 +57,15 @@ template<> std::pair< BridgeId, std::string > sample() {
 
 template< class T >
 class ValueTypeTest : public ::testing::Test {};
-using ValueTypes =
-   ::testing::Types< Vni, EthAddr, IpAddr, Keel::Seqno32, BridgeId >;
+using ValueTypes = ::testing::Types< Vni, EthAddr, IpAddr, Keel::Seqno32, BridgeId >;
 TYPED_TEST_SUITE( ValueTypeTest, ValueTypes );
 
-TYPED_TEST( ValueTypeTest, PrintersAgreeAndTheTextParsesBack ) {
+const auto vniOutOfRange = ::testing::ThrowsMessage< Mox::RangeException >(
+   ::testing::StrEq( "Vxlan::Vni::value < Vxlan::Vni::min or > Vxlan::Vni::max not allowed" ) );
+
+TYPED_TEST( ValueTypeTest, PrintersAgreeTheTextParsesBackAndTheGenericInterfaceWorks ) {
    using T = TypeParam;
-   const auto [ v, text ] = sample< T >();
+   auto [ v, text ] = sample< T >();
    EXPECT_EQ( valueToStrep( v ).str(), text );
    EXPECT_EQ( fmt::format( "[{}]", v ), "[" + text + "]" );
    std::ostringstream os;
@@ -79,12 +80,10 @@ TYPED_TEST( ValueTypeTest, PrintersAgreeAndTheTextParsesBack ) {
    EXPECT_EQ( std::string_view( it.ptr(), s.end() - it ), ", next" );
    EXPECT_THROW( Mox::strepToValue< T >( s ), Mox::ParseException );
    EXPECT_THROW( Mox::strepToValue< T >( Mox::String( "" ) ), Mox::RangeException );
-}
 
-TYPED_TEST( ValueTypeTest, GenericInterfaceHashesAndKnowsTheDefault ) {
-   using T = TypeParam;
+   // The generic interface: hash, and the whole-value "is default?" query.
    const Mox::Type& type = Mox::TypeImpl< T >::instance();
-   T v = sample< T >().first, zero;
+   T zero;
    EXPECT_EQ( type.genericIfHash( &v ), v.hash() );
    EXPECT_EQ( std::hash< T >()( v ), v.hash() );
    Mox::GenericValue r;
@@ -130,10 +129,8 @@ TEST( ValuesHashDeathTest, PinnedAndTheSameInAFreshProcess ) {
    GTEST_FLAG_SET( death_test_style, style );
 }
 
-TEST( Vni, RangeEndsAt24BitsWhicheverWayItIsBuilt ) {
-   const auto outOfRange = ::testing::ThrowsMessage< Mox::RangeException >( ::testing::StrEq(
-      "Vxlan::Vni::value < Vxlan::Vni::min or > Vxlan::Vni::max not allowed" ) );
-   EXPECT_EQ( Vni( 16777215 ).value(), 16777215u );
+TEST( Vni, RangeEndsAt24BitsWhicheverWayItIsBuiltAndANameIsReadAsBase10ThenChecked ) {
+   const auto& outOfRange = vniOutOfRange;
    EXPECT_THAT( [] { Vni( 16777216 ); }, outOfRange );
    EXPECT_THAT( [] { Mox::strepToValue< Vni >( "16777216" ); }, outOfRange );
    // 2^64 + 5: must not wrap round to the valid VNI 5.
@@ -150,10 +147,6 @@ TEST( Vni, RangeEndsAt24BitsWhicheverWayItIsBuilt ) {
       EXPECT_THROW( Vni( it, s.end() ), Mox::RangeException ) << bad;
       EXPECT_EQ( it, s.begin() );
    }
-   EXPECT_LT( Vni( 9 ), Vni( 10 ) );
-}
-
-TEST( Vni, ANameIsReadAsABase10NumberThenRangeChecked ) {
    const struct {
       const char* name;
       uint32_t vni;
@@ -163,10 +156,7 @@ TEST( Vni, ANameIsReadAsABase10NumberThenRangeChecked ) {
       EXPECT_EQ( Vxlan::vniFromName( Mox::String( c.name ) ), Vxlan::Vni( c.vni ) ) << c.name;
    }
    for ( const char* bad : { "16777216", "-1", "4294967295", "99999999999999999999" } ) {
-      EXPECT_THAT( [ & ] { Vxlan::vniFromName( Mox::String( bad ) ); },
-                   ::testing::ThrowsMessage< Mox::RangeException >( ::testing::StrEq(
-                      "Vxlan::Vni::value < Vxlan::Vni::min or > Vxlan::Vni::max not allowed" ) ) )
-         << bad;
+      EXPECT_THAT( [ & ] { Vxlan::vniFromName( Mox::String( bad ) ); }, outOfRange ) << bad;
    }
 }
 
@@ -187,8 +177,7 @@ TEST( EthAddr, TextIsLowercaseAnyCaseParsesAndBadTextNamesTheProblem ) {
    const EthAddr a( 0xde, 0xad, 0xBE, 0xef, 0x00, 0x0F );
    EXPECT_EQ( valueToStrep( a ).str(), "de:ad:be:ef:00:0f" );
    EXPECT_EQ( Mox::strepToValue< EthAddr >( "DE:AD:bE:Ef:00:0F" ), a );
-   EXPECT_TRUE( EthAddr().isZero() );
-   EXPECT_FALSE( EthAddr( 0, 0, 0, 0, 0, 1 ).isZero() );
+   EXPECT_TRUE( EthAddr().isZero() && !EthAddr( 0, 0, 0, 0, 0, 1 ).isZero() );
    for ( const char* bad : { "00:1a:2b:3c:4d", "00:1a:2b:3c:4d:5", "00:1g:2b:3c:4d:5e",
                              "00:1a-2b:3c:4d:5e", "001a:2b:3c:4d:5e", "0:1a:2b:3c:4d:5e",
                              "00:1a:2b:3c:4d:5e0" } ) {
@@ -239,8 +228,9 @@ TEST( BridgeId, VniBridgeCarriesTheVniInTheLow24BitsAndBothKindsRoundTripAsText 
 }
 
 TEST( BridgeIdDeathTest, VniOfAnotherBridgeTypeIsFatal ) {
-   EXPECT_DEATH( BridgeId( 0x1000005 ).vni(), "^brType\\(\\) == brTypeVni\\(\\)\n$" );
-   EXPECT_DEATH( BridgeId( 0x3000064 ).vni(), "^brType\\(\\) == brTypeVni\\(\\)\n$" );
+   for ( uint32_t raw : { 0x1000005u, 0x3000064u } ) {
+      EXPECT_DEATH( BridgeId( raw ).vni(), "^brType\\(\\) == brTypeVni\\(\\)\n$" );
+   }
 }
 
 }  // namespace
