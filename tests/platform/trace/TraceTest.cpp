@@ -303,7 +303,7 @@ TEST_F( DualLogTest, RingKeepsArgumentValuesFromStatementTimeAndFormatsCopiesWhe
    EXPECT_EQ( os.str(), lines[ 0 ] + "\n" + lines[ 1 ] + "\n" );
 }
 
-TEST_F( DualLogTest, RingWrapKeepsTheNewestRecordsInOrder ) {
+TEST_F( DualLogTest, RingWrapKeepsTheNewestRecordsInOrderAndMarksTheUnstorable ) {
    ringOnly( 1000 );
    // Uneven sizes, so records straddle the end of the ring at varied offsets.
    constexpr int statements = 500;
@@ -319,10 +319,8 @@ TEST_F( DualLogTest, RingWrapKeepsTheNewestRecordsInOrder ) {
    for ( size_t k = 0; k < texts.size(); ++k ) {
       EXPECT_EQ( texts[ k ], fmt::format( "#{} {}", first + k, text( first + int( k ) ) ) );
    }
-}
-
-TEST_F( DualLogTest, RingMarksOversizedAndUnformattableRecordsAndKeepsTheRest ) {
-   ringOnly( 1000 );
+   // Oversized and unformattable records are marked; the rest are kept.
+   Trace::RingLog::capacityIs( 1000 );
    TRACE( modeTh(), 2, "small {}", 1 );
    TRACE( modeTh(), 3, "huge {}", std::string( 5000, 'z' ) );
    TRACE( modeTh(), 1, "broken {}", Broken{} );
