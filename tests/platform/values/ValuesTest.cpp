@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <vector>
 
@@ -39,21 +40,14 @@ struct MacKey {
 static_assert( sizeof( MacKey ) == 12 && offsetof( MacKey, vni ) == 8 );
 
 // One non-default value of each type, with its exact text.
+const auto samples = std::tuple(
+   std::pair( Vni( 16777215 ), std::string( "16777215" ) ),
+   std::pair( EthAddr( 0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e ), std::string( "00:1a:2b:3c:4d:5e" ) ),
+   std::pair( IpAddr::fromOctets( 192, 168, 0, 255 ), std::string( "192.168.0.255" ) ),
+   std::pair( Keel::Seqno32( 4294967295u ), std::string( "4294967295" ) ),
+   std::pair( BridgeId( Vni( 100 ) ), std::string( "vni:100" ) ) );
 template< class T >
-std::pair< T, std::string > sample();
-template<> std::pair< Vni, std::string > sample() { return { Vni( 16777215 ), "16777215" }; }
-template<> std::pair< EthAddr, std::string > sample() {
-   return { EthAddr( 0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e ), "00:1a:2b:3c:4d:5e" };
-}
-template<> std::pair< IpAddr, std::string > sample() {
-   return { IpAddr::fromOctets( 192, 168, 0, 255 ), "192.168.0.255" };
-}
-template<> std::pair< Keel::Seqno32, std::string > sample() {
-   return { Keel::Seqno32( 4294967295u ), "4294967295" };
-}
-template<> std::pair< BridgeId, std::string > sample() {
-   return { BridgeId( Vni( 100 ) ), "vni:100" };
-}
+std::pair< T, std::string > sample() { return std::get< std::pair< T, std::string > >( samples ); }
 
 template< class T >
 class ValueTypeTest : public ::testing::Test {};
