@@ -107,8 +107,7 @@ TEST( Parsing, StrepToValueReadsTheWholeTextAndNamesTheOutermostAttribute ) {
    EXPECT_EQ( rangeError< Span >( "" ), "from|from: expected a number at \"\"" );
    EXPECT_EQ( rangeError< Span >( "3:256" ), "to|to: number exceeds 255" );
    EXPECT_EQ( rangeError< Labelled >( "span=300:1" ), "span|span: from: number exceeds 255" );
-   // Other errors and values pass through unchanged.
-   EXPECT_EQ( Mox::readAttribute( "a", [] { return 7; } ), 7 );
+   // Other errors pass through unchanged.
    EXPECT_THAT( [] { Mox::strepToValue< Labelled >( "span=3-1" ); },   // nested, not renamed
                 ThrowsMessage< Mox::ParseException >( StrEq( "expected \":\" at \"-1\"" ) ) );
 
@@ -137,7 +136,6 @@ TEST( AssertDeathTest, PrintsExactlyTheExpression ) {
 TEST( Counters, OneCounterPerNameSharedByEveryUserAndThread ) {
    Mox::Counter& a = Mox::counter( "moxTestB" );
    EXPECT_EQ( &a, &Mox::counter( std::string( "moxTestB" ) ) );
-   EXPECT_EQ( a.name(), "moxTestB" );
    const uint64_t start = a.value();
    a.inc();
    a.inc( 4 );

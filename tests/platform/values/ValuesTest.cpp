@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <vector>
 
@@ -30,8 +31,7 @@ using Wire::IpAddr;
 template< class T >
 constexpr bool plainWord = sizeof( T ) == 4 && std::is_trivially_copyable_v< T >;
 static_assert( plainWord< Vni > && plainWord< IpAddr > && plainWord< BridgeId > );
-static_assert( sizeof( EthAddr ) == 6 && alignof( EthAddr ) == 2 );
-static_assert( std::is_trivially_copyable_v< EthAddr > );
+static_assert( sizeof( EthAddr ) == 6 && alignof( EthAddr ) == 2 && std::is_trivially_copyable_v< EthAddr > );
 // A shared-table key: MAC, 2 bytes of padding, 32-bit VNI at offset 8.
 struct MacKey {
    EthAddr mac;
@@ -40,31 +40,26 @@ struct MacKey {
 static_assert( sizeof( MacKey ) == 12 && offsetof( MacKey, vni ) == 8 );
 
 // One non-default value of each type, with its exact text.
+const auto samples = std::tuple(
+   std::pair( Vni( 16777215 ), std::string( "16777215" ) ),
+   std::pair( EthAddr( 0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e ), std::string( "00:1a:2b:3c:4d:5e" ) ),
+   std::pair( IpAddr::fromOctets( 192, 168, 0, 255 ), std::string( "192.168.0.255" ) ),
+   std::pair( Keel::Seqno32( 4294967295u ), std::string( "4294967295" ) ),
+   std::pair( BridgeId( Vni( 100 ) ), std::string( "vni:100" ) ) );
 template< class T >
-std::pair< T, std::string > sample();
-template<> std::pair< Vni, std::string > sample() { return { Vni( 16777215 ), "16777215" }; }
-template<> std::pair< EthAddr, std::string > sample() {
-   return { EthAddr( 0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e ), "00:1a:2b:3c:4d:5e" };
-}
-template<> std::pair< IpAddr, std::string > sample() {
-   return { IpAddr::fromOctets( 192, 168, 0, 255 ), "192.168.0.255" };
-}
-template<> std::pair< Keel::Seqno32, std::string > sample() {
-   return { Keel::Seqno32( 4294967295u ), "4294967295" };
-}
-template<> std::pair< BridgeId, std::string > sample() {
-   return { BridgeId( Vni( 100 ) ), "vni:100" };
-}
+std::pair< T, std::string > sample() { return std::get< std::pair< T, std::string > >( samples ); }
 
 template< class T >
 class ValueTypeTest : public ::testing::Test {};
-using ValueTypes =
-   ::testing::Types< Vni, EthAddr, IpAddr, Keel::Seqno32, BridgeId >;
+using ValueTypes = ::testing::Types< Vni, EthAddr, IpAddr, Keel::Seqno32, BridgeId >;
 TYPED_TEST_SUITE( ValueTypeTest, ValueTypes );
 
-TYPED_TEST( ValueTypeTest, PrintersAgreeAndTheTextParsesBack ) {
+const auto vniOutOfRange = ::testing::ThrowsMessage< Mox::RangeException >(
+   ::testing::StrEq( "Vxlan::Vni::value < Vxlan::Vni::min or > Vxlan::Vni::max not allowed" ) );
+
+TYPED_TEST( ValueTypeTest, PrintersAgreeTheTextParsesBackAndTheGenericInterfaceWorks ) {
    using T = TypeParam;
-   const auto [ v, text ] = sample< T >();
+   auto [ v, text ] = sample< T >();
    EXPECT_EQ( valueToStrep( v ).str(), text );
    EXPECT_EQ( fmt::format( "[{}]", v ), "[" + text + "]" );
    std::ostringstream os;
@@ -79,12 +74,10 @@ TYPED_TEST( ValueTypeTest, PrintersAgreeAndTheTextParsesBack ) {
    EXPECT_EQ( std::string_view( it.ptr(), s.end() - it ), ", next" );
    EXPECT_THROW( Mox::strepToValue< T >( s ), Mox::ParseException );
    EXPECT_THROW( Mox::strepToValue< T >( Mox::String( "" ) ), Mox::RangeException );
-}
 
-TYPED_TEST( ValueTypeTest, GenericInterfaceHashesAndKnowsTheDefault ) {
-   using T = TypeParam;
+   // The generic interface: hash, and the whole-value "is default?" query.
    const Mox::Type& type = Mox::TypeImpl< T >::instance();
-   T v = sample< T >().first, zero;
+   T zero;
    EXPECT_EQ( type.genericIfHash( &v ), v.hash() );
    EXPECT_EQ( std::hash< T >()( v ), v.hash() );
    Mox::GenericValue r;
@@ -130,10 +123,8 @@ TEST( ValuesHashDeathTest, PinnedAndTheSameInAFreshProcess ) {
    GTEST_FLAG_SET( death_test_style, style );
 }
 
-TEST( Vni, RangeEndsAt24BitsWhicheverWayItIsBuilt ) {
-   const auto outOfRange = ::testing::ThrowsMessage< Mox::RangeException >( ::testing::StrEq(
-      "Vxlan::Vni::value < Vxlan::Vni::min or > Vxlan::Vni::max not allowed" ) );
-   EXPECT_EQ( Vni( 16777215 ).value(), 16777215u );
+TEST( Vni, RangeEndsAt24BitsWhicheverWayItIsBuiltAndANameIsReadAsBase10ThenChecked ) {
+   const auto& outOfRange = vniOutOfRange;
    EXPECT_THAT( [] { Vni( 16777216 ); }, outOfRange );
    EXPECT_THAT( [] { Mox::strepToValue< Vni >( "16777216" ); }, outOfRange );
    // 2^64 + 5: must not wrap round to the valid VNI 5.
@@ -150,10 +141,6 @@ TEST( Vni, RangeEndsAt24BitsWhicheverWayItIsBuilt ) {
       EXPECT_THROW( Vni( it, s.end() ), Mox::RangeException ) << bad;
       EXPECT_EQ( it, s.begin() );
    }
-   EXPECT_LT( Vni( 9 ), Vni( 10 ) );
-}
-
-TEST( Vni, ANameIsReadAsABase10NumberThenRangeChecked ) {
    const struct {
       const char* name;
       uint32_t vni;
@@ -163,10 +150,7 @@ TEST( Vni, ANameIsReadAsABase10NumberThenRangeChecked ) {
       EXPECT_EQ( Vxlan::vniFromName( Mox::String( c.name ) ), Vxlan::Vni( c.vni ) ) << c.name;
    }
    for ( const char* bad : { "16777216", "-1", "4294967295", "99999999999999999999" } ) {
-      EXPECT_THAT( [ & ] { Vxlan::vniFromName( Mox::String( bad ) ); },
-                   ::testing::ThrowsMessage< Mox::RangeException >( ::testing::StrEq(
-                      "Vxlan::Vni::value < Vxlan::Vni::min or > Vxlan::Vni::max not allowed" ) ) )
-         << bad;
+      EXPECT_THAT( [ & ] { Vxlan::vniFromName( Mox::String( bad ) ); }, outOfRange ) << bad;
    }
 }
 
@@ -187,8 +171,7 @@ TEST( EthAddr, TextIsLowercaseAnyCaseParsesAndBadTextNamesTheProblem ) {
    const EthAddr a( 0xde, 0xad, 0xBE, 0xef, 0x00, 0x0F );
    EXPECT_EQ( valueToStrep( a ).str(), "de:ad:be:ef:00:0f" );
    EXPECT_EQ( Mox::strepToValue< EthAddr >( "DE:AD:bE:Ef:00:0F" ), a );
-   EXPECT_TRUE( EthAddr().isZero() );
-   EXPECT_FALSE( EthAddr( 0, 0, 0, 0, 0, 1 ).isZero() );
+   EXPECT_TRUE( EthAddr().isZero() && !EthAddr( 0, 0, 0, 0, 0, 1 ).isZero() );
    for ( const char* bad : { "00:1a:2b:3c:4d", "00:1a:2b:3c:4d:5", "00:1g:2b:3c:4d:5e",
                              "00:1a-2b:3c:4d:5e", "001a:2b:3c:4d:5e", "0:1a:2b:3c:4d:5e",
                              "00:1a:2b:3c:4d:5e0" } ) {
@@ -201,7 +184,7 @@ TEST( EthAddr, TextIsLowercaseAnyCaseParsesAndBadTextNamesTheProblem ) {
    EXPECT_THROW( Mox::strepToValue< EthAddr >( "00:1a:2b:3c:4d:5e:6f" ), Mox::ParseException );
 }
 
-TEST( EthAddr, ConstructorsAgreeOrderIsByteWiseAndHashIsFnv1aInWireOrder ) {
+TEST( EthAddr, ConstructorsAgreeOrderIsByteWiseAndHashIsPinned ) {
    const uint8_t raw[] = { 0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e };
    EXPECT_EQ( EthAddr( raw ), EthAddr( 0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e ) );
    EXPECT_EQ( EthAddr( raw ),
@@ -210,16 +193,7 @@ TEST( EthAddr, ConstructorsAgreeOrderIsByteWiseAndHashIsFnv1aInWireOrder ) {
    EXPECT_LT( EthAddr( 0x01, 0xff, 0xff, 0xff, 0xff, 0xff ), EthAddr( 0x02, 0, 0, 0, 0, 0 ) );
    EXPECT_LT( EthAddr( 0, 0, 0, 0, 0, 0xfe ), EthAddr( 0, 0, 0, 0, 0, 0xff ) );
    EXPECT_FALSE( EthAddr( raw ) < EthAddr( raw ) );
-   // Expected values from the published FNV-1a definition, not the library.
-   EXPECT_EQ( EthAddr().hash(), 0x7f77879du );
-   for ( uint8_t b = 1; b < 250; b += 7 ) {
-      uint32_t h = 0x811c9dc5;
-      const uint8_t bytes[] = { b, 0, 1, 2, 3, 4 };
-      for ( uint8_t byte : bytes ) {
-         h = ( h ^ byte ) * 0x01000193;
-      }
-      EXPECT_EQ( EthAddr( b, 0, 1, 2, 3, 4 ).hash(), h ) << int( b );
-   }
+   EXPECT_EQ( EthAddr().hash(), 0x7f77879du );   // FNV-1a by hand; another is pinned below
 }
 
 TEST( BridgeId, VniBridgeCarriesTheVniInTheLow24BitsAndBothKindsRoundTripAsText ) {
@@ -239,8 +213,9 @@ TEST( BridgeId, VniBridgeCarriesTheVniInTheLow24BitsAndBothKindsRoundTripAsText 
 }
 
 TEST( BridgeIdDeathTest, VniOfAnotherBridgeTypeIsFatal ) {
-   EXPECT_DEATH( BridgeId( 0x1000005 ).vni(), "^brType\\(\\) == brTypeVni\\(\\)\n$" );
-   EXPECT_DEATH( BridgeId( 0x3000064 ).vni(), "^brType\\(\\) == brTypeVni\\(\\)\n$" );
+   for ( uint32_t raw : { 0x1000005u, 0x3000064u } ) {
+      EXPECT_DEATH( BridgeId( raw ).vni(), "^brType\\(\\) == brTypeVni\\(\\)\n$" );
+   }
 }
 
 }  // namespace
