@@ -1,5 +1,4 @@
-// HostTable and FloodTable in one process. A write into a full table is not
-// covered: the default sizing is too large to fill here.
+// HostTable and FloodTable in one process (a full table is not covered: too large to fill here).
 #include "platform/lumen/internal/Format.h"
 #include "tests/orbevpn/exchange/ExchangeTestSupport.h"
 #include "tests/support/LeakCheck.h"
@@ -38,8 +37,7 @@ class ExchangeTableTest : public ::testing::Test {
 
 TYPED_TEST_SUITE( ExchangeTableTest, Sides );
 
-// Sets every slot word of the current data segment to all ones: each slot
-// then reads as left mid-update.
+// Sets every slot word of the current data segment to all ones: each slot reads as left mid-update.
 void scribbleOverSlots( const LumenRoot& root, const std::string& flat ) {
    uint64_t gen = 0;
    const int cfd = ::open( root.file( flat ).c_str(), O_RDONLY );
@@ -98,14 +96,10 @@ TYPED_TEST( ExchangeTableTest, EveryChangeCountsAndNotifiesOnce ) {
    EXPECT_THAT( seen, ElementsAre( S::entry( 3 ), S::entry( 3 ), S::entry( 3, 7 ), edited,
                                    Entry( S::key( 5 ) ), Entry() ) );
 
-   // More than the first generation holds, so the table has grown. Removing every
-   // other entry while walking skips none and visits none twice; remove-all takes the rest.
+   // Grown past its first generation: removing every other entry while walking skips none, visits none twice.
    constexpr uint32_t n = 1500;
-   for ( uint32_t i = 0; i < n; ++i ) {
-      S::write( *t, S::entry( i ) );
-   }
-   rec->onEvent = nullptr;
-   rec->clear();
+   for ( uint32_t i = 0; i < n; ++i ) S::write( *t, S::entry( i ) );
+   rec->onEvent = nullptr, rec->clear();
    const Counts full = counts< S >();
    std::set< Key > visited;
    std::vector< Key > removed, kept;
@@ -254,9 +248,7 @@ TYPED_TEST( ExchangeTableTest, CorruptionStopsTheProcessUnlessTheHandlerThrows )
    EXPECT_THAT( handled[ 0 ], HasSubstr( "Lumen table " + this->path + ": slot" ) );
 }
 
-// A host program tells a quiet table by its feed head and by whether a
-// dispatch is owed; a reader table answers both from its shared table, a
-// writer table has neither.
+// A reader table reports its feed head and whether a dispatch is owed; a writer table has neither.
 TYPED_TEST( ExchangeTableTest, AReaderTableReportsTheFeedHeadAndAPendingDispatch ) {
    using S = TypeParam;
    auto w = S::make( S::tableName );
@@ -269,12 +261,10 @@ TYPED_TEST( ExchangeTableTest, AReaderTableReportsTheFeedHeadAndAPendingDispatch
    const uint64_t head = r->feedHead();
 
    S::write( *w, S::entry( 1 ) );
-   EXPECT_EQ( r->feedHead(), head + 1 );
-   EXPECT_TRUE( r->dispatchPending() );
+   EXPECT_TRUE( r->feedHead() == head + 1 && r->dispatchPending() );
    r->dispatch();
    EXPECT_FALSE( r->dispatchPending() );
    EXPECT_TRUE( S::exists( *r, S::key( 1 ) ) );
    S::del( *w, S::key( 1 ) );
-   EXPECT_EQ( r->feedHead(), head + 2 );
-   EXPECT_TRUE( r->dispatchPending() );
+   EXPECT_TRUE( r->feedHead() == head + 2 && r->dispatchPending() );
 }
