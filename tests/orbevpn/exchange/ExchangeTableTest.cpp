@@ -134,8 +134,7 @@ TYPED_TEST( ExchangeTableTest, AttachesOnlyOnceAndTracesAttachAndOrphan ) {
    S::write( *t, S::entry( 1 ) );   // kept in the process until attached
    this->dir->entityPtrIs( t );
    EXPECT_THAT( capture.lines(), Contains( Line{ "OrbEvpnLumen", 5, "old: new:" + path } ) );
-   EXPECT_EQ( S::control( *t )->mountStatus(), Lumen::MountStatus::mounted );
-   EXPECT_EQ( t->path(), path );
+   EXPECT_TRUE( S::control( *t )->mountStatus() == Lumen::MountStatus::mounted && t->path() == path );
    const auto initialized = ThrowsMessage< Mox::Exception >( "Entity " + path + " already initialized" );
    EXPECT_THAT( [ & ] { t->handleParent( this->dir ); }, initialized );
    auto other = Mox::Dir::DirIs( "other" );
@@ -159,9 +158,7 @@ TYPED_TEST( ExchangeTableTest, AttachesOnlyOnceAndTracesAttachAndOrphan ) {
       EXPECT_THAT( [ & ] { S::delAll( *r ); }, refused );
       EXPECT_THAT( [ & ] { S::inPlace( *r, S::key( 1 ) ); }, refused );
       EXPECT_THAT( [ & ] { S::commit( *r, &local ); }, refused );
-      EXPECT_EQ( counts< S >( before ), ( Counts{ 0, 0, 0 } ) );
-      EXPECT_THAT( rec->events(), IsEmpty() );
-      EXPECT_EQ( S::count( *r ), 2u );
+      EXPECT_TRUE( counts< S >( before ) == ( Counts{ 0, 0, 0 } ) && rec->events().empty() && S::count( *r ) == 2u );
    }
 
    capture.clear();
@@ -173,8 +170,7 @@ TYPED_TEST( ExchangeTableTest, AttachesOnlyOnceAndTracesAttachAndOrphan ) {
    EXPECT_EQ( S::get( *t, S::key( 2 ) ), S::entry( 2 ) );
    {
       auto peer = S::reader( "peer", path );
-      EXPECT_EQ( S::count( *peer ), 2u );
-      EXPECT_EQ( S::control( *peer )->mountStatus(), Lumen::MountStatus::writerGone );
+      EXPECT_TRUE( S::count( *peer ) == 2u && S::control( *peer )->mountStatus() == Lumen::MountStatus::writerGone );
    }
    TraceCapture teardown( "OrbEvpnLumen/2" );
    t = nullptr;
@@ -192,9 +188,8 @@ TYPED_TEST( ExchangeTableTest, TheLastReferenceIsHandedToAControlHeldElsewhere )
    auto* raw = t.ptr();
    t = nullptr;
    ASSERT_EQ( record.liveObjects(), before + 1 ) << "table freed under its control";
-   EXPECT_EQ( control->entity().ptr(), static_cast< Mox::Entity* >( raw ) );
-   EXPECT_EQ( S::control( *raw ), nullptr );
-   EXPECT_EQ( raw->notifieeList()->size(), 0u );
+   EXPECT_TRUE( control->entity().ptr() == static_cast< Mox::Entity* >( raw ) && !S::control( *raw ) &&
+                raw->notifieeList()->size() == 0u );
    EXPECT_EQ( S::get( *raw, S::key( 4 ) ), S::entry( 4 ) );
    control = nullptr;
    EXPECT_EQ( record.liveObjects(), before );
@@ -242,8 +237,7 @@ TYPED_TEST( ExchangeTableTest, CorruptionStopsTheProcessUnlessTheHandlerThrows )
    const Counts before = counts< S >();
    EXPECT_THROW( S::write( *t, S::entry( 2 ) ), std::runtime_error );
    EXPECT_THROW( S::del( *t, S::key( 1 ) ), std::runtime_error );
-   EXPECT_THAT( rec->events(), IsEmpty() );
-   EXPECT_EQ( counts< S >( before )[ 2 ], 0u );
+   EXPECT_TRUE( rec->events().empty() && counts< S >( before )[ 2 ] == 0u );
    ASSERT_EQ( handled.size(), 2u );
    EXPECT_THAT( handled[ 0 ], HasSubstr( "Lumen table " + this->path + ": slot" ) );
 }

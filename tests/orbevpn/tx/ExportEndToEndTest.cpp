@@ -18,10 +18,7 @@ class Export : public TxFixture {
  protected:
    void attach() {   // the outputs under orbevpn/export, as a hosting agent places them
       top->entityPtrIs( dir );
-      for ( Mox::Ptr< Mox::Entity > e : { Mox::Ptr< Mox::Entity >( hosts ), Mox::Ptr< Mox::Entity >( floods ),
-                                          Mox::Ptr< Mox::Entity >( brIds ) } ) {
-         dir->entityPtrIs( e );
-      }
+      dir->entityPtrIs( hosts ), dir->entityPtrIs( floods ), dir->entityPtrIs( brIds );
    }
    // The EVPN agent's view: dispatched before every look, for at most 5 s.
    bool agentSees( const std::function< bool() >& done ) {
