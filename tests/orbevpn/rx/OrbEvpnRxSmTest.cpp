@@ -264,26 +264,22 @@ class RxCrossProcessTest : public ::testing::Test {
       for ( char step; ( step = receive( toChild_[ 0 ] ) ) != 'q'; ) {
          switch ( step ) {
           case 'f':   // fill
-            hosts->hostIs( makeHost( mac1, vni10, vtepA, 1 ) );
-            hosts->hostIs( makeHost( mac2, vni20, vtepB, 2 ) );
+            hosts->hostIs( makeHost( mac1, vni10, vtepA, 1 ) ), hosts->hostIs( makeHost( mac2, vni20, vtepB, 2 ) );
             floods->floodEntryIs( FloodEntry( VniVtepPair( vni10, vtepA ) ) );
             floods->floodEntryIs( FloodEntry( VniVtepPair( vni10, vtepB ) ) );
             break;
           case 'u':   // update one host, withdraw one flood VTEP
-            hosts->hostIs( makeHost( mac1, vni10, vtepB, 7 ) );
-            floods->floodEntryDel( VniVtepPair( vni10, vtepA ) );
+            hosts->hostIs( makeHost( mac1, vni10, vtepB, 7 ) ), floods->floodEntryDel( VniVtepPair( vni10, vtepA ) );
             break;
           case 'e': hosts->hostDelAll(), floods->floodEntryDelAll(); break;
           case 't':   // a host and a flood entry, each in a VNI of its own, come and go
             hosts->hostIs( makeHost( mac3, vni30, vtepA, 3 ) );
             floods->floodEntryIs( FloodEntry( VniVtepPair( vni31, vtepB ) ) );
-            hosts->hostDel( MacVniPair( mac3, vni30 ) );
-            floods->floodEntryDel( VniVtepPair( vni31, vtepB ) );
+            hosts->hostDel( MacVniPair( mac3, vni30 ) ), floods->floodEntryDel( VniVtepPair( vni31, vtepB ) );
             break;
           case 'n': hosts->hostIs( makeHost( mac3, vni40, vtepA, 4 ) ); break;   // a new VNI
           case 'd':   // hosts with the default value: mac1's overwritten, one in a new VNI
-            hosts->hostIs( Host( MacVniPair( mac1, vni10 ) ) );
-            hosts->hostIs( Host( MacVniPair( mac3, vni40 ) ) );
+            hosts->hostIs( Host( MacVniPair( mac1, vni10 ) ) ), hosts->hostIs( Host( MacVniPair( mac3, vni40 ) ) );
             break;
           case 'c': churn( *hosts, *floods, *stop_ ); break;
           default: _exit( 91 );
