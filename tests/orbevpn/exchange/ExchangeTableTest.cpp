@@ -1,5 +1,4 @@
-// HostTable and FloodTable in one process. A write into a full table is not
-// covered: the default sizing is too large to fill here.
+// HostTable and FloodTable in one process (a full table is not covered: too large to fill here).
 #include "platform/lumen/internal/Format.h"
 #include "tests/orbevpn/exchange/ExchangeTestSupport.h"
 #include "tests/support/LeakCheck.h"
@@ -38,8 +37,7 @@ class ExchangeTableTest : public ::testing::Test {
 
 TYPED_TEST_SUITE( ExchangeTableTest, Sides );
 
-// Sets every slot word of the current data segment to all ones: each slot
-// then reads as left mid-update.
+// Sets every slot word of the current data segment to all ones: each slot reads as left mid-update.
 void scribbleOverSlots( const LumenRoot& root, const std::string& flat ) {
    uint64_t gen = 0;
    const int cfd = ::open( root.file( flat ).c_str(), O_RDONLY );
@@ -98,14 +96,10 @@ TYPED_TEST( ExchangeTableTest, EveryChangeCountsAndNotifiesOnce ) {
    EXPECT_THAT( seen, ElementsAre( S::entry( 3 ), S::entry( 3 ), S::entry( 3, 7 ), edited,
                                    Entry( S::key( 5 ) ), Entry() ) );
 
-   // More than the first generation holds, so the table has grown. Removing every
-   // other entry while walking skips none and visits none twice; remove-all takes the rest.
+   // Grown past its first generation: removing every other entry while walking skips none, visits none twice.
    constexpr uint32_t n = 1500;
-   for ( uint32_t i = 0; i < n; ++i ) {
-      S::write( *t, S::entry( i ) );
-   }
-   rec->onEvent = nullptr;
-   rec->clear();
+   for ( uint32_t i = 0; i < n; ++i ) S::write( *t, S::entry( i ) );
+   rec->onEvent = nullptr, rec->clear();
    const Counts full = counts< S >();
    std::set< Key > visited;
    std::vector< Key > removed, kept;
@@ -140,8 +134,7 @@ TYPED_TEST( ExchangeTableTest, AttachesOnlyOnceAndTracesAttachAndOrphan ) {
    S::write( *t, S::entry( 1 ) );   // kept in the process until attached
    this->dir->entityPtrIs( t );
    EXPECT_THAT( capture.lines(), Contains( Line{ "OrbEvpnLumen", 5, "old: new:" + path } ) );
-   EXPECT_EQ( S::control( *t )->mountStatus(), Lumen::MountStatus::mounted );
-   EXPECT_EQ( t->path(), path );
+   EXPECT_TRUE( S::control( *t )->mountStatus() == Lumen::MountStatus::mounted && t->path() == path );
    const auto initialized = ThrowsMessage< Mox::Exception >( "Entity " + path + " already initialized" );
    EXPECT_THAT( [ & ] { t->handleParent( this->dir ); }, initialized );
    auto other = Mox::Dir::DirIs( "other" );
@@ -165,9 +158,7 @@ TYPED_TEST( ExchangeTableTest, AttachesOnlyOnceAndTracesAttachAndOrphan ) {
       EXPECT_THAT( [ & ] { S::delAll( *r ); }, refused );
       EXPECT_THAT( [ & ] { S::inPlace( *r, S::key( 1 ) ); }, refused );
       EXPECT_THAT( [ & ] { S::commit( *r, &local ); }, refused );
-      EXPECT_EQ( counts< S >( before ), ( Counts{ 0, 0, 0 } ) );
-      EXPECT_THAT( rec->events(), IsEmpty() );
-      EXPECT_EQ( S::count( *r ), 2u );
+      EXPECT_TRUE( counts< S >( before ) == ( Counts{ 0, 0, 0 } ) && rec->events().empty() && S::count( *r ) == 2u );
    }
 
    capture.clear();
@@ -179,8 +170,7 @@ TYPED_TEST( ExchangeTableTest, AttachesOnlyOnceAndTracesAttachAndOrphan ) {
    EXPECT_EQ( S::get( *t, S::key( 2 ) ), S::entry( 2 ) );
    {
       auto peer = S::reader( "peer", path );
-      EXPECT_EQ( S::count( *peer ), 2u );
-      EXPECT_EQ( S::control( *peer )->mountStatus(), Lumen::MountStatus::writerGone );
+      EXPECT_TRUE( S::count( *peer ) == 2u && S::control( *peer )->mountStatus() == Lumen::MountStatus::writerGone );
    }
    TraceCapture teardown( "OrbEvpnLumen/2" );
    t = nullptr;
@@ -198,9 +188,8 @@ TYPED_TEST( ExchangeTableTest, TheLastReferenceIsHandedToAControlHeldElsewhere )
    auto* raw = t.ptr();
    t = nullptr;
    ASSERT_EQ( record.liveObjects(), before + 1 ) << "table freed under its control";
-   EXPECT_EQ( control->entity().ptr(), static_cast< Mox::Entity* >( raw ) );
-   EXPECT_EQ( S::control( *raw ), nullptr );
-   EXPECT_EQ( raw->notifieeList()->size(), 0u );
+   EXPECT_TRUE( control->entity().ptr() == static_cast< Mox::Entity* >( raw ) && !S::control( *raw ) &&
+                raw->notifieeList()->size() == 0u );
    EXPECT_EQ( S::get( *raw, S::key( 4 ) ), S::entry( 4 ) );
    control = nullptr;
    EXPECT_EQ( record.liveObjects(), before );
@@ -248,15 +237,12 @@ TYPED_TEST( ExchangeTableTest, CorruptionStopsTheProcessUnlessTheHandlerThrows )
    const Counts before = counts< S >();
    EXPECT_THROW( S::write( *t, S::entry( 2 ) ), std::runtime_error );
    EXPECT_THROW( S::del( *t, S::key( 1 ) ), std::runtime_error );
-   EXPECT_THAT( rec->events(), IsEmpty() );
-   EXPECT_EQ( counts< S >( before )[ 2 ], 0u );
+   EXPECT_TRUE( rec->events().empty() && counts< S >( before )[ 2 ] == 0u );
    ASSERT_EQ( handled.size(), 2u );
    EXPECT_THAT( handled[ 0 ], HasSubstr( "Lumen table " + this->path + ": slot" ) );
 }
 
-// A host program tells a quiet table by its feed head and by whether a
-// dispatch is owed; a reader table answers both from its shared table, a
-// writer table has neither.
+// A reader table reports its feed head and whether a dispatch is owed; a writer table has neither.
 TYPED_TEST( ExchangeTableTest, AReaderTableReportsTheFeedHeadAndAPendingDispatch ) {
    using S = TypeParam;
    auto w = S::make( S::tableName );
@@ -269,12 +255,10 @@ TYPED_TEST( ExchangeTableTest, AReaderTableReportsTheFeedHeadAndAPendingDispatch
    const uint64_t head = r->feedHead();
 
    S::write( *w, S::entry( 1 ) );
-   EXPECT_EQ( r->feedHead(), head + 1 );
-   EXPECT_TRUE( r->dispatchPending() );
+   EXPECT_TRUE( r->feedHead() == head + 1 && r->dispatchPending() );
    r->dispatch();
    EXPECT_FALSE( r->dispatchPending() );
    EXPECT_TRUE( S::exists( *r, S::key( 1 ) ) );
    S::del( *w, S::key( 1 ) );
-   EXPECT_EQ( r->feedHead(), head + 2 );
-   EXPECT_TRUE( r->dispatchPending() );
+   EXPECT_TRUE( r->feedHead() == head + 2 && r->dispatchPending() );
 }

@@ -1,7 +1,5 @@
-// Shared pieces of the exchange-table tests: one "side" per table class, so
-// that a typed test runs one body over HostTable and FloodTable. key( n )
-// differs for every n; entry( n, v ) has key( n ), and for a host a
-// different v gives a different value (a flood entry is its key alone).
+// One "side" per table class, so a typed test runs one body over both tables. key( n ) differs per n;
+// entry( n, v ) has key( n ), and for a host a different v is a different value.
 #pragma once
 
 #include "orbevpn/exchange/FloodTable.h"

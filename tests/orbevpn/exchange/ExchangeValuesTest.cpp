@@ -1,5 +1,4 @@
-// The exchange keys and entries: byte layout, equality, the key
-// hash, text forms and parsers, and their registration.
+// Exchange keys and entries: layout, equality, hash, text forms, parsers, registration.
 #include "orbevpn/exchange/FloodEntry.h"
 #include "orbevpn/exchange/FloodTable.h"
 #include "orbevpn/exchange/Host.h"
@@ -29,9 +28,7 @@ const IpAddr vtep1 = IpAddr::fromOctets( 10, 1, 2, 3 );
 
 Host hostOf( const MacVniPair& k, IpAddr vtep, uint32_t seq, uint8_t pref ) {
    Host h( k );
-   h.vtepAddrIs( vtep );
-   h.seqNoIs( Keel::Seqno32( seq ) );
-   h.preferenceIs( pref );
+   h.vtepAddrIs( vtep ), h.seqNoIs( Keel::Seqno32( seq ) ), h.preferenceIs( pref );
    return h;
 }
 
@@ -53,9 +50,7 @@ uint32_t referenceMix( uint32_t h ) {
 }
 
 template< class T >
-const Mox::Type& typeOf() {
-   return Mox::TypeImpl< T >::instance();
-}
+const Mox::Type& typeOf() { return Mox::TypeImpl< T >::instance(); }
 
 }  // namespace
 
@@ -78,9 +73,7 @@ TEST( ExchangeValues, LayoutEqualityAndHashOfferedToOtherProcesses ) {
    EXPECT_EQ( dirty, h );
    EXPECT_EQ( dirty.key().hash(), h.key().hash() );
    auto hb = bytesOf( h );
-   for ( size_t pad : { 6, 7, 21, 22, 23 } ) {
-      hb[ pad ] = 0xee;
-   }
+   for ( size_t pad : { 6, 7, 21, 22, 23 } ) hb[ pad ] = 0xee;
    EXPECT_EQ( hb, b );
 
    const VniVtepPair f{ Vni( fwords[ 0 ] ), IpAddr( fwords[ 1 ] ) };
@@ -220,18 +213,14 @@ TEST( ExchangeText, ErrorsNameTheFieldBeingRead ) {
       { errorOf< Host >( H() + "x" ), trailing },
       { errorOf< FloodEntry >( F() + "\n" ), trailing },
    };
-   for ( const auto& [ got, prefix ] : cases ) {
-      EXPECT_THAT( got, StartsWith( prefix ) );
-   }
+   for ( const auto& [ got, prefix ] : cases ) EXPECT_THAT( got, StartsWith( prefix ) );
    EXPECT_EQ( Mox::strepToValue< Host >( H( K(), "1.2.3.4", "1", "255" ) ).preference(), 255 );
 }
 
 TEST( ExchangeRegistry, AttributeIdsAndModule ) {
    auto attributesOf = []( const Mox::Type& t ) {
       std::string out;
-      for ( const auto& a : t.attributes() ) {
-         out += a.name + "=" + std::to_string( a.id ) + " ";
-      }
+      for ( const auto& a : t.attributes() ) out += a.name + "=" + std::to_string( a.id ) + " ";
       return out;
    };
    EXPECT_EQ( attributesOf( typeOf< MacVniPair >() ), "macAddr=2 vni=3 hash=4 " );
@@ -242,9 +231,7 @@ TEST( ExchangeRegistry, AttributeIdsAndModule ) {
    const Mox::Module* m = Mox::moxModule( "OrbEvpnLumen" );
    ASSERT_NE( m, nullptr );
    std::vector< std::string > names;
-   for ( const Mox::Type* t : m->types() ) {
-      names.push_back( t->name() );
-   }
+   for ( const Mox::Type* t : m->types() ) names.push_back( t->name() );
    EXPECT_THAT( names, UnorderedElementsAre( "OrbEvpn::MacVniPair", "OrbEvpn::Host",
                                              "OrbEvpn::VniVtepPair", "OrbEvpn::FloodEntry",
                                              "OrbEvpn::HostTable", "OrbEvpn::FloodTable" ) );

@@ -1,5 +1,4 @@
-// The reactor frame: how reactors of each flavour register, deliver, go
-// zombie and outlive their machine, exercised on a small probe machine.
+// The reactor frame on a probe machine: registration, delivery, zombies, reactors outliving their machine.
 #include "orbevpn/runtime/Reactor.h"
 #include "orbevpn/runtime/StateMachine.h"
 #include "platform/model/ControllerdbStatus.h"
@@ -20,8 +19,7 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using FloodList = VxlanController::MacVtepFloodListV2;
 
-// One reactor of each flavour: a collection, a plain scalar with two
-// watched attributes, and an owner-checked scalar.
+// One reactor of each flavour: collection, scalar with two watches, owner-checked scalar.
 class Probe : public OrbEvpn::StateMachine< Probe > {
    MOX_ALLOC_TRACKED( Probe )
 
@@ -78,8 +76,7 @@ TEST_F( ProbeFrame, DeliveryAndNotifierChangesPerFlavour ) {
    capability_->evpnEnabledIs( true );
    EXPECT_THAT( probe->calls, ElementsAre( "ip 7", "connected", "enabled", "capability" ) );
 
-   // Ids are the input type's own: the capability's evpnEnabled id means
-   // nothing to the status reactor.
+   // Ids are the input type's own: the capability's evpnEnabled id means nothing to the status reactor.
    probe->calls.clear();
    const auto evpnEnabledId = capability_->fwkType()->attributeId( "evpnEnabled" );
    const auto versionId = status_->fwkType()->attributeId( "version" );
@@ -96,10 +93,8 @@ TEST_F( ProbeFrame, DeliveryAndNotifierChangesPerFlavour ) {
    probe->calls.clear();
    auto otherList = FloodList::MacVtepFloodListV2Is( Wire::EthAddr( 1, 2, 3, 4, 5, 6 ) );
    auto otherStatus = Controllerdb::Status::StatusIs( "other" );
-   probe->floodList_->notifierIs( floodList_ );
-   probe->status_->notifierIs( status_ );
-   EXPECT_THAT( probe->calls, IsEmpty() );
-   probe->floodList_->notifierIs( otherList );
+   probe->floodList_->notifierIs( floodList_ ), probe->status_->notifierIs( status_ );
+   probe->floodList_->notifierIs( otherList );   // a collection: no handler
    EXPECT_THAT( probe->calls, IsEmpty() );
    probe->status_->notifierIs( otherStatus );
    EXPECT_THAT( probe->calls, ElementsAre( "enabled" ) );   // the first watch's handler
@@ -115,15 +110,12 @@ TEST_F( ProbeFrame, DeliveryAndNotifierChangesPerFlavour ) {
 
    probe->calls.clear();
    const auto statusRefs = status_->references();
-   // An object of another type counts as null: a status handed to the
-   // flood-list reactor drops the flood list.
+   // An object of another type counts as null: the flood-list reactor drops its list.
    probe->floodList_->notifierIs( status_ );
-   EXPECT_EQ( probe->floodList_->notifier(), nullptr );
-   EXPECT_EQ( status_->references(), statusRefs );
+   EXPECT_TRUE( probe->floodList_->notifier() == nullptr && status_->references() == statusRefs );
    otherList->vtepIpFloodListIs( Wire::IpAddr( 3 ), true );
 
-   // The capability reactor: null is a change (one run), a second object
-   // of the wrong type is the same null (no run).
+   // Owner-checked: null is a change (one run), another wrong-typed object the same null (no run).
    probe->capability_->notifierIs( floodList_ );
    probe->capability_->notifierIs( status_ );
    probe->capability_->notifierIs( nullptr );
@@ -150,8 +142,7 @@ TEST_F( ProbeFrame, ZombieStopsDeliveryUntilRevivedAndOutlivingReactorsLoseTheOw
    probe->moxDoZombieReactors( true );
    floodList_->vtepIpFloodListIs( Wire::IpAddr( 3 ), true );
    EXPECT_THAT( probe->calls, ElementsAre( "ip 3" ) );
-   probe->calls.clear();
-   probe->moxDoZombieReactors( false );
+   probe->calls.clear(), probe->moxDoZombieReactors( false );
    floodList_->vtepIpFloodListIs( Wire::IpAddr( 5 ), true );
    status_->enabledIs( false );
    capability_->evpnEnabledIs( false );
@@ -161,9 +152,7 @@ TEST_F( ProbeFrame, ZombieStopsDeliveryUntilRevivedAndOutlivingReactorsLoseTheOw
    Ptr< Probe::MoxCapability > capability = probe->capability_;
    probe = nullptr;
    EXPECT_EQ( Probe::moxAllocTrackTypeInfo_.liveObjects(), 0 );
-   EXPECT_EQ( status->owner, nullptr );
-   EXPECT_EQ( capability->owner, nullptr );
-   EXPECT_TRUE( capability->isMarkedForDeletion() );
+   EXPECT_TRUE( !status->owner && !capability->owner && capability->isMarkedForDeletion() );
    status_->enabledIs( true );   // a zombie: nothing is delivered
    capability_->evpnEnabledIs( true );
    // Revived, the owner-checked reactor still calls nobody.

@@ -1,6 +1,4 @@
-// Export end to end, as the EVPN agent's reader-role tables see it in shared
-// memory: the road of one change through export, import and back, and a
-// start-up over what another (forked) exporting process left behind.
+// Export as the EVPN agent's reader-role tables see it: one change's road, and start-up over leftover state.
 #include "orbevpn/rx/OrbEvpnRxSm.h"
 #include "tests/orbevpn/tx/TxTestSupport.h"
 #include "tests/support/LumenRoot.h"
@@ -20,10 +18,7 @@ class Export : public TxFixture {
  protected:
    void attach() {   // the outputs under orbevpn/export, as a hosting agent places them
       top->entityPtrIs( dir );
-      for ( Mox::Ptr< Mox::Entity > e : { Mox::Ptr< Mox::Entity >( hosts ), Mox::Ptr< Mox::Entity >( floods ),
-                                          Mox::Ptr< Mox::Entity >( brIds ) } ) {
-         dir->entityPtrIs( e );
-      }
+      dir->entityPtrIs( hosts ), dir->entityPtrIs( floods ), dir->entityPtrIs( brIds );
    }
    // The EVPN agent's view: dispatched before every look, for at most 5 s.
    bool agentSees( const std::function< bool() >& done ) {
@@ -77,9 +72,7 @@ TEST_F( Export, TheRoadOfOneChange ) {
    EXPECT_TRUE( agentSees( [ & ] { return !agentFloods->floodEntryExists( flood( 10, vtepB ) ); } ) );
    evpnFloods->floodEntryDel( flood( 10, vtepB ) );
    evpnHosts->hostDel( key );
-   EXPECT_FALSE( evpnDir->vniStatusV2( Vni( 10 ) ) );
-   EXPECT_EQ( floodSet().size(), 1u );
-   EXPECT_EQ( hostList().size(), 1u );
+   EXPECT_TRUE( !evpnDir->vniStatusV2( Vni( 10 ) ) && floodSet().size() == 1u && hostList().size() == 1u );
 
    vniDir->entityPtrDel( "10" );   // the VNI goes: everything of it is withdrawn
    EXPECT_TRUE( agentSees( [ & ] {

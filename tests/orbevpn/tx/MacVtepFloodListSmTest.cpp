@@ -1,5 +1,4 @@
-// MacVtepFloodListSm: the per-address decision, the EVPN list's cases,
-// cleanup of a key two lists share, the fatal assertion, generic interface.
+// MacVtepFloodListSm: per-address decision, EVPN list cases, shared-key cleanup, assertion, generic interface.
 #include "tests/orbevpn/tx/TxTestSupport.h"
 
 namespace {

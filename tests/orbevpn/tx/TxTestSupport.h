@@ -1,6 +1,5 @@
-// The export tests' fixture: the controller's side (VNI directory, EVPN-learnt
-// statuses), the three outputs (in process memory unless a test attaches
-// them), the export trace at every level, and a leak check over the test.
+// The export fixture: controller inputs, the three outputs (in process unless attached), the export trace
+// at every level, and a leak check.
 #pragma once
 
 #include "orbevpn/tx/OrbEvpnTxSm.h"
@@ -49,8 +48,7 @@ struct Generic {
    const Mox::Type* type;
    Mox::Ptr< Mox::PtrInterface > object;
    Mox::GenericValue r;
-   // Constructs from pointers to the constructor arguments; the ids of
-   // `names` must run from 130 in order.
+   // Constructs from pointers to the constructor arguments; the ids of `names` must run from 130 in order.
    Generic( const char* typeName, std::vector< const char* > names, std::vector< const void* > args )
          : type( Mox::moxTypeByName( typeName ) ) {
       EXPECT_TRUE( type ) << typeName;
