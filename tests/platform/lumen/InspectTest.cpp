@@ -1,6 +1,5 @@
-// Inspection reads any table without its record type: the facts must be the
-// writer's, damage must be named, and a table that a live writer is changing
-// must never be called damaged.
+// Inspection without the record type: the writer's facts, damage named, a
+// table changing under a live writer never called damaged.
 #include "platform/lumen/Inspect.h"
 #include "tests/platform/lumen/LumenTestSupport.h"
 
@@ -71,8 +70,8 @@ TEST_F( LumenInspect, ReportsWhatTheWriterMadeAndWhetherItLives ) {
    EXPECT_EQ( info->status, Lumen::MountStatus::writerGone );
 }
 
-// With no reader's own layout to compare, the header's layout fields are
-// checked against each other and against the signature.
+// With no record type to compare, layout fields are checked against each
+// other and the signature.
 TEST_F( LumenInspect, ADamagedLayoutIsNamed ) {
    {
       Lumen::Writer< HostRec > writer;
@@ -118,16 +117,14 @@ TEST_F( LumenInspect, CensusFindsSlotsThatDisagreeWithTheHeaderAtRest ) {
                         "10 live, 0 removed and 0 busy" ),
               std::string::npos ) << msg;
 
-   // More slots in use than a writer ever fills, though each header count
-   // is within its bound: a probe for a missing key could circle.
+   // More slots in use than a writer fills, each count within its bound.
    editFile( root.file( "lumen.hosts@1" ), []( uint8_t* p, size_t ) {
       auto* h = reinterpret_cast< li::DataHeader* >( p );
       uint32_t limit = h->slotCount - h->slotCount / 8;
       h->tombstones = 0;
       for ( uint32_t i = 0; i < h->slotCount && h->count + h->tombstones <= limit; ++i ) {
-         auto* w = reinterpret_cast< uint32_t* >( p + sizeof( li::DataHeader ) + size_t( i ) * h->slotSize );
-         if ( ( *w & 3 ) == li::slotEmpty ) {
-            *w |= li::slotTombstone;
+         if ( ( *slotWord( p, i ) & 3 ) == li::slotEmpty ) {
+            *slotWord( p, i ) |= li::slotTombstone;
             ++h->tombstones;
          }
       }
@@ -137,8 +134,6 @@ TEST_F( LumenInspect, CensusFindsSlotsThatDisagreeWithTheHeaderAtRest ) {
               std::string::npos ) << msg;
 }
 
-// A writer in full flight moves counts, slots and generations under the
-// walk; none of that is damage.
 TEST_F( LumenInspect, ATableChangingUnderTheWalkIsNeverCalledDamaged ) {
    Lumen::Writer< HostRec > writer( HostRec{}, { 16, 1u << 16, 256 } );
    writer.attach( "/lumen/busy" );
