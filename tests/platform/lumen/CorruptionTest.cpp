@@ -1,5 +1,6 @@
 // Damage is reported as CorruptionDetectedException, to handler and caller,
 // never crashes a reader; a healthy writer is never reported.
+#include "platform/lumen/Inspect.h"
 #include "tests/platform/lumen/LumenTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -56,17 +57,24 @@ TEST_F( LumenCorruption, DamagedSegmentsAreDetected ) {
       bool inData;
       std::function< void ( uint8_t* ) > edit;
       std::string what;
+      std::string inspected = "";   // what Lumen::inspect() says, without the record type
       Op op = []( auto& r ) { r.lookupShared( MacKey::of( 777 ) ); };
    };
    std::vector< Case > cases = {
-      { false, []( uint8_t* p ) { p[ 0 ] ^= 0xff; }, "bad control magic" },
-      { false, [ & ]( uint8_t* p ) { ctl( p )->typeName[ 0 ] = 'X'; }, "record layout XumenTest::HostRec" },
+      { false, []( uint8_t* p ) { p[ 0 ] ^= 0xff; }, "bad control magic", "bad control magic" },
+      { false, [ & ]( uint8_t* p ) { ctl( p )->typeName[ 0 ] = 'X'; }, "record layout XumenTest::HostRec",
+        "layout signature" },
+      { false, [ & ]( uint8_t* p ) { ctl( p )->recordSize = 0; }, "record layout",
+        "record layout 'LumenTest::HostRec' (0 bytes, alignment 4, key 12 bytes) is not one a writer makes" },
+      { false, [ & ]( uint8_t* p ) { ctl( p )->recordAlign = 3; }, "record layout", "is not one a writer makes" },
       { false, [ & ]( uint8_t* p ) { ctl( p )->feedCapacity = 1u << 20; }, "feed of 1048576 entries" },
-      { false, [ & ]( uint8_t* p ) { ctl( p )->generation = 42; }, "segment of generation 42 is missing" },
+      { false, [ & ]( uint8_t* p ) { ctl( p )->generation = 42; }, "segment of generation 42 is missing",
+        "segment of generation 42 is missing" },
       { true, [ & ]( uint8_t* p ) { dat( p )->slotCount = 1u << 28; }, "slots of 32 bytes do not fit" },
-      { true, [ & ]( uint8_t* p ) { dat( p )->count = 1u << 30; }, "exceeds", []( auto& r ) { r.countShared(); } },
+      { true, [ & ]( uint8_t* p ) { dat( p )->count = 1u << 30; }, "exceeds", "",
+        []( auto& r ) { r.countShared(); } },
       // Counts the slots could hold, but the writer never leaves.
-      { true, [ & ]( uint8_t* p ) { dat( p )->count = dat( p )->capacity + 1; }, "exceeds capacity",
+      { true, [ & ]( uint8_t* p ) { dat( p )->count = dat( p )->capacity + 1; }, "exceeds capacity", "",
         []( auto& r ) { r.countShared(); } },
       { true, [ & ]( uint8_t* p ) { dat( p )->tombstones = dat( p )->slotCount; },
         "removed slots exceed" },
@@ -81,6 +89,11 @@ TEST_F( LumenCorruption, DamagedSegmentsAreDetected ) {
       copyTable( root, "lumen.good", "lumen.bad" );
       editFile( c.inData ? data() : control(), [ & ]( uint8_t* p, size_t ) { c.edit( p ); } );
       expectCorruption( c.op, c.what );
+      if ( !c.inspected.empty() ) {
+         std::string msg = whatOf< Fable::CorruptionDetectedException >( [] { Lumen::inspect( "/lumen/bad" ); } );
+         EXPECT_TRUE( msg.starts_with( "Lumen table /lumen/bad: " ) ) << msg;
+         EXPECT_NE( msg.find( c.inspected ), std::string::npos ) << msg;
+      }
    }
    // A damaged control segment also keeps a writer out and shows as unmounted.
    copyTable( root, "lumen.good", "lumen.bad" );

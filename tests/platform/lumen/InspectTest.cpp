@@ -70,37 +70,6 @@ TEST_F( LumenInspect, ReportsWhatTheWriterMadeAndWhetherItLives ) {
    EXPECT_EQ( info->status, Lumen::MountStatus::writerGone );
 }
 
-// With no record type to compare, layout fields are checked against each
-// other and the signature.
-TEST_F( LumenInspect, ADamagedLayoutIsNamed ) {
-   {
-      Lumen::Writer< HostRec > writer;
-      writer.attach( "/lumen/good" );
-      writer.write( HostRec::of( 1, 1 ) );
-   }
-   auto ctl = []( uint8_t* p ) { return reinterpret_cast< li::ControlHeader* >( p ); };
-   struct Case {
-      std::function< void ( uint8_t* ) > edit;
-      std::string what;
-   };
-   std::vector< Case > cases = {
-      { [ & ]( uint8_t* p ) { ctl( p )->typeName[ 0 ] = 'X'; },
-        "layout signature" },
-      { [ & ]( uint8_t* p ) { ctl( p )->recordSize = 0; },
-        "record layout 'LumenTest::HostRec' (0 bytes, alignment 4, key 12 bytes) is not one a writer makes" },
-      { [ & ]( uint8_t* p ) { ctl( p )->recordAlign = 3; }, "is not one a writer makes" },
-      { [ & ]( uint8_t* p ) { p[ 0 ] ^= 0xff; }, "bad control magic" },
-      { [ & ]( uint8_t* p ) { ctl( p )->generation = 42; }, "segment of generation 42 is missing" },
-   };
-   for ( const auto& c : cases ) {
-      copyTable( root, "lumen.good", "lumen.bad" );
-      editFile( root.file( "lumen.bad" ), [ & ]( uint8_t* p, size_t ) { c.edit( p ); } );
-      std::string msg = whatOf< Fable::CorruptionDetectedException >( [] { Lumen::inspect( "/lumen/bad" ); } );
-      EXPECT_NE( msg.find( "Lumen table /lumen/bad: " ), std::string::npos ) << c.what;
-      EXPECT_NE( msg.find( c.what ), std::string::npos ) << msg;
-   }
-}
-
 TEST_F( LumenInspect, CensusFindsSlotsThatDisagreeWithTheHeaderAtRest ) {
    {
       Lumen::Writer< HostRec > writer;
