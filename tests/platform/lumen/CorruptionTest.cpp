@@ -1,6 +1,6 @@
-// Damaged segments are reported as CorruptionDetectedException, to the
-// handler and the caller, and never crash a reader; a healthy writer is never
-// reported.
+// Damage is reported as CorruptionDetectedException, to handler and caller,
+// never crashes a reader; a healthy writer is never reported.
+#include "platform/lumen/Inspect.h"
 #include "tests/platform/lumen/LumenTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -35,8 +35,7 @@ class LumenCorruption : public ::testing::Test {
    std::string data() const { return root.file( "lumen.bad@1" ); }
    std::string control() const { return root.file( "lumen.bad" ); }
 
-   // The damage must surface as the exception, naming the path and `what`,
-   // and reach the handler with the same text.
+   // The exception names the path and `what`; the handler gets the same text.
    template< class Op >
    void expectCorruption( Op op, const std::string& what ) {
       Lumen::Reader< HostRec > reader( "/lumen/bad" );
@@ -58,26 +57,31 @@ TEST_F( LumenCorruption, DamagedSegmentsAreDetected ) {
       bool inData;
       std::function< void ( uint8_t* ) > edit;
       std::string what;
+      std::string inspected = "";   // what Lumen::inspect() says, without the record type
       Op op = []( auto& r ) { r.lookupShared( MacKey::of( 777 ) ); };
    };
    std::vector< Case > cases = {
-      { false, []( uint8_t* p ) { p[ 0 ] ^= 0xff; }, "bad control magic" },
-      { false, [ & ]( uint8_t* p ) { ctl( p )->typeName[ 0 ] = 'X'; }, "record layout XumenTest::HostRec" },
+      { false, []( uint8_t* p ) { p[ 0 ] ^= 0xff; }, "bad control magic", "bad control magic" },
+      { false, [ & ]( uint8_t* p ) { ctl( p )->typeName[ 0 ] = 'X'; }, "record layout XumenTest::HostRec",
+        "layout signature" },
+      { false, [ & ]( uint8_t* p ) { ctl( p )->recordSize = 0; }, "record layout",
+        "record layout 'LumenTest::HostRec' (0 bytes, alignment 4, key 12 bytes) is not one a writer makes" },
+      { false, [ & ]( uint8_t* p ) { ctl( p )->recordAlign = 3; }, "record layout", "is not one a writer makes" },
       { false, [ & ]( uint8_t* p ) { ctl( p )->feedCapacity = 1u << 20; }, "feed of 1048576 entries" },
-      { false, [ & ]( uint8_t* p ) { ctl( p )->generation = 42; }, "segment of generation 42 is missing" },
+      { false, [ & ]( uint8_t* p ) { ctl( p )->generation = 42; }, "segment of generation 42 is missing",
+        "segment of generation 42 is missing" },
       { true, [ & ]( uint8_t* p ) { dat( p )->slotCount = 1u << 28; }, "slots of 32 bytes do not fit" },
-      { true, [ & ]( uint8_t* p ) { dat( p )->count = 1u << 30; }, "exceeds", []( auto& r ) { r.countShared(); } },
+      { true, [ & ]( uint8_t* p ) { dat( p )->count = 1u << 30; }, "exceeds", "",
+        []( auto& r ) { r.countShared(); } },
       // Counts the slots could hold, but the writer never leaves.
-      { true, [ & ]( uint8_t* p ) { dat( p )->count = dat( p )->capacity + 1; }, "exceeds capacity",
+      { true, [ & ]( uint8_t* p ) { dat( p )->count = dat( p )->capacity + 1; }, "exceeds capacity", "",
         []( auto& r ) { r.countShared(); } },
       { true, [ & ]( uint8_t* p ) { dat( p )->tombstones = dat( p )->slotCount; },
         "removed slots exceed" },
       // Every slot claims to be live: a probe for a missing key would circle.
       { true, [ & ]( uint8_t* p ) {
            for ( uint32_t i = 0; i < dat( p )->slotCount; ++i ) {
-              auto* word = p + sizeof( li::DataHeader ) + size_t( i ) * dat( p )->slotSize;
-              auto* w = reinterpret_cast< uint32_t* >( word );
-              *w = ( *w & ~3u ) | li::slotLive;
+              *slotWord( p, i ) = ( *slotWord( p, i ) & ~3u ) | li::slotLive;
            }
         }, "never ends" },
    };
@@ -85,6 +89,11 @@ TEST_F( LumenCorruption, DamagedSegmentsAreDetected ) {
       copyTable( root, "lumen.good", "lumen.bad" );
       editFile( c.inData ? data() : control(), [ & ]( uint8_t* p, size_t ) { c.edit( p ); } );
       expectCorruption( c.op, c.what );
+      if ( !c.inspected.empty() ) {
+         std::string msg = whatOf< Fable::CorruptionDetectedException >( [] { Lumen::inspect( "/lumen/bad" ); } );
+         EXPECT_TRUE( msg.starts_with( "Lumen table /lumen/bad: " ) ) << msg;
+         EXPECT_NE( msg.find( c.inspected ), std::string::npos ) << msg;
+      }
    }
    // A damaged control segment also keeps a writer out and shows as unmounted.
    copyTable( root, "lumen.good", "lumen.bad" );
@@ -95,10 +104,8 @@ TEST_F( LumenCorruption, DamagedSegmentsAreDetected ) {
    EXPECT_THROW( writer.attach( "/lumen/bad" ), Fable::CorruptionDetectedException );
 }
 
-// A header that claims far more slots than the writer ever reserved, over a
-// sparse file of that size, passes every check of sizes; scanning it would
-// fill the file system with zero pages. Every segment is created with its
-// storage reserved, so one without it is refused.
+// A header claiming far more slots, over a sparse file of that size, passes
+// every size check; scanning it would fill the filesystem. It is refused.
 TEST_F( LumenCorruption, ASparseSegmentIsRefusedBeforeAnyScan ) {
    constexpr uint32_t slots = 1u << 22;   // 128 MiB of holes
    editFile( data(), [ & ]( uint8_t* p, size_t ) {
@@ -119,13 +126,10 @@ TEST_F( LumenCorruption, ASparseSegmentIsRefusedBeforeAnyScan ) {
    expectCorruption( []( auto& r ) { r.lookupShared( MacKey::of( 777 ) ); }, "control segment of" );
 }
 
-// The table's owner can truncate its files under a reader's mappings. The
-// reader must not die of SIGBUS: what it reads past the new end is zeros,
-// and its next check reports the damage. Run in a child, so that a reader
-// killed by SIGBUS fails the test instead of ending it.
+// Files truncated under a reader's mappings: no SIGBUS, the damage is
+// reported. In a child, so death by SIGBUS fails the test.
 TEST_F( LumenCorruption, AFileTruncatedUnderAReaderIsReportedNotFatal ) {
-   // 3000 entries over 7176 slots: 224 KB of data segment, most of which a
-   // truncation to two pages takes away.
+   // 224 KB of data segment, most of which a truncation to two pages takes away.
    Lumen::Writer< HostRec > big( HostRec{}, { 4096, 1u << 16, 64 } );
    big.attach( "/lumen/big" );
    for ( uint32_t n = 0; n < 3000; ++n ) {
@@ -178,8 +182,7 @@ TEST_F( LumenCorruption, AFileTruncatedUnderAReaderIsReportedNotFatal ) {
    }
 }
 
-// The guard handles only faults inside Lumen's own mappings: any other SIGBUS
-// reaches the handler installed before it, or kills as it would have.
+// Any SIGBUS outside Lumen's mappings reaches the earlier handler, or kills.
 TEST_F( LumenCorruption, OtherBusErrorsGoWhereTheyWentBefore ) {
    auto touchTruncated = [ this ] {
       std::string name = root.file( "plain" );
@@ -201,8 +204,7 @@ TEST_F( LumenCorruption, OtherBusErrorsGoWhereTheyWentBefore ) {
       return 0;
    } );
    EXPECT_EQ( waitChild( child ), 42 );
-   // Without a handler of our own the process ends as it would without
-   // Lumen (killed by SIGBUS; under a sanitizer, by its report).
+   // Without a handler: ends as without Lumen (SIGBUS, or a sanitizer report).
    int without = waitChild( startChild( [ & ] {
       touchTruncated();
       return 0;
@@ -267,9 +269,8 @@ TEST_F( LumenCorruption, RandomBytesNeverCrashAReader ) {
    EXPECT_GT( reported, 100 ) << "random headers were accepted";
 }
 
-// A slot that stays busy while its writer is alive and attached (a writer that
-// failed mid-update, or a scribble) ends every read path in the exception
-// instead of an endless retry.
+// A slot stuck busy under a live writer ends every read path in the
+// exception instead of an endless retry.
 TEST_F( LumenCorruption, SlotStuckBusyUnderALiveWriterIsReported ) {
    Lumen::Writer< HostRec > writer;
    writer.attach( "/lumen/bad" );   // takes the copy over: generation 2
@@ -278,9 +279,9 @@ TEST_F( LumenCorruption, SlotStuckBusyUnderALiveWriterIsReported ) {
    editFile( root.file( "lumen.bad@2" ), [ & ]( uint8_t* p, size_t ) {
       auto* h = reinterpret_cast< li::DataHeader* >( p );
       for ( uint32_t i = 0; i < h->slotCount; ++i ) {
-         uint8_t* slot = p + sizeof( li::DataHeader ) + size_t( i ) * h->slotSize;
+         auto* slot = reinterpret_cast< uint8_t* >( slotWord( p, i ) );
          if ( std::memcmp( slot + h->recordOffset, &k, sizeof( k ) ) == 0 ) {
-            *reinterpret_cast< uint32_t* >( slot ) |= li::slotBusy;
+            *slotWord( p, i ) |= li::slotBusy;
             stuck = i;
          }
       }
@@ -294,28 +295,12 @@ TEST_F( LumenCorruption, SlotStuckBusyUnderALiveWriterIsReported ) {
    EXPECT_EQ( Lumen::Reader< HostRec >( "/lumen/bad" ).lookup( MacKey::of( 6 ) ), HostRec::of( 6, 6 ) );
 }
 
-namespace {
-
-// 16 KB: a writer preempted while copying one holds its slot busy.
-struct HugeRec {
-   static constexpr const char* lumenTypeName = "LumenTest::HugeRec";
-   MacKey k;
-   uint32_t words[ 4093 ] = {};
-   MacKey key() const { return k; }
-};
-
-}  // namespace
-
-// The stuck-slot verdict must judge the thread that writes, not its process:
-// here the writer is a worker thread, pinned with four busy siblings to one
-// processor (so it is often preempted mid-copy for over 10 ms) while the main
-// thread sleeps. Judged by the process's CPU time or its main thread's state,
-// this healthy writer looked stuck within a second or two.
+// The stuck-slot verdict judges the writing thread, not its process: a worker
+// pinned with four busy siblings to one CPU (often preempted mid-copy) while
+// the main thread sleeps once looked stuck within a second or two.
 TEST( LumenStuckSlot, AHealthyWriterThreadOfABusyProcessIsNeverReportedStuck ) {
    LumenRoot root;
-   auto* stop = static_cast< std::atomic< int >* >(
-      ::mmap( nullptr, sizeof( int ), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0 ) );
-   stop->store( 0 );
+   auto* stop = sharedValue< std::atomic< int > >( 0 );
    auto pinTo = []( int cpu ) {
       cpu_set_t set;
       CPU_ZERO( &set );
@@ -326,12 +311,10 @@ TEST( LumenStuckSlot, AHealthyWriterThreadOfABusyProcessIsNeverReportedStuck ) {
       pinTo( 0 );   // inherited by the threads below
       std::vector< std::thread > threads;
       threads.emplace_back( [ & ] {
-         Lumen::Writer< HugeRec > writer( HugeRec{}, { 64, 1024, 64 } );
+         Lumen::Writer< SlabRec > writer( SlabRec{}, { 64, 1024, 64 } );
          writer.attach( "/lumen/busy" );
-         HugeRec r{ MacKey::of( 1 ) };
          for ( uint32_t counter = 0; !stop->load(); ++counter ) {
-            std::fill( std::begin( r.words ), std::end( r.words ), counter );
-            writer.write( r );
+            writer.write( SlabRec::of( 1, counter ) );
          }
       } );
       for ( int i = 0; i < 4; ++i ) {
@@ -347,7 +330,7 @@ TEST( LumenStuckSlot, AHealthyWriterThreadOfABusyProcessIsNeverReportedStuck ) {
    } );
    pid_t readerProcess = startChild( [ & ] {
       pinTo( 1 );
-      Lumen::Reader< HugeRec > reader( "/lumen/busy" );
+      Lumen::Reader< SlabRec > reader( "/lumen/busy" );
       auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds( 3 );
       while ( std::chrono::steady_clock::now() < deadline ) {
          try {

@@ -1,9 +1,9 @@
-// Shared pieces of the Lumen tests: records shaped like the real exchange
-// records (each can tell a torn copy from a whole one), a forked-child runner
-// and raw access to a table's files.
+// Shared pieces of the Lumen tests: records that can tell a torn copy from a
+// whole one, a forked-child runner and raw access to a table's files.
 #pragma once
 
 #include "platform/lumen/Table.h"
+#include "platform/lumen/internal/Wake.h"
 #include "tests/support/LumenRoot.h"
 
 #include <gtest/gtest.h>
@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <numeric>
 
 namespace LumenTest {
@@ -62,8 +63,7 @@ struct HostRec {
 };
 static_assert( sizeof( HostRec ) == 24 );
 
-// 256-byte record: a copy takes long enough that a reader which skipped its
-// version re-check would be caught returning a torn record.
+// 256-byte record: a copy slow enough for a torn read to show.
 struct BigRec {
    static constexpr const char* lumenTypeName = "LumenTest::BigRec";
    MacKey k;
@@ -82,6 +82,21 @@ struct BigRec {
    bool operator==( const BigRec& ) const = default;
 };
 static_assert( sizeof( BigRec ) == 256 );
+
+// 16 KB: a writer spends most of its time inside copies of one, so a kill
+// or preemption usually lands mid-copy.
+struct SlabRec {
+   static constexpr const char* lumenTypeName = "LumenTest::SlabRec";
+   MacKey k;
+   uint32_t words[ 4093 ] = {};
+
+   static SlabRec of( uint32_t n, uint32_t counter ) {
+      SlabRec r{ MacKey::of( n ) };
+      std::fill( std::begin( r.words ), std::end( r.words ), counter );
+      return r;
+   }
+   MacKey key() const { return k; }
+};
 
 // Copies every file of table `from` to table `to` ("lumen.a" -> "lumen.b").
 inline void copyTable( const LumenRoot& root, const std::string& from, const std::string& to ) {
@@ -142,9 +157,7 @@ inline bool readable( int fd, int timeoutMs ) {
    return ::poll( &p, 1, timeoutMs ) == 1;
 }
 
-// A one-way signal between a test and its forked children. wait() gives up
-// after 30 s, so a child that died before signalling fails the test rather
-// than hanging it.
+// A one-way signal to or from forked children; wait() gives up after 30 s.
 struct Pipe {
    int fds[ 2 ];
    Pipe() { EXPECT_EQ( ::pipe( fds ), 0 ); }
@@ -158,6 +171,15 @@ struct Pipe {
    }
 };
 
+// Polls `done` every millisecond for up to `ms`.
+template< class Done >
+bool waitFor( Done done, int ms = 5000 ) {
+   for ( int i = 0; i < ms && !done(); ++i ) {
+      ::usleep( 1000 );
+   }
+   return done();
+}
+
 // Polls the reader's fd and dispatches until `done` or about five seconds.
 template< class R, class Done >
 bool dispatchUntil( Lumen::Reader< R >& reader, Done done ) {
@@ -167,5 +189,62 @@ bool dispatchUntil( Lumen::Reader< R >& reader, Done done ) {
    }
    return done();
 }
+
+// An int-sized value shared with forked children; release with munmap.
+template< class T, class V >
+T* sharedValue( V initial ) {
+   void* p = ::mmap( nullptr, sizeof( T ), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0 );
+   return new ( p ) T( initial );
+}
+
+// Every entry of a writer or reader, each visited once.
+template< class T >
+std::map< MacKey, HostRec > contentsOf( const T& table ) {
+   std::map< MacKey, HostRec > seen;
+   for ( auto e = table.next(); e; e = table.next( e->second ) ) {
+      EXPECT_TRUE( seen.emplace( e->first.key(), e->first ).second ) << "entry visited twice";
+   }
+   return seen;
+}
+
+inline uint64_t generationOf( const LumenRoot& root, const std::string& flat ) {
+   uint64_t generation = 0;
+   editFile( root.file( flat ), [ & ]( uint8_t* p, size_t ) {
+      generation = reinterpret_cast< Lumen::internal::ControlHeader* >( p )->generation;
+   } );
+   return generation;
+}
+
+// The state word of slot i of a mapped data segment.
+inline uint32_t* slotWord( uint8_t* data, uint32_t i ) {
+   auto* h = reinterpret_cast< Lumen::internal::DataHeader* >( data );
+   return reinterpret_cast< uint32_t* >( data + sizeof( Lumen::internal::DataHeader ) + size_t( i ) * h->slotSize );
+}
+
+// A wake segment mapped on its own, as another process damaging it would.
+struct WakeMap {
+   Lumen::internal::WakeHeader* header = nullptr;
+   explicit WakeMap( const std::string& name ) {
+      int fd = ::open( name.c_str(), O_RDWR );
+      EXPECT_GE( fd, 0 ) << name;
+      void* p = ::mmap( nullptr, Lumen::internal::wakeSegmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0 );
+      ::close( fd );
+      EXPECT_NE( p, MAP_FAILED );
+      header = static_cast< Lumen::internal::WakeHeader* >( p );
+   }
+   ~WakeMap() { ::munmap( header, Lumen::internal::wakeSegmentSize ); }
+   Lumen::internal::ReaderSlot* slots() const {
+      return reinterpret_cast< Lumen::internal::ReaderSlot* >( header + 1 );
+   }
+   Lumen::internal::ReaderSlot* slotOf( pid_t pid ) const {
+      auto* end = slots() + Lumen::internal::wakeReaderSlots;
+      auto* it = std::find_if( slots(), end, [ & ]( auto& s ) { return s.pid == uint32_t( pid ); } );
+      return it == end ? nullptr : it;
+   }
+   uint32_t registrationsOf( pid_t pid ) const {
+      return uint32_t( std::count_if( slots(), slots() + Lumen::internal::wakeReaderSlots,
+                                      [ & ]( auto& s ) { return s.pid == uint32_t( pid ); } ) );
+   }
+};
 
 }  // namespace LumenTest

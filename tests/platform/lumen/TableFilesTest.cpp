@@ -1,7 +1,5 @@
-// A table's files in a root other users can write: names that map one to one
-// to table paths, modes that keep the table to its writer's user and group,
-// and no file another user planted (a link, a FIFO, a table of their own)
-// ever used. The hostile user is played by a child switched to nobody.
+// A table's files in a root other users can write: reversible names, modes,
+// and no planted file ever used. The hostile user is a child run as nobody.
 #include "tests/platform/lumen/LumenTestSupport.h"
 #include "tests/support/OtherUser.h"
 
@@ -78,37 +76,26 @@ int plantLink( const std::string& target, const std::string& link ) {
 
 // --------------------------------------------------------------- naming
 
-// "/a/b" and "/a.b" once flattened to the same files, so the second table
-// read (and, once attached, wrote) the first one's records.
-TEST( LumenFiles, DistinctPathsNeverShareFiles ) {
-   LumenRoot root;
-   Lumen::Writer< HostRec > nested;
-   Lumen::Writer< HostRec > dotted;
-   nested.attach( "/a/b" );
-   dotted.attach( "/a.b" );
-   nested.write( HostRec::of( 1, 1 ) );
-   dotted.write( HostRec::of( 2, 2 ) );
-   Lumen::Reader< HostRec > nestedReader( "/a/b" );
-   Lumen::Reader< HostRec > dottedReader( "/a.b" );
-   EXPECT_TRUE( nestedReader.contains( MacKey::of( 1 ) ) );
-   EXPECT_FALSE( nestedReader.contains( MacKey::of( 2 ) ) );
-   EXPECT_TRUE( dottedReader.contains( MacKey::of( 2 ) ) );
-   EXPECT_FALSE( dottedReader.contains( MacKey::of( 1 ) ) );
-}
-
-// What a tool listing a root does: every control file maps back to the path
-// of its table, and no other file of a table (data, wake, a reader's socket)
-// passes for one.
-TEST( LumenFiles, EveryTableOfARootIsListedByItsPath ) {
+// "/a/b" and "/a.b" once flattened to the same files. Every control file maps
+// back to its table's path; no other file (data, wake, socket) passes for one.
+TEST( LumenFiles, DistinctPathsHaveTheirOwnFilesEachListedByItsPath ) {
    LumenRoot root;
    const std::set< std::string > paths = {
       "/a/b", "/a.b", "/a/b.c", "/a%2Eb", "/a%2Fb", "/host@1", "/@wake", "/x y/z", "/-_/09AZaz",
       "/caf\xc3\xa9", "/..a/b..", "/%", "/%41",
    };
    std::vector< std::unique_ptr< Lumen::Writer< HostRec > > > writers;
+   uint32_t n = 0;
    for ( const auto& path : paths ) {
       writers.push_back( std::make_unique< Lumen::Writer< HostRec > >() );
       writers.back()->attach( path );
+      writers.back()->write( HostRec::of( n++, 1 ) );
+   }
+   n = 0;
+   for ( const auto& path : paths ) {
+      EXPECT_EQ( contentsOf( Lumen::Reader< HostRec >( path ) ),
+                 ( std::map< MacKey, HostRec >{ { MacKey::of( n ), HostRec::of( n, 1 ) } } ) ) << path;
+      ++n;
    }
    Lumen::Reader< HostRec > reader( "/a/b" );   // leaves a socket in the root
    std::set< std::string > listed;
@@ -123,8 +110,7 @@ TEST( LumenFiles, EveryTableOfARootIsListedByItsPath ) {
    EXPECT_GE( files, 3 * paths.size() + 1 ) << "control, data and wake files, and a socket";
 }
 
-// Only names the mapping produces map back: anything else would give two
-// names to one table.
+// Only names the mapping produces map back, else one table has two names.
 TEST( LumenFiles, NamesTheMappingNeverProducesAreNoTables ) {
    EXPECT_EQ( Lumen::tablePathOfFile( "a.b%2Ec%25" ), "/a/b.c%" );
    EXPECT_EQ( Lumen::tablePathOfFile( "%C3%A9" ), "/\xc3\xa9" );
@@ -136,12 +122,11 @@ TEST( LumenFiles, NamesTheMappingNeverProducesAreNoTables ) {
    }
 }
 
-// A path whose files the writer could not create once left its readers
-// waiting for ever; both now refuse it, alike, before touching the root.
+// A path too long for its files once left readers waiting for ever; writer
+// and reader refuse it alike.
 TEST( LumenFiles, AnOverlongPathIsRefusedByWriterAndReaderAlike ) {
    LumenRoot root;
-   // 229 bytes leave room for the longest suffix in a 255-byte file name;
-   // escaping counts, "@" takes three.
+   // 229 bytes leave room for the longest suffix; "@" escapes to three.
    for ( std::string path : { "/" + std::string( 230, 'x' ), "/" + std::string( 77, '@' ),
                               "/lumen/" + std::string( 250, 'y' ) } ) {
       Lumen::Writer< HostRec > writer;
@@ -155,9 +140,7 @@ TEST( LumenFiles, AnOverlongPathIsRefusedByWriterAndReaderAlike ) {
    Lumen::Writer< HostRec > writer;
    writer.attach( longest );
    writer.write( HostRec::of( 1, 1 ) );
-   Lumen::Reader< HostRec > reader( longest );
-   EXPECT_TRUE( reader.contains( MacKey::of( 1 ) ) );
-
+   EXPECT_TRUE( Lumen::Reader< HostRec >( longest ).contains( MacKey::of( 1 ) ) );
    // A root so deep that no table fits under it.
    std::string deep = root.dir();
    while ( deep.size() < PATH_MAX - 20 ) {
@@ -175,8 +158,8 @@ TEST( LumenFiles, AnOverlongPathIsRefusedByWriterAndReaderAlike ) {
 
 // --------------------------------------------------------------- scratch files
 
-// A scratch control file per attach, even of an existing table, piled up
-// behind writers killed while attaching.
+// A scratch file per attach, even of an existing table, piled up behind
+// writers killed while attaching.
 TEST( LumenFiles, AttachingAnExistingTableBuildsNoScratchFile ) {
    LumenRoot root;
    {
@@ -225,8 +208,8 @@ TEST( LumenFiles, AWriterRemovesTheScratchFilesOfDeadWriters ) {
    EXPECT_TRUE( std::filesystem::exists( otherTable ) ) << "another table's is for its own writer";
 }
 
-// Writers killed at random points of attach(), half of them creating the
-// table: whatever they left, the next writer leaves no scratch file.
+// Writers killed anywhere in attach(), half creating the table: the next
+// writer leaves no scratch file.
 TEST( LumenFiles, WritersKilledWhileAttachingLeaveNoScratchFiles ) {
    LumenRoot root;
    std::mt19937 random( 7 );
@@ -270,7 +253,6 @@ TEST( LumenFiles, FilesGetTheConfiguredModesAndGroup ) {
       EXPECT_EQ( statOf( root.file( "lumen.modes" ) ).st_gid, ::getegid() );
    }
    {
-      // Another attach with other options changes the existing files too.
       Lumen::Options options;
       options.tableMode = 0600;
       options.wakeMode = 0640;
@@ -305,9 +287,8 @@ TEST( LumenFiles, FilesGetTheConfiguredModesAndGroup ) {
    EXPECT_FALSE( std::filesystem::exists( root.file( "lumen.badmode" ) ) );
 }
 
-// Tables were readable by every local user. Now the writer's user and the
-// table's group read them; anyone else learns it at mount, in so many words,
-// instead of waiting for a table that exists.
+// Tables were readable by every local user. Now only the writer's user and
+// the table's group read them; anyone else is told at mount.
 TEST( LumenFiles, OnlyTheTableGroupReadsItAndOthersAreToldSo ) {
    SKIP_WITHOUT_OTHER_USER();
    LumenRoot root;
@@ -350,8 +331,7 @@ TEST( LumenFiles, OnlyTheTableGroupReadsItAndOthersAreToldSo ) {
    written.signal();
    EXPECT_EQ( waitChild( member ), 0 ) << "1: the member could not read; 2: it saw no change";
 
-   // An outsider that started before the table existed waits for it, and
-   // is told at the first dispatch() that finds it.
+   // An outsider started before the table is told at the dispatch() that finds it.
    Pipe waiting;
    Pipe created;
    pid_t early = startChild( [ & ] {
@@ -377,9 +357,8 @@ TEST( LumenFiles, OnlyTheTableGroupReadsItAndOthersAreToldSo ) {
    EXPECT_EQ( waitChild( early ), 0 ) << "2: the outsider was not told";
 }
 
-// The supported case no root writer shows: writer and reader are two
-// unprivileged users sharing the table's group. The reader's socket was its
-// user's alone, so the writer could not wake it.
+// Two unprivileged users sharing the table's group: the reader's socket was
+// its user's alone, so the writer could not wake it.
 TEST( LumenFiles, AGroupMemberIsWokenByAWriterOfAnotherUser ) {
    SKIP_WITHOUT_OTHER_USER();
    LumenRoot root;
@@ -424,8 +403,7 @@ TEST( LumenFiles, AGroupMemberIsWokenByAWriterOfAnotherUser ) {
 
 // --------------------------------------------------------------- hostile files
 
-// A link planted under a table's name once made a root writer (or reader)
-// size and write the file it points at.
+// A planted link once made a root writer (or reader) write the file it points at.
 TEST( LumenFiles, PlantedLinksNeverLeadWriterOrReaderToAnotherFile ) {
    SKIP_WITHOUT_OTHER_USER();
    LumenRoot root;
@@ -464,10 +442,8 @@ TEST( LumenFiles, PlantedLinksNeverLeadWriterOrReaderToAnotherFile ) {
    EXPECT_EQ( waitChild( child ), 0 ) << "128 + SIGALRM: the reader blocked opening the FIFO";
 }
 
-// A table another user made was adopted: that user could then kill the
-// writer with SIGBUS by truncating the control file. It is refused, by
-// name and owner, and left alone (see docs/lumen-format.md for why it is
-// not replaced).
+// A table another user made was adopted, letting them SIGBUS the writer by
+// truncation. It is refused, by name and owner, and left alone.
 TEST( LumenFiles, AWriterRefusesATableAnotherUserMade ) {
    SKIP_WITHOUT_OTHER_USER();
    LumenRoot root;
@@ -500,9 +476,7 @@ TEST( LumenFiles, AWriterRefusesATableAnotherUserMade ) {
    EXPECT_EQ( contentOf( root.file( "lumen.wakeonly@wake" ) ), "planted" );
 }
 
-// The control file's owner writes the table: a data file of anyone else's
-// under its name (one swapped in while a reader remapped) is not the
-// table's, for reader and writer alike.
+// A data file not owned by the control file's owner is not the table's.
 TEST( LumenFiles, DataFilesMustBeTheTableWritersOwn ) {
    LumenRoot root;
    {

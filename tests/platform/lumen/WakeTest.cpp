@@ -1,8 +1,4 @@
-// The wake-up path under damage, crashes and many readers: damaged wake
-// segments and feed heads, a reader of another user that starts before the
-// writer, what dead readers leave behind, and readers beyond the old
-// registration limit.
-#include "platform/lumen/internal/Wake.h"
+// The wake-up path under damage, crashes and many readers.
 #include "tests/platform/lumen/LumenTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -22,27 +18,7 @@ namespace li = Lumen::internal;
 
 namespace {
 
-// A wake segment mapped on its own, as another process damaging it would.
-struct WakeMap {
-   li::WakeHeader* header = nullptr;
-   explicit WakeMap( const std::string& name ) {
-      int fd = ::open( name.c_str(), O_RDWR );
-      EXPECT_GE( fd, 0 ) << name;
-      void* p = ::mmap( nullptr, li::wakeSegmentSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0 );
-      ::close( fd );
-      EXPECT_NE( p, MAP_FAILED );
-      header = static_cast< li::WakeHeader* >( p );
-   }
-   ~WakeMap() { ::munmap( header, li::wakeSegmentSize ); }
-   li::ReaderSlot* slots() const { return reinterpret_cast< li::ReaderSlot* >( header + 1 ); }
-   uint32_t registrationsOf( pid_t pid ) const {
-      return uint32_t( std::count_if( slots(), slots() + li::wakeReaderSlots,
-                                      [ & ]( auto& s ) { return s.pid == uint32_t( pid ); } ) );
-   }
-};
-
-// Dispatches only when fd() has become readable: a reader the writer no
-// longer wakes fails here instead of being carried by polling.
+// Dispatches only once fd() is readable, so an unwoken reader fails here.
 template< class Done >
 bool wokenUntil( Lumen::Reader< HostRec >& reader, Done done ) {
    for ( int n = 0; n < 100 && !done(); ++n ) {
@@ -53,6 +29,26 @@ bool wokenUntil( Lumen::Reader< HostRec >& reader, Done done ) {
    }
    return done();
 }
+
+// Readers of one table, each noting the keys it was told of.
+struct WokenReaders {
+   std::vector< std::unique_ptr< Lumen::Reader< HostRec > > > readers;
+   std::vector< std::set< uint32_t > > seen;
+   WokenReaders( const std::string& path, size_t n ) : seen( n ) {
+      for ( size_t r = 0; r < n; ++r ) {
+         readers.push_back( std::make_unique< Lumen::Reader< HostRec > >( path ) );
+         readers[ r ]->onKeyIs( [ this, r ]( const MacKey& k ) { seen[ r ].insert( k.number() ); } );
+         readers[ r ]->dispatch();
+      }
+   }
+   void allSee( const std::vector< uint32_t >& keys ) {
+      for ( size_t r = 0; r < readers.size(); ++r ) {
+         EXPECT_TRUE( wokenUntil( *readers[ r ], [ & ] {
+            return std::all_of( keys.begin(), keys.end(), [ & ]( uint32_t n ) { return seen[ r ].count( n ) > 0; } );
+         } ) ) << "reader " << r << " was not woken for every change";
+      }
+   }
+};
 
 // A pid that no process has: a child's, once reaped.
 uint32_t deadPid() {
@@ -86,9 +82,8 @@ size_t openFds() {
 
 }  // namespace
 
-// Each kind of damage lands while three readers are mapped, registered and
-// idle; the changes made after it must still wake them (their status thread
-// notices within its period and repairs or registers again).
+// Damage landing while three readers are registered and idle: later changes
+// must still wake them (their status thread repairs or re-registers).
 TEST( LumenWake, DamageToTheWakeSegmentOrFeedHeadDoesNotSilenceMappedReaders ) {
    enum Damage { zeroedPage, armedBitsCleared, pidOfADeadProcess, pidOfALiveProcess, headZeroed,
                  headMovedBack };
@@ -101,23 +96,9 @@ TEST( LumenWake, DamageToTheWakeSegmentOrFeedHeadDoesNotSilenceMappedReaders ) {
       for ( uint32_t n = 0; n < 20; ++n ) {
          writer.write( HostRec::of( n, 1 ) );
       }
-      std::vector< std::unique_ptr< Lumen::Reader< HostRec > > > readers;
-      std::vector< std::set< uint32_t > > seen( 3 );
-      for ( size_t r = 0; r < 3; ++r ) {
-         readers.push_back( std::make_unique< Lumen::Reader< HostRec > >( "/lumen/damage" ) );
-         readers[ r ]->onKeyIs( [ &, r ]( const MacKey& k ) { seen[ r ].insert( k.number() ); } );
-         readers[ r ]->dispatch();
-      }
-      auto allSee = [ & ]( std::vector< uint32_t > keys ) {
-         for ( size_t r = 0; r < readers.size(); ++r ) {
-            EXPECT_TRUE( wokenUntil( *readers[ r ], [ & ] {
-               return std::all_of( keys.begin(), keys.end(),
-                                   [ & ]( uint32_t n ) { return seen[ r ].count( n ) > 0; } );
-            } ) ) << "reader " << r << " was not woken for every change";
-         }
-      };
+      WokenReaders readers( "/lumen/damage", 3 );
       writer.write( HostRec::of( 100, 1 ) );
-      allSee( { 100 } );
+      readers.allSee( { 100 } );
 
       WakeMap wake( root.file( "lumen.damage@wake" ) );
       ASSERT_EQ( wake.registrationsOf( ::getpid() ), 3u );
@@ -148,33 +129,28 @@ TEST( LumenWake, DamageToTheWakeSegmentOrFeedHeadDoesNotSilenceMappedReaders ) {
                bytes + offsetof( li::ControlHeader, feedHead ) );
             head = damage == headZeroed ? 0 : head - 10;
          } );
-         // Readers that have not looked meanwhile: the changes below must
-         // not be taken for ones they have passed.
+         // The changes below must not be taken for ones already passed.
          after = { 101, 102, 103, 104, 105, 106, 107, 108, 109, 110, 111, 112, 113 };
          break;
       }
       for ( uint32_t n : after ) {
          writer.write( HostRec::of( n, 1 ) );
       }
-      allSee( after );
-      // And the next change after the repair, too.
+      readers.allSee( after );
       writer.write( HostRec::of( 200, 1 ) );
-      allSee( { 200 } );
+      readers.allSee( { 200 } );
       EXPECT_EQ( wake.registrationsOf( ::getpid() ), 3u );
       EXPECT_TRUE( li::wakeHeaderValid( *wake.header ) );
    }
 }
 
-// A reader of another user, started before the table exists, in a root that
-// user may write to: it creates nothing, and registers in the wake segment
-// the writer creates (owned by the writer, mode 0660) once it appears.
+// A reader of another user started before the table creates nothing, and
+// registers in the wake segment (the writer's, mode 0660) once it appears.
 TEST( LumenWake, AReaderOfAnotherUserBeforeTheWriterCreatesNothingAndRegisters ) {
    LumenRoot root;
    ASSERT_EQ( ::chmod( root.dir().c_str(), 01777 ), 0 );
-   int ready[ 2 ];
-   ASSERT_EQ( ::pipe( ready ), 0 );
+   Pipe ready;
    pid_t child = startChild( [ & ] {
-      ::close( ready[ 0 ] );
       // Nobody, also in the table owner's group: a supported reader.
       gid_t groups[] = { 0 };
       if ( ::setgroups( 1, groups ) != 0 || ::setgid( 65534 ) != 0 || ::setuid( 65534 ) != 0 ) {
@@ -184,9 +160,7 @@ TEST( LumenWake, AReaderOfAnotherUserBeforeTheWriterCreatesNothingAndRegisters )
       uint32_t seen = 0;
       reader.onKeyIs( [ & ]( const MacKey& k ) { seen = std::max( seen, k.number() ); } );
       reader.dispatch();
-      if ( ::write( ready[ 1 ], "x", 1 ) != 1 ) {
-         return 4;
-      }
+      ready.signal();
       while ( seen < 50 ) {
          if ( !readable( reader.fd(), 20000 ) ) {
             return 1;
@@ -195,10 +169,7 @@ TEST( LumenWake, AReaderOfAnotherUserBeforeTheWriterCreatesNothingAndRegisters )
       }
       return 0;
    } );
-   ::close( ready[ 1 ] );
-   char c;
-   ASSERT_EQ( ::read( ready[ 0 ], &c, 1 ), 1 );
-   ::close( ready[ 0 ] );
+   ASSERT_TRUE( ready.wait() );
    ::usleep( 300000 );   // a few periods of the reader's thread
    EXPECT_EQ( filesIn( root.dir() ), std::set< std::string >{} ) << "the reader created files";
 
@@ -220,30 +191,24 @@ TEST( LumenWake, AReaderOfAnotherUserBeforeTheWriterCreatesNothingAndRegisters )
    EXPECT_EQ( waitChild( child ), 0 ) << "1: not woken; 3: could not change user";
 }
 
-// A registered reader killed while poked but not yet dispatched leaves a
-// registration, a socket file and the writer's connected descriptor that no
-// poke will meet again; a reader killed asleep on the fallback path leaves a
-// sleeper count. The writer's next sweep, or the next reader, clears them.
+// A reader killed poked-but-undispatched leaves a registration, socket file
+// and writer descriptor; one killed asleep on the fallback leaves a sleeper
+// count. The writer's next sweep, or the next reader, clears them.
 TEST( LumenWake, WhatKilledReadersLeaveBehindIsCleared ) {
    LumenRoot root;
    Lumen::Writer< HostRec > writer;
    writer.attach( "/lumen/dead" );
    WakeMap wake( root.file( "lumen.dead@wake" ) );
-   int ready[ 2 ];
-   ASSERT_EQ( ::pipe( ready ), 0 );
+   Pipe ready;
    pid_t child = startChild( [ & ] {
       Lumen::Reader< HostRec > reader( "/lumen/dead" );
       reader.dispatch();
-      if ( ::write( ready[ 1 ], "x", 1 ) != 1 ) {
-         return 1;
+      ready.signal();
+      while ( ::pause() != 0 ) {   // poked, never dispatches
       }
-      for ( ;; ) {
-         ::pause();   // poked, never dispatches
-      }
+      return 0;
    } );
-   char c;
-   ASSERT_TRUE( readable( ready[ 0 ], 30000 ) ) << "the reader died before registering";
-   ASSERT_EQ( ::read( ready[ 0 ], &c, 1 ), 1 );
+   ASSERT_TRUE( ready.wait() ) << "the reader died before registering";
    ASSERT_EQ( wake.registrationsOf( child ), 1u );
    ASSERT_TRUE( anyFileOfPid( root.dir(), child ) );
    size_t fdsBefore = openFds();
@@ -275,10 +240,7 @@ TEST( LumenWake, WhatKilledReadersLeaveBehindIsCleared ) {
       return std::any_of( std::begin( wake.header->sleeperPids ), std::end( wake.header->sleeperPids ),
                           [ & ]( auto& e ) { return e.load() == uint32_t( pid ); } );
    };
-   for ( int i = 0; i < 5000 && !sleeping( child ); ++i ) {
-      ::usleep( 1000 );
-   }
-   ASSERT_TRUE( sleeping( child ) ) << "the reader never fell back to its thread";
+   ASSERT_TRUE( waitFor( [ & ] { return sleeping( child ); } ) ) << "the reader never fell back to its thread";
    EXPECT_EQ( wake.header->sleepers.load(), 1u );
    ::kill( child, SIGKILL );
    EXPECT_EQ( waitChild( child ), 128 + SIGKILL );
@@ -286,18 +248,15 @@ TEST( LumenWake, WhatKilledReadersLeaveBehindIsCleared ) {
    {
       // The next reader, also on the fallback path, takes the dead one off.
       Lumen::Reader< HostRec > reader( "/lumen/dead" );
-      for ( int i = 0; i < 5000 && ( sleeping( child ) || wake.header->sleepers.load() > 1 ); ++i ) {
-         ::usleep( 1000 );
-      }
+      waitFor( [ & ] { return !sleeping( child ) && wake.header->sleepers.load() <= 1; } );
       EXPECT_FALSE( sleeping( child ) );
       EXPECT_LE( wake.header->sleepers.load(), 1u );
    }
    EXPECT_EQ( wake.header->sleepers.load(), 0u );
 }
 
-// 150 readers all register (none falls back to the futex, which every change
-// would then have to wake), and a reader that was poked and has not
-// dispatched costs the writer nothing more: one datagram, whatever follows.
+// 150 readers all register (none on the futex), and a poked reader that has
+// not dispatched costs the writer nothing more: one datagram, whatever follows.
 TEST( LumenWake, ManyIdleReadersRegisterAndArePokedOncePerDispatch ) {
    LumenRoot root;
    Lumen::Writer< HostRec > writer;
@@ -322,30 +281,16 @@ TEST( LumenWake, ManyIdleReadersRegisterAndArePokedOncePerDispatch ) {
    }
 }
 
-// With many readers the writer rations its pokes in time and leaves the
-// changes it makes meanwhile to its flusher thread: the last change of a
-// burst, and one made just before the writer goes away, must still wake
-// every reader.
+// Pokes the writer defers to its flusher (the last of a burst, one just
+// before it goes away) must still wake every reader.
 TEST( LumenWake, ChangesWhosePokesAreDeferredStillWakeEveryReader ) {
    LumenRoot root;
    auto writer = std::make_unique< Lumen::Writer< HostRec > >();
    writer->attach( "/lumen/deferred" );
-   std::vector< std::unique_ptr< Lumen::Reader< HostRec > > > readers;
-   std::vector< std::set< uint32_t > > seen( 40 );
-   for ( size_t r = 0; r < seen.size(); ++r ) {
-      readers.push_back( std::make_unique< Lumen::Reader< HostRec > >( "/lumen/deferred" ) );
-      readers[ r ]->onKeyIs( [ &, r ]( const MacKey& k ) { seen[ r ].insert( k.number() ); } );
-      readers[ r ]->dispatch();
-   }
-   auto allWokenFor = [ & ]( uint32_t n ) {
-      for ( size_t r = 0; r < readers.size(); ++r ) {
-         EXPECT_TRUE( wokenUntil( *readers[ r ], [ & ] { return seen[ r ].count( n ) > 0; } ) )
-            << "reader " << r << " never woken for key " << n;
-      }
-   };
+   WokenReaders readers( "/lumen/deferred", 40 );
+   auto allWokenFor = [ & ]( uint32_t n ) { readers.allSee( { n } ); };
    for ( uint32_t round = 0; round < 20; ++round ) {
-      // The first change pokes all forty; they re-arm at once, so the next
-      // falls within the writer's hold-off.
+      // The second change falls within the hold-off of the first's pokes.
       writer->write( HostRec::of( 2 * round, 1 ) );
       allWokenFor( 2 * round );
       writer->write( HostRec::of( 2 * round + 1, 1 ) );
@@ -358,10 +303,8 @@ TEST( LumenWake, ChangesWhosePokesAreDeferredStillWakeEveryReader ) {
    allWokenFor( 101 );
 }
 
-// A reader made before its table exists or while its writer is still
-// creating it, watched as an event loop watches it (fd() added to an epoll
-// set once): whatever the moment the writer creates the table and writes,
-// every change reaches it, and it never sits with a dispatch owed and its
+// A reader made before or while its writer creates the table, its fd() added
+// once to an epoll set: every change reaches it, never a dispatch owed with
 // fd() quiet.
 TEST( LumenWake, AReaderBornBeforeItsWriterIsWokenForEveryChange ) {
    std::mt19937 rng( 11 );

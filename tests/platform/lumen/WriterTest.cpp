@@ -1,6 +1,4 @@
-// Writer-side behaviour: the table against a std::map model (growth, shrink,
-// tombstones, removal during iteration), the capacity limit and a full
-// filesystem.
+// Writer-side behaviour: a std::map model, the capacity limit, a full filesystem.
 #include "tests/platform/lumen/LumenTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -17,20 +15,10 @@ using namespace LumenTest;
 
 namespace {
 
-template< class T >
-std::map< MacKey, HostRec > contents( const T& table ) {
-   std::map< MacKey, HostRec > seen;
-   for ( auto e = table.next(); e; e = table.next( e->second ) ) {
-      EXPECT_TRUE( seen.emplace( e->first.key(), e->first ).second ) << "entry visited twice";
-   }
-   return seen;
-}
-
 void runOracle( Lumen::Writer< HostRec >& table, uint32_t seed ) {
    std::mt19937 rng( seed );
    std::map< MacKey, HostRec > model;
    for ( int step = 0; step < 20000; ++step ) {
-      // Phases bias towards inserting or removing so the size swings widely.
       bool growing = ( step / 2500 ) % 2 == 0;
       uint32_t n = rng() % 600;
       MacKey k = MacKey::of( n );
@@ -48,7 +36,7 @@ void runOracle( Lumen::Writer< HostRec >& table, uint32_t seed ) {
       ASSERT_EQ( table.count(), model.size() );
       if ( step % 997 == 0 ) {
          table.sanityCheck();
-         ASSERT_EQ( contents( table ), model );
+         ASSERT_EQ( contentsOf( table ), model );
       }
    }
    for ( uint32_t n = 0; n < 600; ++n ) {
@@ -56,8 +44,7 @@ void runOracle( Lumen::Writer< HostRec >& table, uint32_t seed ) {
       ASSERT_EQ( table.contains( MacKey::of( n ) ), it != model.end() );
       ASSERT_EQ( table.lookup( MacKey::of( n ) ), it != model.end() ? it->second : HostRec{} );
    }
-   // Removing every other entry just returned, continuing from its hint,
-   // must neither skip nor repeat the rest.
+   // Removing every other entry just returned must neither skip nor repeat the rest.
    size_t visited = 0;
    size_t total = model.size();
    for ( auto e = table.next(); e; e = table.next( e->second ) ) {
@@ -68,7 +55,7 @@ void runOracle( Lumen::Writer< HostRec >& table, uint32_t seed ) {
    }
    EXPECT_EQ( visited, total );
    table.sanityCheck();
-   ASSERT_EQ( contents( table ), model );
+   ASSERT_EQ( contentsOf( table ), model );
 }
 
 }  // namespace
@@ -95,18 +82,17 @@ TEST( LumenWriter, FullTableRefusesNewKeyAndChangesNothing ) {
    reader.dispatch();
    std::vector< MacKey > notified;
    reader.onKeyIs( [ & ]( const MacKey& k ) { notified.push_back( k ); } );
-   auto before = contents( table );
+   auto before = contentsOf( table );
    EXPECT_EQ( whatOf< Lumen::TableFullException >( [ & ] { table.write( HostRec::of( 100, 1 ) ); } ),
               "Lumen table full (occupancy:8 tableSize:8) /lumen/full" );
    EXPECT_THROW( table.slotFor( MacKey::of( 100 ) ), Lumen::TableFullException );
-   EXPECT_EQ( contents( table ), before );
+   EXPECT_EQ( contentsOf( table ), before );
    EXPECT_FALSE( table.contains( MacKey::of( 100 ) ) );
    EXPECT_EQ( table.capacity(), 8u );
    reader.dispatch();
    EXPECT_TRUE( notified.empty() ) << "a refused write was announced";
 
-   // A present key can still be edited in place at the limit; readers see the
-   // edit only once committed.
+   // At the limit a present key is still edited in place, seen once committed.
    HostRec* present = table.slotFor( MacKey::of( 3 ) );
    EXPECT_EQ( *present, HostRec::of( 3, 3 ) );
    *present = HostRec::of( 3, 77 );
@@ -118,10 +104,8 @@ TEST( LumenWriter, FullTableRefusesNewKeyAndChangesNothing ) {
    table.sanityCheck();
 }
 
-// A full shared-memory filesystem must refuse a table at creation with an
-// error naming the cause, not kill the writer with SIGBUS at its first write
-// to a page the filesystem cannot supply. Needs a private 1 MB tmpfs, which
-// takes a mount namespace: skipped where the machine does not allow one.
+// A full filesystem fails creation or growth with an error naming the cause,
+// never SIGBUS. Needs a private 1 MB tmpfs in a mount namespace, else skipped.
 TEST( LumenWriter, FullFilesystemFailsCreationOrGrowthCleanlyNeverWithSigbus ) {
    char dir[] = "/tmp/lumen-fullfs-XXXXXX";
    ASSERT_TRUE( ::mkdtemp( dir ) );
@@ -135,7 +119,6 @@ TEST( LumenWriter, FullFilesystemFailsCreationOrGrowthCleanlyNeverWithSigbus ) {
       auto noSpace = []( const Mox::Exception& e ) {
          return std::string( e.what() ).find( "No space left on device" ) != std::string::npos;
       };
-      // Growth that the filesystem cannot hold fails the write and changes nothing.
       Lumen::Writer< HostRec > table( HostRec{}, { 1024, 1u << 20, 256 } );
       table.attach( "/lumen/grows" );
       uint32_t n = 0;
@@ -153,7 +136,6 @@ TEST( LumenWriter, FullFilesystemFailsCreationOrGrowthCleanlyNeverWithSigbus ) {
          return 5;
       }
       table.sanityCheck();
-      // A table that cannot be had at all is refused at creation.
       Lumen::Writer< HostRec > big( HostRec{}, { 100000, 100000, 256 } );
       try {
          big.attach( "/lumen/big" );
@@ -170,8 +152,7 @@ TEST( LumenWriter, FullFilesystemFailsCreationOrGrowthCleanlyNeverWithSigbus ) {
    EXPECT_EQ( status, 0 ) << "128 + 7 is SIGBUS";
 }
 
-// A slotFor() image left uncommitted follows later writes and removals of its
-// key, so neither a later slotFor() nor a commit() brings back stale fields.
+// An uncommitted slotFor() image follows later writes and removals of its key.
 TEST( LumenWriter, UncommittedImagesFollowLaterChangesOfTheirKey ) {
    LumenRoot root;
    Lumen::Writer< HostRec > writer;
@@ -188,8 +169,8 @@ TEST( LumenWriter, UncommittedImagesFollowLaterChangesOfTheirKey ) {
    EXPECT_EQ( *held, HostRec{ MacKey::of( 1 ) } ) << "image of a removed key keeps old fields";
 }
 
-// A writer that died between filling a slot and counting it leaves the count
-// one short; taking its table over must size the copy by the live slots.
+// A writer that died before counting a filled slot leaves the count one
+// short; takeover must size its copy by the live slots.
 TEST( LumenWriter, TakeoverSizesTheCopyByLiveSlotsNotByTheCount ) {
    LumenRoot root;
    {
@@ -199,11 +180,8 @@ TEST( LumenWriter, TakeoverSizesTheCopyByLiveSlotsNotByTheCount ) {
          writer.write( HostRec::of( n, n ) );
       }
    }
-   uint64_t generation = 0;
-   editFile( root.file( "lumen.lagging" ), [ & ]( uint8_t* p, size_t ) {
-      generation = reinterpret_cast< Lumen::internal::ControlHeader* >( p )->generation;
-   } );
-   editFile( root.file( fmt::format( "lumen.lagging@{}", generation ) ), []( uint8_t* p, size_t ) {
+   editFile( root.file( fmt::format( "lumen.lagging@{}", generationOf( root, "lumen.lagging" ) ) ),
+             []( uint8_t* p, size_t ) {
       reinterpret_cast< Lumen::internal::DataHeader* >( p )->count.store( 128 );
    } );
    Lumen::Writer< HostRec > successor( HostRec{}, { 64, 1u << 20, 64 } );
@@ -212,8 +190,7 @@ TEST( LumenWriter, TakeoverSizesTheCopyByLiveSlotsNotByTheCount ) {
    EXPECT_EQ( successor.lookup( MacKey::of( 128 ) ), HostRec::of( 128, 128 ) );
 }
 
-// Changing the root moves no open table: a writer's later generations and a
-// reader's lookups stay where they were opened; new tables go to the new root.
+// Changing the root moves no open table; new tables go to the new root.
 TEST( LumenWriter, OpenTablesKeepTheirRootWhenItChanges ) {
    LumenRoot first;
    Lumen::Writer< HostRec > writer( HostRec{}, { 64, 1u << 20, 64 } );
