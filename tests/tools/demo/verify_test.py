@@ -108,41 +108,37 @@ class VerifyTest(unittest.TestCase):
         self.assertFailsOnly("export hosts = controller - EVPN-provided",
                              "extra    02:00:00:00:00:99 20 = 192.0.2.99 1 16")
 
-    def test_exported_although_evpn_provided_it(self):
-        self.f.edit_table("export/host", lambda r: r.append(
-            {"mac": "02:00:00:00:00:02", "vni": 10, "vtep": "192.0.2.2", "seqNo": 1, "preference": 16}))
-        self.assertFailsOnly("export hosts = controller - EVPN-provided", "extra    02:00:00:00:00:02 10")
-
-    def test_left_out_although_evpn_holds_another_sequence_number(self):
-        self.f.edit_table("export/host", lambda r: r.remove(
-            {"mac": "02:00:00:00:00:03", "vni": 10, "vtep": "192.0.2.1", "seqNo": 4, "preference": 20}))
-        self.assertFailsOnly("export hosts = controller - EVPN-provided",
-                             "missing  02:00:00:00:00:03 10 = 192.0.2.1 4 20")
-
-    def test_exported_host_with_an_old_value(self):
+    def test_each_wrong_table_record_fails_only_its_check(self):
         def move_back(records):
             for r in records:
                 if r["mac"] == "02:00:00:00:00:01" and r["vni"] == 10:
                     r["vtep"], r["seqNo"] = "192.0.2.1", 1
-        self.f.edit_table("export/host", move_back)
-        self.assertFailsOnly("export hosts = controller - EVPN-provided",
-                             "differs  02:00:00:00:00:01 10: expected 192.0.2.4 2 16, actual 192.0.2.1 1 16")
-
-    def test_flood_vtep_with_value_false_exported(self):
-        self.f.edit_table("export/flood", lambda r: r.append({"vni": 10, "vtep": "192.0.2.3"}))
-        self.assertFailsOnly("export flood = controller - EVPN-provided", "extra    10 192.0.2.3")
-
-    def test_echoed_flood_vtep_exported(self):
-        self.f.edit_table("export/flood", lambda r: r.append({"vni": 10, "vtep": "192.0.2.2"}))
-        self.assertFailsOnly("export flood = controller - EVPN-provided", "extra    10 192.0.2.2")
-
-    def test_bridge_id_of_a_vni_without_state(self):
-        self.f.edit_table("brIdList", lambda r: r.append({"brId": 0x2000000 + 50, "vni": 50, "value": True}))
-        self.assertFailsOnly("bridge ids = VNIs with state", "extra    33554482 = 50")
-
-    def test_multipath_only_vni_not_listed(self):
-        self.f.edit_table("brIdList", lambda r: r.remove({"brId": 33554472, "vni": 40, "value": True}))
-        self.assertFailsOnly("bridge ids = VNIs with state", "missing  33554472 = 40")
+        hosts, flood, ids = ("export hosts = controller - EVPN-provided", "export flood = controller - EVPN-provided",
+                             "bridge ids = VNIs with state")
+        cases = [  # (why, table, edit, failed check, detail)
+            ("exported although EVPN provided it", "export/host", lambda r: r.append(
+                {"mac": "02:00:00:00:00:02", "vni": 10, "vtep": "192.0.2.2", "seqNo": 1, "preference": 16}),
+             hosts, "extra    02:00:00:00:00:02 10"),
+            ("left out although EVPN holds another seqNo", "export/host", lambda r: r.remove(
+                {"mac": "02:00:00:00:00:03", "vni": 10, "vtep": "192.0.2.1", "seqNo": 4, "preference": 20}),
+             hosts, "missing  02:00:00:00:00:03 10 = 192.0.2.1 4 20"),
+            ("exported with an old value", "export/host", move_back,
+             hosts, "differs  02:00:00:00:00:01 10: expected 192.0.2.4 2 16, actual 192.0.2.1 1 16"),
+            ("flood VTEP with value false exported", "export/flood",
+             lambda r: r.append({"vni": 10, "vtep": "192.0.2.3"}), flood, "extra    10 192.0.2.3"),
+            ("echoed flood VTEP exported", "export/flood",
+             lambda r: r.append({"vni": 10, "vtep": "192.0.2.2"}), flood, "extra    10 192.0.2.2"),
+            ("bridge id of a VNI without state", "brIdList",
+             lambda r: r.append({"brId": 0x2000000 + 50, "vni": 50, "value": True}), ids, "extra    33554482 = 50"),
+            ("multipath-only VNI not listed", "brIdList",
+             lambda r: r.remove({"brId": 33554472, "vni": 40, "value": True}), ids, "missing  33554472 = 40"),
+        ]
+        for why, table, edit, check, detail in cases:
+            with self.subTest(why):
+                self.f.cleanup()
+                self.f = Fixture()
+                self.f.edit_table(table, edit)
+                self.assertFailsOnly(check, detail)
 
     def test_import_mirror_missing_a_host(self):
         data = self.f.load("import.json")

@@ -131,6 +131,15 @@ std::map< std::string, Host > remoteHostsOf( uint32_t vni, const PeerOptions& o 
    return out;
 }
 
+// Settles until `done` holds or ten seconds pass.
+template < typename Done >
+void settleUntil( Peer& peer, Done done ) {
+   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds( 10 );
+   while ( !done() && std::chrono::steady_clock::now() < deadline ) {
+      peer.settle( quietMs );
+   }
+}
+
 class PeerTest : public ::testing::Test {
  protected:
    LumenRoot root;   // first: every table below lives in it
@@ -148,10 +157,6 @@ TEST_F( PeerTest, AdvertisesAVniOnlyWhileItIsListedAndIntegrationIsOn ) {
    peer.settle( quietMs );
    EXPECT_TRUE( evpnHosts().empty() );
    EXPECT_TRUE( evpnFlood().empty() );
-   {
-      Lumen::Reader< OrbEvpn::EvpnCapabilityRecord > cap( B::pathOf( prefix, B::evpnCapability ) );
-      EXPECT_EQ( cap.lookup( {} ).evpnEnabled, 1 );
-   }
 
    agent.flag( true );
    peer.settle( quietMs );
@@ -185,21 +190,9 @@ TEST_F( PeerTest, AdvertisesAVniOnlyWhileItIsListedAndIntegrationIsOn ) {
    EXPECT_TRUE( peer.advertisedVnis().empty() );
 }
 
-TEST_F( PeerTest, AVniListedBeforeItsExportArrivesGetsEchoesOnceItDoes ) {
-   agent.flag( true );
-   agent.list( 30 );
-   Peer peer( options, &log );
-   peer.settle( quietMs );
-   EXPECT_EQ( evpnHosts().size(), options.remoteHostsPerVni );   // nothing to echo yet
-   agent.exportVni( 30, 4 );
-   peer.settle( quietMs );
-   EXPECT_EQ( evpnHosts().size(), options.remoteHostsPerVni + options.echoPerVni );
-   EXPECT_EQ( evpnFlood().size(), 2u );
-}
-
-// The demo starts the peer first: the agent's tables do not exist yet, and
-// the peer must pick them up when the agent creates them.
-TEST( PeerStart, ThePeerStartsBeforeTheAgentHasMadeItsTables ) {
+// The demo starts the peer before the agent has made its tables; a VNI listed
+// before its export arrives gets echoes once it does.
+TEST( PeerStart, ThePeerStartsBeforeTheAgentAndAVniIsListedBeforeItsExport ) {
    LumenRoot root;
    std::ostringstream log;
    PeerOptions options = testOptions();
@@ -208,21 +201,19 @@ TEST( PeerStart, ThePeerStartsBeforeTheAgentHasMadeItsTables ) {
    EXPECT_TRUE( evpnHosts().empty() );
 
    AgentTables agent;
-   agent.exportVni( 10, 4 );
    agent.flag( true );
    agent.list( 10 );
-   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds( 10 );
-   while ( evpnHosts().size() < options.remoteHostsPerVni + options.echoPerVni &&
-           std::chrono::steady_clock::now() < deadline ) {
-      peer.settle( quietMs );
-   }
+   settleUntil( peer, [ & ] { return evpnHosts().size() >= options.remoteHostsPerVni; } );
+   peer.settle( quietMs );
+   EXPECT_EQ( evpnHosts().size(), options.remoteHostsPerVni );   // nothing to echo yet
+   agent.exportVni( 10, 4 );
+   settleUntil( peer, [ & ] { return evpnHosts().size() >= options.remoteHostsPerVni + options.echoPerVni; } );
    EXPECT_EQ( evpnHosts().size(), options.remoteHostsPerVni + options.echoPerVni );
    EXPECT_EQ( evpnFlood().size(), 2u );
 }
 
-// The agent stops, leaving its tables; a new agent takes them over and
-// sweeps a VNI that went while it was down. The peer, which kept running,
-// withdraws that VNI and keeps the rest as it was.
+// A new agent sweeps a VNI that went while it was down: the running peer
+// withdraws that VNI only.
 TEST( PeerStart, AnAgentRestartThatDropsAVniWithdrawsOnlyThatVni ) {
    LumenRoot root;
    std::ostringstream log;
@@ -247,10 +238,7 @@ TEST( PeerStart, AnAgentRestartThatDropsAVniWithdrawsOnlyThatVni ) {
    for ( uint32_t i = 0; i < 4; ++i ) {
       agent->host.remove( controllerHost( 11, i ).key() );
    }
-   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds( 10 );
-   while ( vnisIn( evpnHosts() ).count( 11 ) && std::chrono::steady_clock::now() < deadline ) {
-      peer.settle( quietMs );
-   }
+   settleUntil( peer, [] { return !vnisIn( evpnHosts() ).count( 11 ); } );
    auto after = evpnHosts();
    EXPECT_EQ( vnisIn( after ), std::set< uint32_t >{ 10 } );
    for ( const auto& [ k, h ] : before ) {
@@ -261,8 +249,7 @@ TEST( PeerStart, AnAgentRestartThatDropsAVniWithdrawsOnlyThatVni ) {
    }
 }
 
-// Echoes copy the export exactly, and stay when the agent withdraws what
-// they copy: otherwise the two sides would chase each other for ever.
+// Echoes copy the export and outlive its withdrawal, or the two sides chase each other.
 TEST_F( PeerTest, EchoesEqualTheExportAndOutliveItsWithdrawal ) {
    agent.exportVni( 10, 8 );
    agent.flag( true );
@@ -289,8 +276,7 @@ TEST_F( PeerTest, EchoesEqualTheExportAndOutliveItsWithdrawal ) {
    ASSERT_EQ( echoFlood.size(), 1u );
    EXPECT_TRUE( echoFlood[ 0 ] == "10 192.0.2.101" || echoFlood[ 0 ] == "10 192.0.2.102" ) << echoFlood[ 0 ];
 
-   // The agent leaves out what EVPN now provides; the controller then moves
-   // one of them, so it is exported again with a newer sequence number.
+   // The agent leaves out what EVPN provides, then re-exports one moved (newer seqNo).
    auto before = evpnHosts();
    auto beforeFlood = evpnFlood();
    uint64_t writes = peer.writes();
@@ -368,8 +354,7 @@ TEST_F( PeerTest, EveryWriteIsLoggedAndTheLogReplaysToTheTables ) {
    EXPECT_EQ( flood, evpnFlood() );
 }
 
-// A restarted peer finds its tables as it left them and rewrites nothing,
-// even where the agent has meanwhile withdrawn what its echoes copied.
+// A restarted peer rewrites nothing, even echoes of what the agent withdrew meanwhile.
 TEST_F( PeerTest, ARestartedPeerKeepsItsTablesAndItsEchoes ) {
    agent.exportVni( 10, 8 );
    agent.flag( true );
@@ -394,8 +379,6 @@ TEST_F( PeerTest, ARestartedPeerKeepsItsTablesAndItsEchoes ) {
    EXPECT_EQ( evpnHosts().size(), before.size() );
 }
 
-// The same seed over the same tables writes the same records; another seed
-// puts the remote hosts behind other VTEPs.
 TEST( PeerSeed, TheSeedAloneDecidesWhatIsWritten ) {
    auto run = []( uint64_t seed ) {
       LumenRoot root;
@@ -430,9 +413,7 @@ pid_t spawn( const std::vector< std::string >& args ) {
    pid_t pid = fork();
    if ( pid == 0 ) {
       std::vector< char* > argv;
-      for ( const auto& a : args ) {
-         argv.push_back( const_cast< char* >( a.c_str() ) );
-      }
+      for ( const auto& a : args ) argv.push_back( const_cast< char* >( a.c_str() ) );
       argv.push_back( nullptr );
       execv( argv[ 0 ], argv.data() );
       _exit( 127 );
