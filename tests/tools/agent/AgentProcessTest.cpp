@@ -1,6 +1,4 @@
-// The real orbevpn-agent, run in a private Lumen root on small event files:
-// what it exports, what it refuses, what a restart leaves alone, what the
-// integration flag and the control socket do.
+// The real orbevpn-agent on small event files in a private Lumen root.
 #include "tests/tools/agent/AgentProcess.h"
 
 #include <gmock/gmock.h>
@@ -85,18 +83,11 @@ TEST_F( AgentProcess, BadAndForbiddenLinesAreReportedAndSkippedAndNothingElseIsL
    EXPECT_EQ( s[ "events" ], smallInput.size() );
 }
 
-// The input is longer than what the agent reads in one go, so a machine
-// started before the snapshot ends would sweep VNIs not read yet. The EVPN
-// side holds a copy of one controller host, which is never exported: an
-// export started before the import would export it and then withdraw it.
+// Input longer than one read (a machine started early would sweep VNIs not read yet), and
+// an EVPN copy of one controller host (an export started before the import would flap it).
 TEST_F( AgentProcess, ARestartOverUnchangedInputRemovesNoRecord ) {
    capabilityIs( true );
-   Lumen::Writer< OrbEvpn::Host > evpnHosts( OrbEvpn::Host{} );
-   evpnHosts.attach( prefix + "/evpn/host" );
-   OrbEvpn::Host echo( OrbEvpn::MacVniPair( Wire::EthAddr( 0x02, 0, 0, 0, 0, 1 ), Vxlan::Vni( 10 ) ) );
-   echo.vtepAddrIs( Wire::IpAddr::fromOctets( 192, 0, 2, 1 ) );
-   echo.seqNoIs( Keel::Seqno32( 1 ) );
-   evpnHosts.write( echo );
+   evpnHostIs( Wire::EthAddr( 0x02, 0, 0, 0, 0, 1 ), 10, Wire::IpAddr::fromOctets( 192, 0, 2, 1 ), 1 );
    std::vector< std::string > lines = smallInput;
    std::set< std::string > expected = smallHosts;
    expected.erase( "10 02:00:00:00:00:01 192.0.2.1 1 16" );
@@ -116,25 +107,19 @@ TEST_F( AgentProcess, ARestartOverUnchangedInputRemovesNoRecord ) {
    Lumen::Reader< OrbEvpn::BrIdListRecord > brIdWatch( prefix + "/brIdList" );
    Lumen::Reader< OrbEvpn::OrbEvpnConfigRecord > configWatch( prefix + "/config" );
    std::vector< std::string > removed;
-   hostWatch.onKeyIs( [ & ]( const OrbEvpn::MacVniPair& k ) {
-      if ( !hostWatch.contains( k ) ) removed.push_back( "host" );
-   } );
-   floodWatch.onKeyIs( [ & ]( const OrbEvpn::VniVtepPair& k ) {
-      if ( !floodWatch.contains( k ) ) removed.push_back( "flood" );
-   } );
-   brIdWatch.onKeyIs( [ & ]( const Bridging::BridgeId& k ) {
-      if ( !brIdWatch.contains( k ) ) removed.push_back( "brId" );
-   } );
-   configWatch.onKeyIs( [ & ]( const OrbEvpn::SingletonKey& k ) {
-      if ( !configWatch.contains( k ) ) removed.push_back( "config" );
-   } );
+   auto noteRemovals = [ & ]( auto& reader, const char* name ) {
+      reader.onKeyIs( [ &, name ]( const auto& k ) {
+         if ( !reader.contains( k ) ) removed.push_back( name );
+      } );
+   };
+   noteRemovals( hostWatch, "host" );
+   noteRemovals( floodWatch, "flood" );
+   noteRemovals( brIdWatch, "brId" );
+   noteRemovals( configWatch, "config" );
 
    Run r = run( { "--input", in, "--until-steady", "--stats-json" } );
    ASSERT_EQ( r.code(), 0 ) << r.err;
-   hostWatch.dispatch();
-   floodWatch.dispatch();
-   brIdWatch.dispatch();
-   configWatch.dispatch();
+   hostWatch.dispatch(), floodWatch.dispatch(), brIdWatch.dispatch(), configWatch.dispatch();
    EXPECT_TRUE( removed.empty() ) << removed.front();
    // Also none that came and went between two dispatches.
    EXPECT_EQ( stats( r )[ "removed" ], Json::parse( R"({"hosts":0,"flood":0,"brIds":0})" ) );
@@ -201,12 +186,7 @@ TEST_F( AgentProcess, IntegrationFlagOffRemovesEverythingExportedAndOnBringsItBa
 TEST_F( AgentProcess, ControlSocketAnswersEveryCommand ) {
    capabilityIs( true );
    // One host and one flood VTEP from the EVPN side, to see the import.
-   Lumen::Writer< OrbEvpn::Host > evpnHosts( OrbEvpn::Host{} );
-   evpnHosts.attach( prefix + "/evpn/host" );
-   OrbEvpn::Host remote( OrbEvpn::MacVniPair( Wire::EthAddr( 0x02, 0xee, 0, 0, 0, 1 ), Vxlan::Vni( 10 ) ) );
-   remote.vtepAddrIs( Wire::IpAddr::fromOctets( 198, 51, 100, 1 ) );
-   remote.seqNoIs( Keel::Seqno32( 4 ) );
-   evpnHosts.write( remote );
+   evpnHostIs( Wire::EthAddr( 0x02, 0xee, 0, 0, 0, 1 ), 10, Wire::IpAddr::fromOctets( 198, 51, 100, 1 ), 4 );
    std::vector< std::string > in = smallInput;
    in.insert( in.end() - 1, R"({"op":"multiPath","vni":20,"mac":"02:00:00:00:00:03","vteps":["192.0.2.3","192.0.2.4"]})" );
    const pid_t pid = spawn( { "--input", events( "in.jsonl", in ) } );

@@ -1,5 +1,4 @@
-// The controller event lines: what each good line means, why each bad line
-// is refused, and that a stream with bad lines in it loses nothing else.
+// Controller event lines: what good ones mean, why bad ones are refused, line numbers.
 #include "tools/agent/Event.h"
 #include "tools/agent/EventLoop.h"
 #include "tools/agent/Input.h"

@@ -1,6 +1,4 @@
-// The lumen program, run as a child process against tables this test writes
-// in a private root: what it lists, dumps, watches and checks must be what
-// the tables hold, and damage must be reported, never shown as data.
+// The lumen program against tables written in a private root; damage is reported, never shown as data.
 #include "orbevpn/exchange/FloodEntry.h"
 #include "orbevpn/exchange/Host.h"
 #include "platform/lumen/Table.h"
@@ -114,12 +112,9 @@ TEST_F( LumenTool, LsListsEveryTableWithItsTypeCountAndWriter ) {
    const Json& h = byPath[ "/t/export/host" ];
    EXPECT_EQ( h[ "type" ], "OrbEvpn::Host" );
    EXPECT_EQ( h[ "count" ], 3 );
-   EXPECT_GE( h[ "capacity" ].get< uint32_t >(), 3u );
    EXPECT_EQ( h[ "writerPid" ], ::getpid() );
    EXPECT_EQ( h[ "writerAlive" ], true );
    EXPECT_EQ( h[ "status" ], "mounted" );
-   EXPECT_GT( h[ "generation" ].get< uint64_t >(), 0u );
-   EXPECT_GT( h[ "bytes" ].get< uint64_t >(), 0u );
    EXPECT_EQ( byPath[ "/t/export/flood" ][ "type" ], "OrbEvpn::FloodEntry" );
    EXPECT_EQ( byPath[ "/t/export/flood" ][ "count" ], 2 );
    const Json& ids = byPath[ "/t/brIdList" ];
@@ -171,8 +166,7 @@ TEST_F( LumenTool, LsListsADamagedTableWithTheReasonAndTheOthersStill ) {
 TEST_F( LumenTool, DumpJsonEqualsWhatWasWrittenSortedForEveryRecordType ) {
    Lumen::Writer< OrbEvpn::Host > hosts;
    hosts.attach( "/t/host" );
-   // Written out of order, one replaced and one removed: the dump is the
-   // final state, sorted.
+   // Out of order, one replaced, one removed: the dump is the final state, sorted.
    hosts.write( host( 3, 20, 7, 5, 8 ) );
    hosts.write( host( 1, 10, 1, 1 ) );
    hosts.write( host( 2, 10, 2, 1 ) );
@@ -230,7 +224,7 @@ TEST_F( LumenTool, DumpJsonEqualsWhatWasWrittenSortedForEveryRecordType ) {
    EXPECT_NE( text.out.find( "\n3 records\n" ), std::string::npos ) << text.out;
 }
 
-TEST_F( LumenTool, DumpOfNoTableOrAnUnknownTypeExitsTwoWithAMessage ) {
+TEST_F( LumenTool, DumpOfNoTableAnUnknownTypeOrADamagedTableFailsWithAMessage ) {
    Finished missing = run( { "dump", "/t/none", "--json" } );
    EXPECT_EQ( missing.code, 2 );
    EXPECT_TRUE( missing.out.empty() ) << missing.out;
@@ -249,9 +243,8 @@ TEST_F( LumenTool, DumpOfNoTableOrAnUnknownTypeExitsTwoWithAMessage ) {
    Finished usage = run( { "dump" } );
    EXPECT_NE( usage.code, 0 );
    EXPECT_NE( usage.err.find( "path" ), std::string::npos ) << usage.err;
-}
 
-TEST_F( LumenTool, DumpOfADamagedTableFailsWithTheReasonAndNoRecords ) {
+   // A damaged table: exit 1 with the reason and no records.
    {
       Lumen::Writer< OrbEvpn::Host > hosts;
       hosts.attach( "/t/host" );
@@ -309,8 +302,7 @@ TEST_F( LumenTool, WatchWaitsForATableAndReportsItsContentAsChanges ) {
    Lumen::Writer< OrbEvpn::FloodEntry > floods;
    floods.attach( "/t/flood" );
    floods.write( flood( 10, 9 ) );
-   // The watch mounts before or after the write: either way the entry comes
-   // as a change, once, after the status line.
+   // Mounted before or after the write, the entry comes once, as a change, after the status.
    std::vector< std::string > lines;
    for ( std::string l = watch.line( 10000 ); !l.empty(); l = watch.line( 500 ) ) {
       lines.push_back( l );
@@ -327,8 +319,7 @@ TEST_F( LumenTool, WatchWaitsForATableAndReportsItsContentAsChanges ) {
    EXPECT_EQ( end.code, 0 ) << end.err;
 }
 
-// A table can appear before any writer has attached to it (its creator is
-// still attaching): the watch says it waits once, not once per look.
+// A table can appear before its writer attaches: the watch says it waits once, not per look.
 TEST_F( LumenTool, WatchOfATableThatAppearsWithoutAWriterSaysItWaitsOnce ) {
    {
       Lumen::Writer< OrbEvpn::FloodEntry > floods;
@@ -408,8 +399,7 @@ TEST_F( LumenToolCheck, ASoundTableIsOk ) {
    EXPECT_NE( missing.err.find( "no table /t/none" ), std::string::npos ) << missing.err;
 }
 
-// What a live writer is changing while check walks the table (records
-// moving between slots, counts and generations changing) is not damage.
+// What a live writer changes while check walks the table is not damage.
 TEST_F( LumenTool, CheckOfATableUnderChurnIsOk ) {
    Lumen::Writer< OrbEvpn::Host > hosts( OrbEvpn::Host{}, { 16, 1u << 16, 256 } );
    hosts.attach( "/t/busy" );

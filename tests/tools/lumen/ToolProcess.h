@@ -1,5 +1,4 @@
-// Runs the lumen program as a child process and reads what it prints, with
-// deadlines: a test of a tool that hangs fails, it never hangs itself.
+// Runs the lumen program as a child with deadlines: a hanging tool fails the test, never hangs it.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,5 +1,4 @@
-// The stand-in EVPN side against Lumen writers that stand in for the agent's
-// export tables, bridge-id list and integration flag, in a private root.
+// The stand-in EVPN side against Lumen writers standing in for the agent's tables, in a private root.
 #include "tools/peer/Peer.h"
 #include "tools/peer/RemoteEntries.h"
 

@@ -1,5 +1,4 @@
-// A private ovsdb-server with the hardware_vtep schema, in a folder of the
-// test's, on a Unix socket there; filled with vtep-ctl. Killed at the end.
+// A private ovsdb-server (hardware_vtep) on a Unix socket in the test's folder; killed at the end.
 #pragma once
 
 #include <nlohmann/json.hpp>
