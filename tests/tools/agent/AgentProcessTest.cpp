@@ -139,9 +139,7 @@ TEST_F( AgentProcess, RecordsOfAVniWithoutBridgeIdAreSweptAtStart ) {
       ASSERT_TRUE( list.remove( Bridging::BridgeId( 0x2000000 | 20 ) ) );
    }
    std::vector< std::string > without20;
-   for ( const auto& l : smallInput ) {
-      if ( l.find( "\"vni\":20" ) == std::string::npos ) without20.push_back( l );
-   }
+   for ( const auto& l : smallInput ) if ( l.find( "\"vni\":20" ) == std::string::npos ) without20.push_back( l );
    ASSERT_EQ( run( { "--input", events( "in2.jsonl", without20 ), "--until-steady" } ).code(), 0 );
    EXPECT_EQ( hosts(), ( std::set< std::string >{ "10 02:00:00:00:00:01 192.0.2.1 1 16",
                                                   "10 02:00:00:00:00:02 192.0.2.2 5 9" } ) );

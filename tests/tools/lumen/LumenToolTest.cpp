@@ -72,9 +72,7 @@ class LumenTool : public ::testing::Test {
 TEST_F( LumenTool, LsListsEveryTableWithItsTypeCountAndWriter ) {
    Lumen::Writer< OrbEvpn::Host > hosts;
    hosts.attach( "/t/export/host" );
-   for ( uint8_t i = 1; i <= 3; ++i ) {
-      hosts.write( host( i, 10, 1, i ) );
-   }
+   for ( uint8_t i = 1; i <= 3; ++i ) hosts.write( host( i, 10, 1, i ) );
    Lumen::Writer< OrbEvpn::FloodEntry > floods;
    floods.attach( "/t/export/flood" );
    floods.write( flood( 10, 9 ) );
@@ -105,9 +103,7 @@ TEST_F( LumenTool, LsListsEveryTableWithItsTypeCountAndWriter ) {
    Json ls = runJson( { "ls", "--json" } );
    ::close( sock );
    std::map< std::string, Json > byPath;
-   for ( const Json& t : ls[ "tables" ] ) {
-      byPath[ t[ "path" ] ] = t;
-   }
+   for ( const Json& t : ls[ "tables" ] ) byPath[ t[ "path" ] ] = t;
    ASSERT_EQ( byPath.size(), 3u ) << ls.dump();
    const Json& h = byPath[ "/t/export/host" ];
    EXPECT_EQ( h[ "type" ], "OrbEvpn::Host" );
@@ -304,9 +300,7 @@ TEST_F( LumenTool, WatchWaitsForATableAndReportsItsContentAsChanges ) {
    floods.write( flood( 10, 9 ) );
    // Mounted before or after the write, the entry comes once, as a change, after the status.
    std::vector< std::string > lines;
-   for ( std::string l = watch.line( 10000 ); !l.empty(); l = watch.line( 500 ) ) {
-      lines.push_back( l );
-   }
+   for ( std::string l = watch.line( 10000 ); !l.empty(); l = watch.line( 500 ) ) lines.push_back( l );
    ASSERT_EQ( lines.size(), 2u ) << ::testing::PrintToString( lines );
    EXPECT_NE( lines[ 0 ].find( "status mounted" ), std::string::npos ) << lines[ 0 ];
    EXPECT_NE( lines[ 1 ].find( "set    vni=10 vtep=192.0.2.9" ), std::string::npos ) << lines[ 1 ];
@@ -353,9 +347,7 @@ class LumenToolCheck : public LumenTool {
    void SetUp() override {
       Lumen::Writer< OrbEvpn::Host > hosts;
       hosts.attach( "/t/host" );
-      for ( uint8_t i = 1; i <= 20; ++i ) {
-         hosts.write( host( i, 10, 1, i ) );
-      }
+      for ( uint8_t i = 1; i <= 20; ++i ) hosts.write( host( i, 10, 1, i ) );
    }
    std::string data() const { return root.file( "t.host@1" ); }
    // The first (or last) live slot of the data segment.
@@ -364,9 +356,7 @@ class LumenToolCheck : public LumenTool {
       for ( uint32_t n = 0; n < h->slotCount; ++n ) {
          uint32_t i = last ? h->slotCount - 1 - n : n;
          uint8_t* slot = p + sizeof( li::DataHeader ) + size_t( i ) * h->slotSize;
-         if ( ( *reinterpret_cast< uint32_t* >( slot ) & 3 ) == li::slotLive ) {
-            return slot;
-         }
+         if ( ( *reinterpret_cast< uint32_t* >( slot ) & 3 ) == li::slotLive ) return slot;
       }
       std::abort();
    }
@@ -407,12 +397,8 @@ TEST_F( LumenTool, CheckOfATableUnderChurnIsOk ) {
    std::thread churn( [ & ] {
       uint32_t seq = 0;
       while ( !stop.load() ) {
-         for ( uint8_t i = 0; i < 200; ++i ) {
-            hosts.write( host( i, 10, 1, ++seq ) );
-         }
-         for ( uint8_t i = 0; i < 200; i += 2 ) {
-            hosts.remove( host( i, 10, 1, 0 ).key() );
-         }
+         for ( uint8_t i = 0; i < 200; ++i ) hosts.write( host( i, 10, 1, ++seq ) );
+         for ( uint8_t i = 0; i < 200; i += 2 ) hosts.remove( host( i, 10, 1, 0 ).key() );
       }
    } );
    for ( int i = 0; i < 5; ++i ) {

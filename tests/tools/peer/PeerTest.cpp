@@ -70,9 +70,7 @@ std::set< std::string > evpnFlood() {
 
 std::set< uint32_t > vnisIn( const std::map< std::string, Host >& hosts ) {
    std::set< uint32_t > out;
-   for ( const auto& [ k, h ] : hosts ) {
-      out.insert( h.vni().value() );
-   }
+   for ( const auto& [ k, h ] : hosts ) out.insert( h.vni().value() );
    return out;
 }
 
@@ -94,9 +92,7 @@ class AgentTables {
    void unlist( uint32_t vni ) { brIds.remove( Bridging::BridgeId( Vxlan::Vni( vni ) ) ); }
    // `macs` hosts and two flood VTEPs (192.0.2.101, .102) for `vni`.
    void exportVni( uint32_t vni, uint32_t macs ) {
-      for ( uint32_t i = 0; i < macs; ++i ) {
-         host.write( controllerHost( vni, i ) );
-      }
+      for ( uint32_t i = 0; i < macs; ++i ) host.write( controllerHost( vni, i ) );
       for ( uint8_t d : { 101, 102 } ) {
          flood.write( FloodEntry( VniVtepPair( Vxlan::Vni( vni ), Wire::IpAddr::fromOctets( 192, 0, 2, d ) ) ) );
       }
@@ -134,9 +130,7 @@ std::map< std::string, Host > remoteHostsOf( uint32_t vni, const PeerOptions& o 
 template < typename Done >
 void settleUntil( Peer& peer, Done done ) {
    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds( 10 );
-   while ( !done() && std::chrono::steady_clock::now() < deadline ) {
-      peer.settle( quietMs );
-   }
+   while ( !done() && std::chrono::steady_clock::now() < deadline ) peer.settle( quietMs );
 }
 
 class PeerTest : public ::testing::Test {
@@ -178,9 +172,7 @@ TEST_F( PeerTest, AdvertisesAVniOnlyWhileItIsListedAndIntegrationIsOn ) {
    agent.unlist( 10 );
    peer.settle( quietMs );
    EXPECT_EQ( vnisIn( evpnHosts() ), std::set< uint32_t >{ 20 } );
-   for ( const auto& f : evpnFlood() ) {
-      EXPECT_EQ( f.rfind( "20 ", 0 ), 0u ) << f;
-   }
+   for ( const auto& f : evpnFlood() ) EXPECT_EQ( f.rfind( "20 ", 0 ), 0u ) << f;
 
    agent.flag( false );
    peer.settle( quietMs );
@@ -234,9 +226,7 @@ TEST( PeerStart, AnAgentRestartThatDropsAVniWithdrawsOnlyThatVni ) {
 
    agent = std::make_unique< AgentTables >();
    agent->unlist( 11 );
-   for ( uint32_t i = 0; i < 4; ++i ) {
-      agent->host.remove( controllerHost( 11, i ).key() );
-   }
+   for ( uint32_t i = 0; i < 4; ++i ) agent->host.remove( controllerHost( 11, i ).key() );
    settleUntil( peer, [] { return !vnisIn( evpnHosts() ).count( 11 ); } );
    auto after = evpnHosts();
    EXPECT_EQ( vnisIn( after ), std::set< uint32_t >{ 10 } );
@@ -268,9 +258,7 @@ TEST_F( PeerTest, EchoesEqualTheExportAndOutliveItsWithdrawal ) {
    ASSERT_EQ( echoes.size(), options.echoPerVni );
    std::vector< std::string > echoFlood;
    for ( const auto& f : evpnFlood() ) {
-      if ( f != floodText( 10, OrbEvpn::Peer::remoteFloodVtep( options.seed, 10 ) ) ) {
-         echoFlood.push_back( f );
-      }
+      if ( f != floodText( 10, OrbEvpn::Peer::remoteFloodVtep( options.seed, 10 ) ) ) echoFlood.push_back( f );
    }
    ASSERT_EQ( echoFlood.size(), 1u );
    EXPECT_TRUE( echoFlood[ 0 ] == "10 192.0.2.101" || echoFlood[ 0 ] == "10 192.0.2.102" ) << echoFlood[ 0 ];
@@ -279,9 +267,7 @@ TEST_F( PeerTest, EchoesEqualTheExportAndOutliveItsWithdrawal ) {
    auto before = evpnHosts();
    auto beforeFlood = evpnFlood();
    uint64_t writes = peer.writes();
-   for ( const Host& h : echoes ) {
-      agent.host.remove( h.key() );
-   }
+   for ( const Host& h : echoes ) agent.host.remove( h.key() );
    agent.flood.remove( VniVtepPair( Vxlan::Vni( 10 ), Wire::IpAddr::fromOctets(
                                                         192, 0, 2, uint8_t( std::stoi( echoFlood[ 0 ].substr( 11 ) ) ) ) ) );
    peer.settle( quietMs );
@@ -291,9 +277,7 @@ TEST_F( PeerTest, EchoesEqualTheExportAndOutliveItsWithdrawal ) {
    peer.settle( quietMs );
    EXPECT_EQ( peer.writes(), writes );
    EXPECT_EQ( evpnHosts().size(), before.size() );
-   for ( const auto& [ k, h ] : before ) {
-      EXPECT_EQ( hostText( evpnHosts().at( k ) ), hostText( h ) );
-   }
+   for ( const auto& [ k, h ] : before ) EXPECT_EQ( hostText( evpnHosts().at( k ) ), hostText( h ) );
    EXPECT_EQ( evpnFlood(), beforeFlood );
 }
 
@@ -366,9 +350,7 @@ TEST_F( PeerTest, ARestartedPeerKeepsItsTablesAndItsEchoes ) {
    }
    auto remote = remoteHostsOf( 10, options );
    for ( const auto& [ k, h ] : before ) {
-      if ( !remote.count( k ) ) {
-         agent.host.remove( h.key() );
-      }
+      if ( !remote.count( k ) ) agent.host.remove( h.key() );
    }
    std::ostringstream log2;
    Peer again( options, &log2 );
@@ -394,9 +376,7 @@ TEST( PeerSeed, TheSeedAloneDecidesWhatIsWritten ) {
       peer.settle( quietMs );
       std::multiset< std::string > lines;
       std::istringstream in( log.str() );
-      for ( std::string l; std::getline( in, l ); ) {
-         lines.insert( l );
-      }
+      for ( std::string l; std::getline( in, l ); ) lines.insert( l );
       return lines;
    };
    auto a = run( 1 );

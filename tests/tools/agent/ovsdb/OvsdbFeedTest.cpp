@@ -16,14 +16,10 @@ class OvsdbFeed : public AgentProcess {
  protected:
    void SetUp() override {
       const std::string why = OvsdbServer::missing();
-      if ( !why.empty() ) {
-         GTEST_SKIP() << why;
-      }
+      if ( !why.empty() ) GTEST_SKIP() << why;
    }
    OvsdbServer& server( bool anyEncapsulation = false ) {
-      if ( !server_ ) {
-         server_ = std::make_unique< OvsdbServer >( root.dir(), anyEncapsulation );
-      }
+      if ( !server_ ) server_ = std::make_unique< OvsdbServer >( root.dir(), anyEncapsulation );
       return *server_;
    }
    pid_t spawnAgent( std::vector< std::string > more = {}, std::string at = "" ) {

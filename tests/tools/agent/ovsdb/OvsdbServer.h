@@ -28,9 +28,7 @@ class OvsdbServer {
    static std::string missing() {
       for ( const char* p : { "/usr/sbin/ovsdb-server", "/usr/bin/ovsdb-tool", "/usr/bin/ovsdb-client",
                              "/usr/bin/vtep-ctl", schemaPath } ) {
-         if ( ::access( p, F_OK ) != 0 ) {
-            return std::string( p ) + " is missing (Debian package openvswitch-vtep)";
-         }
+         if ( ::access( p, F_OK ) != 0 ) return std::string( p ) + " is missing (Debian package openvswitch-vtep)";
       }
       return "";
    }
@@ -74,9 +72,7 @@ class OvsdbServer {
          ::_exit( 127 );
       }
       for ( int i = 0; i < 200; ++i ) {
-         if ( answers( s ) ) {
-            return;
-         }
+         if ( answers( s ) ) return;
          std::this_thread::sleep_for( std::chrono::milliseconds( 25 ) );
       }
       ADD_FAILURE() << "ovsdb-server does not answer on " << s;
