@@ -254,42 +254,33 @@ class VerifyLiveTest(unittest.TestCase):
 
     def test_reads_tables_and_dumps_through_the_tools_and_saves_them(self):
         f = Fixture()
-        try:
-            for name, text in (("lumen", FAKE_LUMEN), ("agent", FAKE_AGENT)):
-                with open(f.path(name), "w") as out:
-                    out.write(text)
-                os.chmod(f.path(name), stat.S_IRWXU)
-            os.remove(f.path("tables", "evpn-capability.json"))   # a table that does not exist
-            env = dict(os.environ, FAKE_CONTROL="/tmp/x.ctl", FAKE_DIR=f.dir)
-            saved = f.path("saved")
-            p = subprocess.run([sys.executable, VERIFY, "--events", f.path("events.jsonl"),
-                                "--peer-log", f.path("peer.log"), "--lumen", f.path("lumen"),
-                                "--root", f.path("tables"), "--prefix", "/lab", "--agent", f.path("agent"),
-                                "--control", "/tmp/x.ctl", "--save-dir", saved, "--title", "live"],
-                               capture_output=True, text=True, env=env)
+        self.addCleanup(f.cleanup)
+        for name, text in (("lumen", FAKE_LUMEN), ("agent", FAKE_AGENT)):
+            with open(f.path(name), "w") as out:
+                out.write(text)
+            os.chmod(f.path(name), stat.S_IRWXU)
+        os.remove(f.path("tables", "evpn-capability.json"))   # a table that does not exist
+        env = dict(os.environ, FAKE_CONTROL="/tmp/x.ctl", FAKE_DIR=f.dir)
+        live = ["--lumen", f.path("lumen"), "--root", f.path("tables"), "--prefix", "/lab",
+                "--agent", f.path("agent"), "--control", "/tmp/x.ctl"]
+        logs = ["--events", f.path("events.jsonl"), "--peer-log", f.path("peer.log")]
+
+        def verify_with(*args):
+            p = subprocess.run([sys.executable, VERIFY, *args], capture_output=True, text=True, env=env)
             self.assertEqual(p.returncode, 0, p.stdout + p.stderr)
-            self.assertTrue(p.stdout.startswith("verification: live\n"))
-            self.assertEqual(sorted(os.listdir(saved)),
-                             sorted(["brIdList.json", "config.json", "controller.json", "evpn-flood.json",
-                                     "evpn-host.json", "export-flood.json", "export-host.json",
-                                     "import.json"]))
-            # A snapshot saves the same, checking nothing.
-            snap = f.path("snap")
-            p1 = subprocess.run([sys.executable, VERIFY, "--snapshot", "--lumen", f.path("lumen"),
-                                 "--root", f.path("tables"), "--prefix", "/lab", "--agent", f.path("agent"),
-                                 "--control", "/tmp/x.ctl", "--save-dir", snap],
-                                capture_output=True, text=True, env=env)
-            self.assertEqual(p1.returncode, 0, p1.stdout + p1.stderr)
-            self.assertEqual(sorted(os.listdir(snap)), sorted(os.listdir(saved)))
-            # What was saved verifies offline the same way.
-            p2 = subprocess.run([sys.executable, VERIFY, "--events", f.path("events.jsonl"),
-                                 "--peer-log", f.path("peer.log"), "--tables-dir", saved,
-                                 "--controller-json", os.path.join(saved, "controller.json"),
-                                 "--import-json", os.path.join(saved, "import.json")],
-                                capture_output=True, text=True)
-            self.assertEqual(p2.returncode, 0, p2.stdout + p2.stderr)
-        finally:
-            f.cleanup()
+            return p.stdout
+
+        saved, snap = f.path("saved"), f.path("snap")
+        self.assertTrue(verify_with(*logs, *live, "--save-dir", saved, "--title", "live")
+                        .startswith("verification: live\n"))
+        self.assertEqual(sorted(os.listdir(saved)),
+                         sorted(["brIdList.json", "config.json", "controller.json", "evpn-flood.json",
+                                 "evpn-host.json", "export-flood.json", "export-host.json", "import.json"]))
+        # A snapshot saves the same, checking nothing; what was saved verifies offline.
+        verify_with("--snapshot", *live, "--save-dir", snap)
+        self.assertEqual(sorted(os.listdir(snap)), sorted(os.listdir(saved)))
+        verify_with(*logs, "--tables-dir", saved, "--controller-json", os.path.join(saved, "controller.json"),
+                    "--import-json", os.path.join(saved, "import.json"))
 
 
 if __name__ == "__main__":
