@@ -32,9 +32,14 @@ const std::set< uint32_t > smallBrIds = { 0x2000000 | 10, 0x2000000 | 20 };
 
 }  // namespace
 
-TEST_F( AgentProcess, ExportTablesEqualTheInputAndBridgeIdsAreListed ) {
+TEST_F( AgentProcess, WithEvpnExportTablesEqualTheInputAndBridgeIdsAreListedWithoutItNothing ) {
+   ASSERT_EQ( run( { "--input", events( "in.jsonl", smallInput ), "--until-steady" } ).code(), 0 );
+   EXPECT_TRUE( hosts().empty() );
+   EXPECT_TRUE( brIds().empty() );
+   EXPECT_EQ( flag(), false );
+
    capabilityIs( true );
-   Run r = run( { "--input", events( "in.jsonl", smallInput ), "--until-steady", "--stats-json" } );
+   Run r = run( { "--input", file( "in.jsonl" ), "--until-steady", "--stats-json" } );
    ASSERT_EQ( r.code(), 0 ) << r.err;
    EXPECT_EQ( hosts(), smallHosts );
    EXPECT_EQ( flood(), smallFlood );
@@ -49,14 +54,6 @@ TEST_F( AgentProcess, ExportTablesEqualTheInputAndBridgeIdsAreListed ) {
       EXPECT_GE( s[ "timeToSteadyMs" ][ phase ].get< double >(), 0.0 ) << phase;
    }
    EXPECT_GT( s[ "peakRssBytes" ].get< uint64_t >(), 0u );
-}
-
-TEST_F( AgentProcess, WithoutEvpnNothingIsExportedAndTheFlagIsOff ) {
-   Run r = run( { "--input", events( "in.jsonl", smallInput ), "--until-steady" } );
-   ASSERT_EQ( r.code(), 0 ) << r.err;
-   EXPECT_TRUE( hosts().empty() );
-   EXPECT_TRUE( brIds().empty() );
-   EXPECT_EQ( flag(), false );
 }
 
 TEST_F( AgentProcess, BadAndForbiddenLinesAreReportedAndSkippedAndNothingElseIsLost ) {
@@ -283,12 +280,25 @@ TEST_F( AgentProcess, TheDemoIsTheDefaultAndRecordsWhatItApplied ) {
    EXPECT_EQ( stats( again )[ "removed" ][ "hosts" ], 0 );
 }
 
-TEST_F( AgentProcess, UntilSteadyGivesUpWithTheReason ) {
-   // A stream that never ends: the agent listens on a socket nobody feeds.
-   Run r = run( { "--input", "unix:" + file( "feed.sock" ), "--until-steady", "--steady-timeout", "1",
-                  "--sync-timeout", "0.2" } );
-   EXPECT_EQ( r.code(), 3 );
-   EXPECT_THAT( r.err, HasSubstr( "not steady after 1 s: the input is not consumed yet" ) );
+// Refused at start (2), or given up when the input never ends (3): each says why.
+TEST_F( AgentProcess, RefusalsAndGivingUpSayWhy ) {
+   const struct {
+      std::vector< std::string > args;
+      int code;
+      std::string why;
+   } cases[] = {
+      { { "--input", "unix:" + file( "feed.sock" ), "--until-steady", "--steady-timeout", "1", "--sync-timeout", "0.2" },
+        3, "not steady after 1 s: the input is not consumed yet" },
+      { { "--input", events( "in.jsonl", smallInput ), "--metrics-listen", "0.0.0.0:0" },
+        2, "--metrics-listen 0.0.0.0:0: not a loopback address" },
+      { { "--ovsdb", "udp:1.2.3.4:5" }, 2, "--ovsdb udp:1.2.3.4:5: expected unix:PATH or tcp:HOST:PORT" },
+      { { "--ovsdb", "tcp:localhost:http" }, 2, "expected tcp:HOST:PORT" },
+   };
+   for ( const auto& c : cases ) {
+      Run r = run( c.args );
+      EXPECT_EQ( r.code(), c.code ) << c.why;
+      EXPECT_THAT( r.err, HasSubstr( c.why ) );
+   }
 }
 
 TEST_F( AgentProcess, EventsFromAUnixSocketAndMetricsOverHttp ) {
@@ -343,10 +353,4 @@ TEST_F( AgentProcess, EventsFromAUnixSocketAndMetricsOverHttp ) {
    Run r = wait( pid, out, err );
    EXPECT_EQ( r.code(), 0 ) << r.err;
    EXPECT_EQ( hosts(), smallHosts );
-}
-
-TEST_F( AgentProcess, MetricsStayOnLoopbackUnlessTold ) {
-   Run r = run( { "--input", events( "in.jsonl", smallInput ), "--metrics-listen", "0.0.0.0:0" } );
-   EXPECT_EQ( r.code(), 2 );
-   EXPECT_THAT( r.err, HasSubstr( "--metrics-listen 0.0.0.0:0: not a loopback address" ) );
 }

@@ -297,12 +297,3 @@ TEST_F( OvsdbFeed, ASessionOverTcp ) {
    EXPECT_EQ( flood(), filledFlood );
    EXPECT_EQ( stopAgent( pid ).code(), 0 );
 }
-
-TEST_F( OvsdbFeed, ABadAddressIsRefusedAtStart ) {
-   Run r = run( { "--ovsdb", "udp:1.2.3.4:5" } );
-   EXPECT_EQ( r.code(), 2 );
-   EXPECT_THAT( r.err, HasSubstr( "--ovsdb udp:1.2.3.4:5: expected unix:PATH or tcp:HOST:PORT" ) );
-   r = run( { "--ovsdb", "tcp:localhost:http" } );
-   EXPECT_EQ( r.code(), 2 );
-   EXPECT_THAT( r.err, HasSubstr( "expected tcp:HOST:PORT" ) );
-}
