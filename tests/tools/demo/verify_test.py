@@ -87,7 +87,7 @@ class VerifyTest(unittest.TestCase):
     def tearDown(self):
         self.f.cleanup()
 
-    def assertFailsOnly(self, check, detail):
+    def assertFailsOnly(self, check, detail=""):
         rc, text = self.f.run()
         self.assertEqual(rc, 1, text)
         self.assertEqual(failed_checks(text), [check], text)
@@ -151,16 +151,12 @@ class VerifyTest(unittest.TestCase):
         data["vnis"][0]["floodLists"] = [{"mac": "00:00:00:00:00:00", "vteps": ["192.0.2.2"]},
                                          {"mac": "02:00:00:00:00:01", "vteps": ["198.51.100.9"]}]
         self.f.save(data, "import.json")
-        rc, text = self.f.run()
-        self.assertEqual(rc, 1, text)
-        self.assertEqual(failed_checks(text), ["import mirror flood = EVPN flood"], text)
+        self.assertFailsOnly("import mirror flood = EVPN flood")
 
     def test_peer_tables_disagree_with_its_log(self):
         self.f.append("peer.log", {"op": "floodDel", "vni": 10, "vtep": "198.51.100.9"})
-        rc, text = self.f.run()
-        self.assertEqual(rc, 1, text)
         # The log now says the VTEP is gone, so the tables and the mirror both hold one too many.
-        self.assertEqual(failed_checks(text), ["EVPN flood = peer log"], text)
+        self.assertFailsOnly("EVPN flood = peer log")
 
     def test_controller_model_lost_an_event(self):
         self.f.append("events.jsonl", {"op": "macDel", "vni": 10, "mac": "02:00:00:00:00:03"})
