@@ -1,6 +1,4 @@
-// The fixture of the tests that run the real orbevpn-agent in a private
-// Lumen root: spawning it, its control socket, and the shared tables read
-// back as sets of text.
+// Fixture: the real orbevpn-agent in a private Lumen root, its control socket, tables as text sets.
 #pragma once
 
 #include "orbevpn/exchange/FloodEntry.h"
@@ -145,9 +143,21 @@ class AgentProcess : public ::testing::Test {
       capability_->write( r );
    }
 
+   // A host on the EVPN side's table, as the EVPN agent writes it.
+   void evpnHostIs( const Wire::EthAddr& mac, uint32_t vni, const Wire::IpAddr& vtep, uint32_t seq ) {
+      if ( !evpnHosts_ ) {
+         evpnHosts_ = std::make_unique< Lumen::Writer< OrbEvpn::Host > >( OrbEvpn::Host{} );
+         evpnHosts_->attach( prefix + "/evpn/host" );
+      }
+      OrbEvpn::Host h( OrbEvpn::MacVniPair( mac, Vxlan::Vni( vni ) ) );
+      h.vtepAddrIs( vtep );
+      h.seqNoIs( Keel::Seqno32( seq ) );
+      evpnHosts_->write( h );
+   }
+
    // Table contents as text, compared as sets.
-   std::set< std::string > hosts( const std::string& name = "export/host" ) const {
-      Lumen::Reader< OrbEvpn::Host > r( prefix + "/" + name );
+   std::set< std::string > hosts() const {
+      Lumen::Reader< OrbEvpn::Host > r( prefix + "/export/host" );
       std::set< std::string > s;
       for ( auto e = r.nextShared(); e; e = r.nextShared( e->second ) ) {
          const OrbEvpn::Host& h = e->first;
@@ -180,6 +190,7 @@ class AgentProcess : public ::testing::Test {
 
    LumenRoot root;
    std::unique_ptr< Lumen::Writer< OrbEvpn::EvpnCapabilityRecord > > capability_;
+   std::unique_ptr< Lumen::Writer< OrbEvpn::Host > > evpnHosts_;
    int spawned_ = 0;
    std::string lastOut_, lastErr_;
 };

@@ -1,5 +1,4 @@
-// The demo generator: the same options give the same events; its snapshot
-// holds what it promises; churn moves MACs forward and removes one VNI.
+// The demo generator: deterministic, a complete snapshot, churn that only moves forward.
 #include "tools/agent/Demo.h"
 
 #include <gtest/gtest.h>

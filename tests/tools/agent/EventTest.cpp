@@ -1,5 +1,4 @@
-// The controller event lines: what each good line means, why each bad line
-// is refused, and that a stream with bad lines in it loses nothing else.
+// Controller event lines: what good ones mean, why bad ones are refused, line numbers.
 #include "tools/agent/Event.h"
 #include "tools/agent/EventLoop.h"
 #include "tools/agent/Input.h"
@@ -154,8 +153,6 @@ TEST( EventInput, EveryLineArrivesWithItsNumber ) {
    EXPECT_THAT( std::vector( got.begin(), got.begin() + 4 ),
                 ElementsAre( Pair( 1u, "{\"op\":\"vni\",\"vni\":1}" ), Pair( 2u, "" ), Pair( 3u, "{bad" ),
                              Pair( 4u, "{\"op\":\"vni\",\"vni\":0}" ) ) );
-   for ( size_t i = 0; i < got.size(); ++i ) {
-      ASSERT_EQ( got[ i ].first, i + 1 );
-   }
+   for ( size_t i = 0; i < got.size(); ++i ) ASSERT_EQ( got[ i ].first, i + 1 );
    EXPECT_EQ( got.back().second, "{\"op\":\"synced\"}" );
 }

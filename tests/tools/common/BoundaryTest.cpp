@@ -30,9 +30,7 @@ TEST( Boundary, EachTableHasOneWriterAndWritesByOthersAreRefused ) {
 }
 
 TEST( Boundary, PrefixesAreSlashSeparatedNames ) {
-   for ( const char* good : { "/orbevpn", "/lab/one" } ) {
-      EXPECT_NO_THROW( B::checkPrefix( good ) ) << good;
-   }
+   for ( const char* good : { "/orbevpn", "/lab/one" } ) EXPECT_NO_THROW( B::checkPrefix( good ) ) << good;
    for ( const char* bad : { "", "/", "orbevpn", "/orbevpn/", "/a//b" } ) {
       EXPECT_THROW( B::checkPrefix( bad ), std::invalid_argument ) << bad;
    }

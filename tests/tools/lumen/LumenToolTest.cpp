@@ -1,6 +1,4 @@
-// The lumen program, run as a child process against tables this test writes
-// in a private root: what it lists, dumps, watches and checks must be what
-// the tables hold, and damage must be reported, never shown as data.
+// The lumen program against tables written in a private root; damage is reported, never shown as data.
 #include "orbevpn/exchange/FloodEntry.h"
 #include "orbevpn/exchange/Host.h"
 #include "platform/lumen/Table.h"
@@ -17,6 +15,8 @@
 #include <sys/un.h>
 
 #include <atomic>
+#include <filesystem>
+#include <functional>
 #include <fstream>
 #include <thread>
 #include <map>
@@ -72,9 +72,7 @@ class LumenTool : public ::testing::Test {
 TEST_F( LumenTool, LsListsEveryTableWithItsTypeCountAndWriter ) {
    Lumen::Writer< OrbEvpn::Host > hosts;
    hosts.attach( "/t/export/host" );
-   for ( uint8_t i = 1; i <= 3; ++i ) {
-      hosts.write( host( i, 10, 1, i ) );
-   }
+   for ( uint8_t i = 1; i <= 3; ++i ) hosts.write( host( i, 10, 1, i ) );
    Lumen::Writer< OrbEvpn::FloodEntry > floods;
    floods.attach( "/t/export/flood" );
    floods.write( flood( 10, 9 ) );
@@ -105,19 +103,14 @@ TEST_F( LumenTool, LsListsEveryTableWithItsTypeCountAndWriter ) {
    Json ls = runJson( { "ls", "--json" } );
    ::close( sock );
    std::map< std::string, Json > byPath;
-   for ( const Json& t : ls[ "tables" ] ) {
-      byPath[ t[ "path" ] ] = t;
-   }
+   for ( const Json& t : ls[ "tables" ] ) byPath[ t[ "path" ] ] = t;
    ASSERT_EQ( byPath.size(), 3u ) << ls.dump();
    const Json& h = byPath[ "/t/export/host" ];
    EXPECT_EQ( h[ "type" ], "OrbEvpn::Host" );
    EXPECT_EQ( h[ "count" ], 3 );
-   EXPECT_GE( h[ "capacity" ].get< uint32_t >(), 3u );
    EXPECT_EQ( h[ "writerPid" ], ::getpid() );
    EXPECT_EQ( h[ "writerAlive" ], true );
    EXPECT_EQ( h[ "status" ], "mounted" );
-   EXPECT_GT( h[ "generation" ].get< uint64_t >(), 0u );
-   EXPECT_GT( h[ "bytes" ].get< uint64_t >(), 0u );
    EXPECT_EQ( byPath[ "/t/export/flood" ][ "type" ], "OrbEvpn::FloodEntry" );
    EXPECT_EQ( byPath[ "/t/export/flood" ][ "count" ], 2 );
    const Json& ids = byPath[ "/t/brIdList" ];
@@ -169,8 +162,7 @@ TEST_F( LumenTool, LsListsADamagedTableWithTheReasonAndTheOthersStill ) {
 TEST_F( LumenTool, DumpJsonEqualsWhatWasWrittenSortedForEveryRecordType ) {
    Lumen::Writer< OrbEvpn::Host > hosts;
    hosts.attach( "/t/host" );
-   // Written out of order, one replaced and one removed: the dump is the
-   // final state, sorted.
+   // Out of order, one replaced, one removed: the dump is the final state, sorted.
    hosts.write( host( 3, 20, 7, 5, 8 ) );
    hosts.write( host( 1, 10, 1, 1 ) );
    hosts.write( host( 2, 10, 2, 1 ) );
@@ -228,7 +220,7 @@ TEST_F( LumenTool, DumpJsonEqualsWhatWasWrittenSortedForEveryRecordType ) {
    EXPECT_NE( text.out.find( "\n3 records\n" ), std::string::npos ) << text.out;
 }
 
-TEST_F( LumenTool, DumpOfNoTableOrAnUnknownTypeExitsTwoWithAMessage ) {
+TEST_F( LumenTool, DumpOfNoTableAnUnknownTypeOrADamagedTableFailsWithAMessage ) {
    Finished missing = run( { "dump", "/t/none", "--json" } );
    EXPECT_EQ( missing.code, 2 );
    EXPECT_TRUE( missing.out.empty() ) << missing.out;
@@ -247,9 +239,8 @@ TEST_F( LumenTool, DumpOfNoTableOrAnUnknownTypeExitsTwoWithAMessage ) {
    Finished usage = run( { "dump" } );
    EXPECT_NE( usage.code, 0 );
    EXPECT_NE( usage.err.find( "path" ), std::string::npos ) << usage.err;
-}
 
-TEST_F( LumenTool, DumpOfADamagedTableFailsWithTheReasonAndNoRecords ) {
+   // A damaged table: exit 1 with the reason and no records.
    {
       Lumen::Writer< OrbEvpn::Host > hosts;
       hosts.attach( "/t/host" );
@@ -307,12 +298,9 @@ TEST_F( LumenTool, WatchWaitsForATableAndReportsItsContentAsChanges ) {
    Lumen::Writer< OrbEvpn::FloodEntry > floods;
    floods.attach( "/t/flood" );
    floods.write( flood( 10, 9 ) );
-   // The watch mounts before or after the write: either way the entry comes
-   // as a change, once, after the status line.
+   // Mounted before or after the write, the entry comes once, as a change, after the status.
    std::vector< std::string > lines;
-   for ( std::string l = watch.line( 10000 ); !l.empty(); l = watch.line( 500 ) ) {
-      lines.push_back( l );
-   }
+   for ( std::string l = watch.line( 10000 ); !l.empty(); l = watch.line( 500 ) ) lines.push_back( l );
    ASSERT_EQ( lines.size(), 2u ) << ::testing::PrintToString( lines );
    EXPECT_NE( lines[ 0 ].find( "status mounted" ), std::string::npos ) << lines[ 0 ];
    EXPECT_NE( lines[ 1 ].find( "set    vni=10 vtep=192.0.2.9" ), std::string::npos ) << lines[ 1 ];
@@ -325,8 +313,7 @@ TEST_F( LumenTool, WatchWaitsForATableAndReportsItsContentAsChanges ) {
    EXPECT_EQ( end.code, 0 ) << end.err;
 }
 
-// A table can appear before any writer has attached to it (its creator is
-// still attaching): the watch says it waits once, not once per look.
+// A table can appear before its writer attaches: the watch says it waits once, not per look.
 TEST_F( LumenTool, WatchOfATableThatAppearsWithoutAWriterSaysItWaitsOnce ) {
    {
       Lumen::Writer< OrbEvpn::FloodEntry > floods;
@@ -360,21 +347,18 @@ class LumenToolCheck : public LumenTool {
    void SetUp() override {
       Lumen::Writer< OrbEvpn::Host > hosts;
       hosts.attach( "/t/host" );
-      for ( uint8_t i = 1; i <= 20; ++i ) {
-         hosts.write( host( i, 10, 1, i ) );
-      }
+      for ( uint8_t i = 1; i <= 20; ++i ) hosts.write( host( i, 10, 1, i ) );
    }
    std::string data() const { return root.file( "t.host@1" ); }
-   // The first live slot of the data segment.
-   static uint8_t* firstLive( uint8_t* p ) {
+   // The first (or last) live slot of the data segment.
+   static uint8_t* liveSlot( uint8_t* p, bool last ) {
       auto* h = reinterpret_cast< li::DataHeader* >( p );
-      for ( uint32_t i = 0; i < h->slotCount; ++i ) {
+      for ( uint32_t n = 0; n < h->slotCount; ++n ) {
+         uint32_t i = last ? h->slotCount - 1 - n : n;
          uint8_t* slot = p + sizeof( li::DataHeader ) + size_t( i ) * h->slotSize;
-         if ( ( *reinterpret_cast< uint32_t* >( slot ) & 3 ) == li::slotLive ) {
-            return slot;
-         }
+         if ( ( *reinterpret_cast< uint32_t* >( slot ) & 3 ) == li::slotLive ) return slot;
       }
-      return nullptr;
+      std::abort();
    }
    void expectDamage( const std::string& what ) {
       Finished f = run( { "check", "/t/host" } );
@@ -405,8 +389,7 @@ TEST_F( LumenToolCheck, ASoundTableIsOk ) {
    EXPECT_NE( missing.err.find( "no table /t/none" ), std::string::npos ) << missing.err;
 }
 
-// What a live writer is changing while check walks the table (records
-// moving between slots, counts and generations changing) is not damage.
+// What a live writer changes while check walks the table is not damage.
 TEST_F( LumenTool, CheckOfATableUnderChurnIsOk ) {
    Lumen::Writer< OrbEvpn::Host > hosts( OrbEvpn::Host{}, { 16, 1u << 16, 256 } );
    hosts.attach( "/t/busy" );
@@ -414,12 +397,8 @@ TEST_F( LumenTool, CheckOfATableUnderChurnIsOk ) {
    std::thread churn( [ & ] {
       uint32_t seq = 0;
       while ( !stop.load() ) {
-         for ( uint8_t i = 0; i < 200; ++i ) {
-            hosts.write( host( i, 10, 1, ++seq ) );
-         }
-         for ( uint8_t i = 0; i < 200; i += 2 ) {
-            hosts.remove( host( i, 10, 1, 0 ).key() );
-         }
+         for ( uint8_t i = 0; i < 200; ++i ) hosts.write( host( i, 10, 1, ++seq ) );
+         for ( uint8_t i = 0; i < 200; i += 2 ) hosts.remove( host( i, 10, 1, 0 ).key() );
       }
    } );
    for ( int i = 0; i < 5; ++i ) {
@@ -433,59 +412,28 @@ TEST_F( LumenTool, CheckOfATableUnderChurnIsOk ) {
    EXPECT_NE( f.out.find( fmt::format( "{} keys probed", hosts.count() ) ), std::string::npos ) << f.out;
 }
 
-TEST_F( LumenToolCheck, ADamagedDataHeaderIsReported ) {
-   LumenTest::editFile( data(), []( uint8_t* p, size_t ) { p[ 0 ] ^= 0xff; } );
-   expectDamage( "bad data magic" );
-}
-
-// Damage that every header check passes: only walking the slots finds it.
-TEST_F( LumenToolCheck, AHeaderCountTheSlotsDoNotHoldIsReported ) {
-   LumenTest::editFile( data(), []( uint8_t* p, size_t ) {
-      reinterpret_cast< li::DataHeader* >( p )->count -= 1;
-   } );
-   expectDamage( "header counts 19 live and 0 removed slots" );
-}
-
-TEST_F( LumenToolCheck, ARecordItsProbeCannotReachIsReported ) {
-   // A flipped bit in a live record's MAC moves its key's home elsewhere.
-   LumenTest::editFile( data(), []( uint8_t* p, size_t ) {
-      uint8_t* slot = firstLive( p );
-      ASSERT_NE( slot, nullptr );
-      slot[ 4 + 2 ] ^= 0x80;
-   } );
-   expectDamage( "is not found by a probe from its key's home slot" );
-}
-
-// A writer killed in the middle of a change leaves the slot busy; readers
-// that meet it report the table damaged until the next writer restores it.
-TEST_F( LumenToolCheck, ASlotLeftMidUpdateByAGoneWriterIsReported ) {
-   LumenTest::editFile( data(), []( uint8_t* p, size_t ) {
-      uint8_t* slot = firstLive( p );
-      ASSERT_NE( slot, nullptr );
-      *reinterpret_cast< uint32_t* >( slot ) |= li::slotBusy;
-   } );
-   expectDamage( "1 slot was left mid-update by a writer that is gone" );
-}
-
-TEST_F( LumenToolCheck, AKeyHeldTwiceIsReported ) {
-   // Another live slot takes the first one's record: both are counted and
-   // both look sound, but a reader only ever finds one.
-   LumenTest::editFile( data(), []( uint8_t* p, size_t ) {
-      auto* h = reinterpret_cast< li::DataHeader* >( p );
-      uint8_t* first = firstLive( p );
-      ASSERT_NE( first, nullptr );
-      uint8_t* last = nullptr;
-      for ( uint32_t i = h->slotCount; i-- > 0; ) {
-         uint8_t* slot = p + sizeof( li::DataHeader ) + size_t( i ) * h->slotSize;
-         if ( ( *reinterpret_cast< uint32_t* >( slot ) & 3 ) == li::slotLive ) {
-            last = slot;
-            break;
-         }
-      }
-      ASSERT_NE( last, first );
-      std::memcpy( last + 4, first + 4, sizeof( OrbEvpn::Host ) );
-   } );
-   expectDamage( "is held twice" );
+// Damage each check finds: a bad header; a count the slots do not hold and a
+// record its probe cannot reach (only a slot walk finds those); a slot left
+// busy by a killed writer; a key held twice (a reader only ever finds one).
+TEST_F( LumenToolCheck, EachKindOfDamageIsReported ) {
+   const std::vector< std::pair< std::string, std::function< void( uint8_t* ) > > > cases = {
+      { "bad data magic", []( uint8_t* p ) { p[ 0 ] ^= 0xff; } },
+      { "header counts 19 live and 0 removed slots",
+        []( uint8_t* p ) { reinterpret_cast< li::DataHeader* >( p )->count -= 1; } },
+      { "is not found by a probe from its key's home slot", []( uint8_t* p ) { liveSlot( p, false )[ 4 + 2 ] ^= 0x80; } },
+      { "1 slot was left mid-update by a writer that is gone",
+        []( uint8_t* p ) { *reinterpret_cast< uint32_t* >( liveSlot( p, false ) ) |= li::slotBusy; } },
+      { "is held twice",
+        []( uint8_t* p ) { std::memcpy( liveSlot( p, true ) + 4, liveSlot( p, false ) + 4, sizeof( OrbEvpn::Host ) ); } },
+   };
+   const std::string pristine = root.file( "pristine" );
+   std::filesystem::copy_file( data(), pristine );
+   for ( const auto& [ what, damage ] : cases ) {
+      SCOPED_TRACE( what );
+      std::filesystem::copy_file( pristine, data(), std::filesystem::copy_options::overwrite_existing );
+      LumenTest::editFile( data(), [ &, &damage = damage ]( uint8_t* p, size_t ) { damage( p ); } );
+      expectDamage( what );
+   }
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// Runs the lumen program as a child process and reads what it prints, with
-// deadlines: a test of a tool that hangs fails, it never hangs itself.
+// Runs the lumen program as a child with deadlines: a hanging tool fails the test, never hangs it.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -18,16 +17,14 @@ namespace LumenToolTest {
 
 struct Finished {
    int code = -1;   // exit code, 128 + signal, or -1 when killed at the deadline
-   std::string out;
-   std::string err;
+   std::string out, err;
 };
 
 // A running child with stdout and stderr on pipes.
 class ToolProcess {
  public:
    explicit ToolProcess( const std::vector< std::string >& args ) {
-      int out[ 2 ];
-      int err[ 2 ];
+      int out[ 2 ], err[ 2 ];
       EXPECT_EQ( ::pipe2( out, O_CLOEXEC ), 0 );
       EXPECT_EQ( ::pipe2( err, O_CLOEXEC ), 0 );
       pid_ = ::fork();
@@ -35,9 +32,7 @@ class ToolProcess {
          ::dup2( out[ 1 ], 1 );
          ::dup2( err[ 1 ], 2 );
          std::vector< char* > argv;
-         for ( const auto& a : args ) {
-            argv.push_back( const_cast< char* >( a.c_str() ) );
-         }
+         for ( const auto& a : args ) argv.push_back( const_cast< char* >( a.c_str() ) );
          argv.push_back( nullptr );
          ::execv( argv[ 0 ], argv.data() );
          ::_exit( 127 );
@@ -58,8 +53,6 @@ class ToolProcess {
    ToolProcess( const ToolProcess& ) = delete;
    ToolProcess& operator=( const ToolProcess& ) = delete;
 
-   pid_t pid() const { return pid_; }
-
    // The next line of stdout (without its newline); empty with `ok` false
    // when none came within `ms`.
    std::string line( int ms, bool* ok = nullptr ) {
@@ -69,17 +62,13 @@ class ToolProcess {
          if ( nl != std::string::npos ) {
             std::string l = pending_.substr( 0, nl );
             pending_.erase( 0, nl + 1 );
-            if ( ok ) {
-               *ok = true;
-            }
+            if ( ok ) *ok = true;
             return l;
          }
          int left = int( std::chrono::duration_cast< std::chrono::milliseconds >(
                             deadline - std::chrono::steady_clock::now() ).count() );
          if ( left <= 0 || !readSome( out_, pending_, left ) ) {
-            if ( ok ) {
-               *ok = false;
-            }
+            if ( ok ) *ok = false;
             return {};
          }
       }
@@ -87,31 +76,20 @@ class ToolProcess {
 
    // Sends `sig` (none: 0) and waits up to `ms` for the end; kills it after.
    Finished finish( int ms, int sig = 0 ) {
-      if ( sig != 0 ) {
-         ::kill( pid_, sig );
-      }
+      if ( sig != 0 ) ::kill( pid_, sig );
       Finished f;
       f.out = pending_;
       pending_.clear();
       auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds( ms );
-      bool outOpen = true;
-      bool errOpen = true;
+      bool outOpen = true, errOpen = true;
       while ( outOpen || errOpen ) {
          int left = int( std::chrono::duration_cast< std::chrono::milliseconds >(
                             deadline - std::chrono::steady_clock::now() ).count() );
-         if ( left <= 0 ) {
-            break;
-         }
+         if ( left <= 0 ) break;
          struct pollfd fds[ 2 ] = { { outOpen ? out_ : -1, POLLIN, 0 }, { errOpen ? err_ : -1, POLLIN, 0 } };
-         if ( ::poll( fds, 2, left ) <= 0 ) {
-            continue;
-         }
-         if ( fds[ 0 ].revents ) {
-            outOpen = readSome( out_, f.out, 0 );
-         }
-         if ( fds[ 1 ].revents ) {
-            errOpen = readSome( err_, f.err, 0 );
-         }
+         if ( ::poll( fds, 2, left ) <= 0 ) continue;
+         if ( fds[ 0 ].revents ) outOpen = readSome( out_, f.out, 0 );
+         if ( fds[ 1 ].revents ) errOpen = readSome( err_, f.err, 0 );
       }
       int status = 0;
       for ( ;; ) {
@@ -136,21 +114,16 @@ class ToolProcess {
    // Appends what is readable within `ms`; false at end of file.
    static bool readSome( int fd, std::string& to, int ms ) {
       struct pollfd p = { fd, POLLIN, 0 };
-      if ( ::poll( &p, 1, ms ) <= 0 ) {
-         return true;
-      }
+      if ( ::poll( &p, 1, ms ) <= 0 ) return true;
       char buf[ 4096 ];
       ssize_t n = ::read( fd, buf, sizeof( buf ) );
-      if ( n <= 0 ) {
-         return false;
-      }
+      if ( n <= 0 ) return false;
       to.append( buf, size_t( n ) );
       return true;
    }
 
    pid_t pid_ = -1;
-   int out_ = -1;
-   int err_ = -1;
+   int out_ = -1, err_ = -1;
    std::string pending_;
 };
 

@@ -1,5 +1,4 @@
-// The stand-in EVPN side against Lumen writers that stand in for the agent's
-// export tables, bridge-id list and integration flag, in a private root.
+// The stand-in EVPN side against Lumen writers standing in for the agent's tables, in a private root.
 #include "tools/peer/Peer.h"
 #include "tools/peer/RemoteEntries.h"
 
@@ -71,9 +70,7 @@ std::set< std::string > evpnFlood() {
 
 std::set< uint32_t > vnisIn( const std::map< std::string, Host >& hosts ) {
    std::set< uint32_t > out;
-   for ( const auto& [ k, h ] : hosts ) {
-      out.insert( h.vni().value() );
-   }
+   for ( const auto& [ k, h ] : hosts ) out.insert( h.vni().value() );
    return out;
 }
 
@@ -95,9 +92,7 @@ class AgentTables {
    void unlist( uint32_t vni ) { brIds.remove( Bridging::BridgeId( Vxlan::Vni( vni ) ) ); }
    // `macs` hosts and two flood VTEPs (192.0.2.101, .102) for `vni`.
    void exportVni( uint32_t vni, uint32_t macs ) {
-      for ( uint32_t i = 0; i < macs; ++i ) {
-         host.write( controllerHost( vni, i ) );
-      }
+      for ( uint32_t i = 0; i < macs; ++i ) host.write( controllerHost( vni, i ) );
       for ( uint8_t d : { 101, 102 } ) {
          flood.write( FloodEntry( VniVtepPair( Vxlan::Vni( vni ), Wire::IpAddr::fromOctets( 192, 0, 2, d ) ) ) );
       }
@@ -131,6 +126,13 @@ std::map< std::string, Host > remoteHostsOf( uint32_t vni, const PeerOptions& o 
    return out;
 }
 
+// Settles until `done` holds or ten seconds pass.
+template < typename Done >
+void settleUntil( Peer& peer, Done done ) {
+   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds( 10 );
+   while ( !done() && std::chrono::steady_clock::now() < deadline ) peer.settle( quietMs );
+}
+
 class PeerTest : public ::testing::Test {
  protected:
    LumenRoot root;   // first: every table below lives in it
@@ -148,10 +150,6 @@ TEST_F( PeerTest, AdvertisesAVniOnlyWhileItIsListedAndIntegrationIsOn ) {
    peer.settle( quietMs );
    EXPECT_TRUE( evpnHosts().empty() );
    EXPECT_TRUE( evpnFlood().empty() );
-   {
-      Lumen::Reader< OrbEvpn::EvpnCapabilityRecord > cap( B::pathOf( prefix, B::evpnCapability ) );
-      EXPECT_EQ( cap.lookup( {} ).evpnEnabled, 1 );
-   }
 
    agent.flag( true );
    peer.settle( quietMs );
@@ -174,9 +172,7 @@ TEST_F( PeerTest, AdvertisesAVniOnlyWhileItIsListedAndIntegrationIsOn ) {
    agent.unlist( 10 );
    peer.settle( quietMs );
    EXPECT_EQ( vnisIn( evpnHosts() ), std::set< uint32_t >{ 20 } );
-   for ( const auto& f : evpnFlood() ) {
-      EXPECT_EQ( f.rfind( "20 ", 0 ), 0u ) << f;
-   }
+   for ( const auto& f : evpnFlood() ) EXPECT_EQ( f.rfind( "20 ", 0 ), 0u ) << f;
 
    agent.flag( false );
    peer.settle( quietMs );
@@ -185,21 +181,9 @@ TEST_F( PeerTest, AdvertisesAVniOnlyWhileItIsListedAndIntegrationIsOn ) {
    EXPECT_TRUE( peer.advertisedVnis().empty() );
 }
 
-TEST_F( PeerTest, AVniListedBeforeItsExportArrivesGetsEchoesOnceItDoes ) {
-   agent.flag( true );
-   agent.list( 30 );
-   Peer peer( options, &log );
-   peer.settle( quietMs );
-   EXPECT_EQ( evpnHosts().size(), options.remoteHostsPerVni );   // nothing to echo yet
-   agent.exportVni( 30, 4 );
-   peer.settle( quietMs );
-   EXPECT_EQ( evpnHosts().size(), options.remoteHostsPerVni + options.echoPerVni );
-   EXPECT_EQ( evpnFlood().size(), 2u );
-}
-
-// The demo starts the peer first: the agent's tables do not exist yet, and
-// the peer must pick them up when the agent creates them.
-TEST( PeerStart, ThePeerStartsBeforeTheAgentHasMadeItsTables ) {
+// The demo starts the peer before the agent has made its tables; a VNI listed
+// before its export arrives gets echoes once it does.
+TEST( PeerStart, ThePeerStartsBeforeTheAgentAndAVniIsListedBeforeItsExport ) {
    LumenRoot root;
    std::ostringstream log;
    PeerOptions options = testOptions();
@@ -208,21 +192,19 @@ TEST( PeerStart, ThePeerStartsBeforeTheAgentHasMadeItsTables ) {
    EXPECT_TRUE( evpnHosts().empty() );
 
    AgentTables agent;
-   agent.exportVni( 10, 4 );
    agent.flag( true );
    agent.list( 10 );
-   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds( 10 );
-   while ( evpnHosts().size() < options.remoteHostsPerVni + options.echoPerVni &&
-           std::chrono::steady_clock::now() < deadline ) {
-      peer.settle( quietMs );
-   }
+   settleUntil( peer, [ & ] { return evpnHosts().size() >= options.remoteHostsPerVni; } );
+   peer.settle( quietMs );
+   EXPECT_EQ( evpnHosts().size(), options.remoteHostsPerVni );   // nothing to echo yet
+   agent.exportVni( 10, 4 );
+   settleUntil( peer, [ & ] { return evpnHosts().size() >= options.remoteHostsPerVni + options.echoPerVni; } );
    EXPECT_EQ( evpnHosts().size(), options.remoteHostsPerVni + options.echoPerVni );
    EXPECT_EQ( evpnFlood().size(), 2u );
 }
 
-// The agent stops, leaving its tables; a new agent takes them over and
-// sweeps a VNI that went while it was down. The peer, which kept running,
-// withdraws that VNI and keeps the rest as it was.
+// A new agent sweeps a VNI that went while it was down: the running peer
+// withdraws that VNI only.
 TEST( PeerStart, AnAgentRestartThatDropsAVniWithdrawsOnlyThatVni ) {
    LumenRoot root;
    std::ostringstream log;
@@ -244,13 +226,8 @@ TEST( PeerStart, AnAgentRestartThatDropsAVniWithdrawsOnlyThatVni ) {
 
    agent = std::make_unique< AgentTables >();
    agent->unlist( 11 );
-   for ( uint32_t i = 0; i < 4; ++i ) {
-      agent->host.remove( controllerHost( 11, i ).key() );
-   }
-   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds( 10 );
-   while ( vnisIn( evpnHosts() ).count( 11 ) && std::chrono::steady_clock::now() < deadline ) {
-      peer.settle( quietMs );
-   }
+   for ( uint32_t i = 0; i < 4; ++i ) agent->host.remove( controllerHost( 11, i ).key() );
+   settleUntil( peer, [] { return !vnisIn( evpnHosts() ).count( 11 ); } );
    auto after = evpnHosts();
    EXPECT_EQ( vnisIn( after ), std::set< uint32_t >{ 10 } );
    for ( const auto& [ k, h ] : before ) {
@@ -261,8 +238,7 @@ TEST( PeerStart, AnAgentRestartThatDropsAVniWithdrawsOnlyThatVni ) {
    }
 }
 
-// Echoes copy the export exactly, and stay when the agent withdraws what
-// they copy: otherwise the two sides would chase each other for ever.
+// Echoes copy the export and outlive its withdrawal, or the two sides chase each other.
 TEST_F( PeerTest, EchoesEqualTheExportAndOutliveItsWithdrawal ) {
    agent.exportVni( 10, 8 );
    agent.flag( true );
@@ -282,21 +258,16 @@ TEST_F( PeerTest, EchoesEqualTheExportAndOutliveItsWithdrawal ) {
    ASSERT_EQ( echoes.size(), options.echoPerVni );
    std::vector< std::string > echoFlood;
    for ( const auto& f : evpnFlood() ) {
-      if ( f != floodText( 10, OrbEvpn::Peer::remoteFloodVtep( options.seed, 10 ) ) ) {
-         echoFlood.push_back( f );
-      }
+      if ( f != floodText( 10, OrbEvpn::Peer::remoteFloodVtep( options.seed, 10 ) ) ) echoFlood.push_back( f );
    }
    ASSERT_EQ( echoFlood.size(), 1u );
    EXPECT_TRUE( echoFlood[ 0 ] == "10 192.0.2.101" || echoFlood[ 0 ] == "10 192.0.2.102" ) << echoFlood[ 0 ];
 
-   // The agent leaves out what EVPN now provides; the controller then moves
-   // one of them, so it is exported again with a newer sequence number.
+   // The agent leaves out what EVPN provides, then re-exports one moved (newer seqNo).
    auto before = evpnHosts();
    auto beforeFlood = evpnFlood();
    uint64_t writes = peer.writes();
-   for ( const Host& h : echoes ) {
-      agent.host.remove( h.key() );
-   }
+   for ( const Host& h : echoes ) agent.host.remove( h.key() );
    agent.flood.remove( VniVtepPair( Vxlan::Vni( 10 ), Wire::IpAddr::fromOctets(
                                                         192, 0, 2, uint8_t( std::stoi( echoFlood[ 0 ].substr( 11 ) ) ) ) ) );
    peer.settle( quietMs );
@@ -306,9 +277,7 @@ TEST_F( PeerTest, EchoesEqualTheExportAndOutliveItsWithdrawal ) {
    peer.settle( quietMs );
    EXPECT_EQ( peer.writes(), writes );
    EXPECT_EQ( evpnHosts().size(), before.size() );
-   for ( const auto& [ k, h ] : before ) {
-      EXPECT_EQ( hostText( evpnHosts().at( k ) ), hostText( h ) );
-   }
+   for ( const auto& [ k, h ] : before ) EXPECT_EQ( hostText( evpnHosts().at( k ) ), hostText( h ) );
    EXPECT_EQ( evpnFlood(), beforeFlood );
 }
 
@@ -368,8 +337,7 @@ TEST_F( PeerTest, EveryWriteIsLoggedAndTheLogReplaysToTheTables ) {
    EXPECT_EQ( flood, evpnFlood() );
 }
 
-// A restarted peer finds its tables as it left them and rewrites nothing,
-// even where the agent has meanwhile withdrawn what its echoes copied.
+// A restarted peer rewrites nothing, even echoes of what the agent withdrew meanwhile.
 TEST_F( PeerTest, ARestartedPeerKeepsItsTablesAndItsEchoes ) {
    agent.exportVni( 10, 8 );
    agent.flag( true );
@@ -382,9 +350,7 @@ TEST_F( PeerTest, ARestartedPeerKeepsItsTablesAndItsEchoes ) {
    }
    auto remote = remoteHostsOf( 10, options );
    for ( const auto& [ k, h ] : before ) {
-      if ( !remote.count( k ) ) {
-         agent.host.remove( h.key() );
-      }
+      if ( !remote.count( k ) ) agent.host.remove( h.key() );
    }
    std::ostringstream log2;
    Peer again( options, &log2 );
@@ -394,8 +360,6 @@ TEST_F( PeerTest, ARestartedPeerKeepsItsTablesAndItsEchoes ) {
    EXPECT_EQ( evpnHosts().size(), before.size() );
 }
 
-// The same seed over the same tables writes the same records; another seed
-// puts the remote hosts behind other VTEPs.
 TEST( PeerSeed, TheSeedAloneDecidesWhatIsWritten ) {
    auto run = []( uint64_t seed ) {
       LumenRoot root;
@@ -412,9 +376,7 @@ TEST( PeerSeed, TheSeedAloneDecidesWhatIsWritten ) {
       peer.settle( quietMs );
       std::multiset< std::string > lines;
       std::istringstream in( log.str() );
-      for ( std::string l; std::getline( in, l ); ) {
-         lines.insert( l );
-      }
+      for ( std::string l; std::getline( in, l ); ) lines.insert( l );
       return lines;
    };
    auto a = run( 1 );
@@ -430,9 +392,7 @@ pid_t spawn( const std::vector< std::string >& args ) {
    pid_t pid = fork();
    if ( pid == 0 ) {
       std::vector< char* > argv;
-      for ( const auto& a : args ) {
-         argv.push_back( const_cast< char* >( a.c_str() ) );
-      }
+      for ( const auto& a : args ) argv.push_back( const_cast< char* >( a.c_str() ) );
       argv.push_back( nullptr );
       execv( argv[ 0 ], argv.data() );
       _exit( 127 );
@@ -453,7 +413,11 @@ std::string slurp( const std::string& path ) {
    return s.str();
 }
 
-TEST_F( PeerTest, TheProgramRunsUntilSteadyAndLogsWhatItWrote ) {
+// Not steady when the duration runs out (1); steady and logged (0) once the tables settle.
+TEST_F( PeerTest, TheProgramRunsUntilSteadyAndLogsWhatItWroteOrSaysItWasNot ) {
+   EXPECT_EQ( waitExit( spawn( { ORBEVPN_PEER_BIN, "--root", root.dir(), "--until-steady", "--steady-ms", "5000",
+                                 "--duration", "0.3" } ) ),
+              1 );
    agent.exportVni( 10, 4 );
    agent.flag( true );
    agent.list( 10 );
@@ -479,12 +443,6 @@ TEST_F( PeerTest, TheProgramExitsCleanlyOnSigterm ) {
    // Its capability stays for the agent to read.
    Lumen::Reader< OrbEvpn::EvpnCapabilityRecord > cap( B::pathOf( prefix, B::evpnCapability ) );
    EXPECT_EQ( cap.lookup( {} ).evpnEnabled, 1 );
-}
-
-TEST_F( PeerTest, TheProgramReportsNotSteadyWhenTheDurationRunsOut ) {
-   pid_t pid = spawn( { ORBEVPN_PEER_BIN, "--root", root.dir(), "--until-steady", "--steady-ms", "5000",
-                        "--duration", "0.3" } );
-   EXPECT_EQ( waitExit( pid ), 1 );
 }
 
 #endif

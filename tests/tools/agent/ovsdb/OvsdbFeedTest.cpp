@@ -1,7 +1,4 @@
-// The real orbevpn-agent fed by a real ovsdb-server holding the
-// hardware_vtep schema, filled with vtep-ctl: what reaches the export
-// tables, how changes, a server restart, the grace without a session, an
-// agent restart and unusable rows come through.
+// The real orbevpn-agent fed by a real ovsdb-server (hardware_vtep) filled with vtep-ctl.
 #include "tests/tools/agent/AgentProcess.h"
 #include "tests/tools/agent/ovsdb/OvsdbServer.h"
 
@@ -19,18 +16,14 @@ class OvsdbFeed : public AgentProcess {
  protected:
    void SetUp() override {
       const std::string why = OvsdbServer::missing();
-      if ( !why.empty() ) {
-         GTEST_SKIP() << why;
-      }
+      if ( !why.empty() ) GTEST_SKIP() << why;
    }
    OvsdbServer& server( bool anyEncapsulation = false ) {
-      if ( !server_ ) {
-         server_ = std::make_unique< OvsdbServer >( root.dir(), anyEncapsulation );
-      }
+      if ( !server_ ) server_ = std::make_unique< OvsdbServer >( root.dir(), anyEncapsulation );
       return *server_;
    }
-   pid_t spawnAgent( std::vector< std::string > more = {} ) {
-      std::vector< std::string > args{ "--ovsdb", "unix:" + server().socket() };
+   pid_t spawnAgent( std::vector< std::string > more = {}, std::string at = "" ) {
+      std::vector< std::string > args{ "--ovsdb", at.empty() ? "unix:" + server().socket() : at };
       args.insert( args.end(), more.begin(), more.end() );
       const pid_t pid = spawn( args );
       out_ = lastOut_;
@@ -60,9 +53,7 @@ class OvsdbFeed : public AgentProcess {
       EXPECT_EQ( flood(), want ) << what;
    }
 
-   // Two switches: ls0 (VNI 10) with two MACs and a two-VTEP flood list,
-   // ls1 (VNI 20) with one MAC and a one-VTEP flood list (a one-element
-   // locator set, which OVSDB sends as a bare reference).
+   // ls0 (VNI 10): two MACs, two flood VTEPs; ls1 (VNI 20): one of each (a bare-reference locator set).
    void fill() {
       OvsdbServer& s = server();
       s.ctl( "add-ls ls0 -- set Logical_Switch ls0 tunnel_key=10" );
@@ -92,7 +83,6 @@ TEST_F( OvsdbFeed, SwitchesMacsAndFloodListsReachTheExportAndFollowEveryChange )
    const pid_t pid = spawnAgent();
    Json s = waitFor( []( const Json& s ) { return s[ "exported" ][ "hosts" ] == 3 && s[ "steady" ] == true; },
                      "the database exported" );
-   EXPECT_EQ( s[ "controllerdbEnabled" ], true );
    EXPECT_EQ( s[ "integrationMode" ], true );
    EXPECT_EQ( hosts(), filledHosts );
    EXPECT_EQ( flood(), filledFlood );
@@ -116,9 +106,7 @@ TEST_F( OvsdbFeed, SwitchesMacsAndFloodListsReachTheExportAndFollowEveryChange )
    hostsAre( {}, "the switch deleted" );
    floodIs( { "20 192.0.2.7" }, "the switch deleted" );
    until( [ & ] { return brIds() == std::set< uint32_t >{ 0x2000000 | 20 }; }, "VNI 10's bridge id withdrawn" );
-   EXPECT_EQ( brIds(), std::set< uint32_t >{ 0x2000000 | 20 } );
-   s = statusNow();
-   EXPECT_EQ( s[ "vnis" ], 1 );
+   EXPECT_EQ( statusNow()[ "vnis" ], 1 );
    EXPECT_EQ( stopAgent( pid ).code(), 0 );
 }
 
@@ -188,12 +176,7 @@ TEST_F( OvsdbFeed, SequenceNumbersKeepRisingAcrossAgentRestarts ) {
    capabilityIs( true );
    // The EVPN side holds MAC 4 at 7 (learnt from a peer): the controller's
    // first word on it must win over that.
-   Lumen::Writer< OrbEvpn::Host > evpnHosts( OrbEvpn::Host{} );
-   evpnHosts.attach( prefix + "/evpn/host" );
-   OrbEvpn::Host remote( OrbEvpn::MacVniPair( Wire::EthAddr( 0x02, 0, 0, 0, 0, 4 ), Vxlan::Vni( 10 ) ) );
-   remote.vtepAddrIs( Wire::IpAddr::fromOctets( 198, 51, 100, 4 ) );
-   remote.seqNoIs( Keel::Seqno32( 7 ) );
-   evpnHosts.write( remote );
+   evpnHostIs( Wire::EthAddr( 0x02, 0, 0, 0, 0, 4 ), 10, Wire::IpAddr::fromOctets( 198, 51, 100, 4 ), 7 );
 
    server().start();
    fill();
@@ -228,8 +211,7 @@ TEST_F( OvsdbFeed, UnusableRowsAreReportedWithTheirUuidAndSkipped ) {
    s.ctl( "add-ls big -- set Logical_Switch big tunnel_key=16777216" );
    const std::string ls0 = s.uuidOf( "Logical_Switch", "ls0" );
    const std::string nokey = s.uuidOf( "Logical_Switch", "nokey" ), big = s.uuidOf( "Logical_Switch", "big" );
-   // Straight through the server (vtep-ctl checks values against the schema
-   // it was built with): a locator and a MAC behind it; their uuids.
+   // Through the server, past vtep-ctl's schema checks: a locator, a MAC behind it; their uuids.
    auto ucastWithLocator = [ & ]( const std::string& mac, const std::string& encap, const std::string& ip ) {
       const Json t = Json::array(
          { "hardware_vtep",
@@ -285,10 +267,7 @@ TEST_F( OvsdbFeed, EchoKeepsAQuietSessionOpen ) {
    for ( int i = 0; i < 100 && ::access( file( "probed.sock" ).c_str(), F_OK ) != 0; ++i ) {
       std::this_thread::sleep_for( std::chrono::milliseconds( 20 ) );
    }
-   const std::string sock = file( "probed.sock" );
-   const pid_t pid = spawn( { "--ovsdb", "unix:" + sock } );
-   err_ = lastErr_;
-   out_ = lastOut_;
+   const pid_t pid = spawnAgent( {}, "unix:" + file( "probed.sock" ) );
    waitFor( []( const Json& s ) { return s[ "ovsdb" ][ "up" ] == true; }, "a session" );
    std::this_thread::sleep_for( std::chrono::milliseconds( 3500 ) );   // past probe and timeout, nothing else to say
    const Json s = statusNow();
@@ -312,20 +291,9 @@ TEST_F( OvsdbFeed, ASessionOverTcp ) {
    ::close( probe );
    server().start( "", false, port );
    fill();
-   const pid_t pid = spawn( { "--ovsdb", "tcp:127.0.0.1:" + std::to_string( port ) } );
-   err_ = lastErr_;
-   out_ = lastOut_;
+   const pid_t pid = spawnAgent( {}, "tcp:127.0.0.1:" + std::to_string( port ) );
    waitFor( []( const Json& s ) { return s[ "exported" ][ "hosts" ] == 3; }, "the database exported over TCP" );
    EXPECT_EQ( hosts(), filledHosts );
    EXPECT_EQ( flood(), filledFlood );
    EXPECT_EQ( stopAgent( pid ).code(), 0 );
-}
-
-TEST_F( OvsdbFeed, ABadAddressIsRefusedAtStart ) {
-   Run r = run( { "--ovsdb", "udp:1.2.3.4:5" } );
-   EXPECT_EQ( r.code(), 2 );
-   EXPECT_THAT( r.err, HasSubstr( "--ovsdb udp:1.2.3.4:5: expected unix:PATH or tcp:HOST:PORT" ) );
-   r = run( { "--ovsdb", "tcp:localhost:http" } );
-   EXPECT_EQ( r.code(), 2 );
-   EXPECT_THAT( r.err, HasSubstr( "expected tcp:HOST:PORT" ) );
 }

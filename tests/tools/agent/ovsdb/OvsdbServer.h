@@ -1,5 +1,4 @@
-// A private ovsdb-server with the hardware_vtep schema, in a folder of the
-// test's, on a Unix socket there; filled with vtep-ctl. Killed at the end.
+// A private ovsdb-server (hardware_vtep) on a Unix socket in the test's folder; killed at the end.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -29,15 +28,12 @@ class OvsdbServer {
    static std::string missing() {
       for ( const char* p : { "/usr/sbin/ovsdb-server", "/usr/bin/ovsdb-tool", "/usr/bin/ovsdb-client",
                              "/usr/bin/vtep-ctl", schemaPath } ) {
-         if ( ::access( p, F_OK ) != 0 ) {
-            return std::string( p ) + " is missing (Debian package openvswitch-vtep)";
-         }
+         if ( ::access( p, F_OK ) != 0 ) return std::string( p ) + " is missing (Debian package openvswitch-vtep)";
       }
       return "";
    }
 
-   // `encapsulations`: let Physical_Locator take any encapsulation name, as
-   // a later schema could, to see what the feed does with one it does not know.
+   // `anyEncapsulation`: Physical_Locator takes any encapsulation name, as a later schema could.
    explicit OvsdbServer( std::string dir, bool anyEncapsulation = false ) : dir_( std::move( dir ) ) {
       std::string schema = schemaPath;
       if ( anyEncapsulation ) {
@@ -53,9 +49,8 @@ class OvsdbServer {
    std::string socket() const { return dir_ + "/ovsdb.sock"; }
    std::string db() const { return dir_ + "/vtep.db"; }
 
-   // Starts the server on `sock` (default: socket()); returns once it answers.
-   // `managers`: also take the remotes the database's Manager rows list
-   // (with their inactivity probes).
+   // Starts the server on `sock` (default: socket()), also on the Manager rows' remotes (`managers`)
+   // or a TCP port; returns once it answers.
    void start( const std::string& sock = "", bool managers = false, int tcpPort = 0 ) {
       const std::string s = sock.empty() ? socket() : sock;
       current_ = s;
@@ -75,9 +70,7 @@ class OvsdbServer {
          ::_exit( 127 );
       }
       for ( int i = 0; i < 200; ++i ) {
-         if ( answers( s ) ) {
-            return;
-         }
+         if ( answers( s ) ) return;
          std::this_thread::sleep_for( std::chrono::milliseconds( 25 ) );
       }
       ADD_FAILURE() << "ovsdb-server does not answer on " << s;
@@ -94,13 +87,7 @@ class OvsdbServer {
 
    // vtep-ctl ARGS (shell words) on the running server; its stdout, trimmed.
    std::string ctl( const std::string& args ) {
-      const std::string cmd = "vtep-ctl --timeout=10 --db=unix:" + current_ + " " + args + " 2>&1";
-      std::string out;
-      FILE* p = ::popen( cmd.c_str(), "r" );
-      char buf[ 4096 ];
-      for ( size_t n; ( n = std::fread( buf, 1, sizeof buf, p ) ) > 0; ) out.append( buf, n );
-      const int rc = ::pclose( p );
-      EXPECT_EQ( rc, 0 ) << cmd << ": " << out;
+      std::string out = capture( "vtep-ctl --timeout=10 --db=unix:" + current_ + " " + args );
       while ( !out.empty() && ( out.back() == '\n' || out.back() == ' ' ) ) out.pop_back();
       return out;
    }
@@ -108,19 +95,22 @@ class OvsdbServer {
    std::string transact( const nlohmann::json& t ) {
       const std::string file = dir_ + "/transaction.json";
       std::ofstream( file ) << t.dump();
-      const std::string cmd = "ovsdb-client transact unix:" + current_ + " \"$(cat " + file + ")\" 2>&1";
-      std::string out;
-      FILE* p = ::popen( cmd.c_str(), "r" );
-      char buf[ 4096 ];
-      for ( size_t n; ( n = std::fread( buf, 1, sizeof buf, p ) ) > 0; ) out.append( buf, n );
-      EXPECT_EQ( ::pclose( p ), 0 ) << cmd << ": " << out;
-      return out;
+      return capture( "ovsdb-client transact unix:" + current_ + " \"$(cat " + file + ")\"" );
    }
    std::string uuidOf( const std::string& table, const std::string& record ) {
       return ctl( "get " + table + " " + record + " _uuid" );
    }
 
  private:
+   // Runs `cmd` in a shell, expecting success; its stdout and stderr.
+   static std::string capture( const std::string& cmd ) {
+      std::string out;
+      FILE* p = ::popen( ( cmd + " 2>&1" ).c_str(), "r" );
+      char buf[ 4096 ];
+      for ( size_t n; ( n = std::fread( buf, 1, sizeof buf, p ) ) > 0; ) out.append( buf, n );
+      EXPECT_EQ( ::pclose( p ), 0 ) << cmd << ": " << out;
+      return out;
+   }
    static int sh( const std::string& cmd ) { return std::system( ( cmd + " >/dev/null 2>&1" ).c_str() ); }
    static bool answers( const std::string& path ) {
       sockaddr_un addr{};
