@@ -1,7 +1,10 @@
 // Baseline: a boost::unordered_map in a Boost.Interprocess managed segment,
 // guarded by an interprocess_sharable_mutex. The writer takes it exclusively
 // per write; readers take it sharably per lookup, which is how such a table
-// has to be used when the writer runs concurrently.
+// has to be used when the writer runs concurrently. The map stores the key
+// once: HostKey to the rest of the record (HostValue), as its users would.
+// Readers may also look up without the lock (only sound while the writer is
+// idle), which is measured as a row of its own.
 
 #include "bench/lumen/HostRecord.h"
 #include "bench/lumen/Systems.h"
@@ -16,6 +19,7 @@
 
 #include <unistd.h>
 
+#include <cmath>
 #include <functional>
 #include <memory>
 
@@ -29,8 +33,11 @@ struct KeyHasher {
 };
 
 using Segment = bip::managed_shared_memory;
-using Alloc = bip::allocator< std::pair< const HostKey, Host24 >, Segment::segment_manager >;
-using Map = boost::unordered_map< HostKey, Host24, KeyHasher, std::equal_to< HostKey >, Alloc >;
+template< class Value >
+using MapOf = boost::unordered_map<
+   HostKey, Value, KeyHasher, std::equal_to< HostKey >,
+   bip::allocator< std::pair< const HostKey, Value >, Segment::segment_manager > >;
+using Map = MapOf< HostValue >;
 using Mutex = bip::interprocess_sharable_mutex;
 
 class BoostSystem {
@@ -38,24 +45,52 @@ class BoostSystem {
    static constexpr const char* name = "Boost.IPC";
    static constexpr bool hasBatch = false;
    static constexpr bool hasNotify = false;
+   static constexpr bool hasUnlocked = true;
+   static constexpr bool hasBatchWrites = false;
 
    explicit BoostSystem( const std::string& tag ) : name_( tag ) {}
    ~BoostSystem() { destroy(); }
 
-   void create( uint64_t n ) {
+   // The segment cannot grow while mapped, so it is sized up front; tmpfs
+   // only charges for the pages the allocator touches. Sized: buckets
+   // reserved for n. Grown: the map's default bucket count, rehashed as it
+   // fills.
+   void create( uint64_t n ) { make( n, n ); }
+   void createGrown( uint64_t n ) { make( n, 0 ); }
+
+   void make( uint64_t n, uint64_t buckets ) {
       bip::shared_memory_object::remove( name_.c_str() );
-      // The segment cannot grow while mapped, so it is sized up front; tmpfs
-      // only charges for the pages the allocator touches.
       seg_ = std::make_unique< Segment >( bip::create_only, name_.c_str(),
                                           n * 192 + ( 8u << 20 ) );
       mutex_ = seg_->construct< Mutex >( "mutex" )();
-      map_ = seg_->construct< Map >( "map" )( n, KeyHasher(), std::equal_to< HostKey >(),
-                                              seg_->get_allocator< Map::value_type >() );
+      map_ = buckets ? seg_->construct< Map >( "map" )( buckets, KeyHasher(), std::equal_to< HostKey >(),
+                                                        seg_->get_allocator< Map::value_type >() )
+                     : seg_->construct< Map >( "map" )( seg_->get_allocator< Map::value_type >() );
+   }
+
+   // Bytes per entry of a grown map of 40-byte records (28 bytes under the
+   // key), in a segment of its own, removed again.
+   double bytes40PerEntry( uint64_t n ) {
+      using Map40 = MapOf< HostValue28 >;
+      std::string name = name_ + ".40";
+      bip::shared_memory_object::remove( name.c_str() );
+      double perEntry = NAN;
+      {
+         Segment seg( bip::create_only, name.c_str(), n * 224 + ( 8u << 20 ) );
+         Map40* m = seg.construct< Map40 >( "map" )( seg.get_allocator< Map40::value_type >() );
+         for ( uint64_t i = 0; i < n; ++i ) {
+            Host40 r = record40For( keyFor( i ), 0 );
+            ( *m )[ r.k ] = value28Of( r );
+         }
+         perEntry = double( allocatedBytes( "/dev/shm/" + name ) ) / double( n );
+      }
+      bip::shared_memory_object::remove( name.c_str() );
+      return perEntry;
    }
 
    void write( const Host24& r ) {
       bip::scoped_lock< Mutex > lock( *mutex_ );
-      ( *map_ )[ r.k ] = r;
+      ( *map_ )[ r.k ] = valueOf( r );
    }
 
    // One lookup under a sharable lock, as every reader does it.
@@ -65,7 +100,7 @@ class BoostSystem {
       if ( it == map.end() ) {
          return false;
       }
-      out = it->second;
+      out = joined( k, it->second );
       return true;
    }
 
@@ -108,6 +143,15 @@ class BoostSystem {
       }
       bool lookup( const HostKey& k, Host24& out ) {
          return lockedLookup( *mutex_, *map_, k, out );
+      }
+      // Without the lock: sound only while nobody writes.
+      bool lookupUnlocked( const HostKey& k, Host24& out ) {
+         auto it = map_->find( k );
+         if ( it == map_->end() ) {
+            return false;
+         }
+         out = joined( k, it->second );
+         return true;
       }
       // One sharable lock for the whole pass: per-entry locking would be
       // slower still and would not give a consistent pass.

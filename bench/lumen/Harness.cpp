@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <new>
 #include <stdexcept>
 
@@ -206,6 +207,20 @@ uint64_t allocatedBytes( const std::string& path ) {
       total += blocksOf( e.path() );
    }
    return total;
+}
+
+uint64_t anonymousBytes() {
+   std::ifstream in( "/proc/self/smaps_rollup" );
+   std::string field;
+   while ( in >> field ) {
+      if ( field == "Anonymous:" ) {
+         uint64_t kb = 0;
+         in >> kb;
+         return kb * 1024;
+      }
+      in.ignore( 1 << 20, '\n' );
+   }
+   return 0;
 }
 
 std::string makeTempDir( const std::string& parent, const std::string& tag ) {

@@ -27,17 +27,24 @@ struct Config {
    uint64_t minInsertOps = 200000;    // small tables are refilled until this many
    uint64_t notifySamples = 8000;
    uint32_t notifyPeriodUs = 80;
+   double pacedWritesPerSec = 100000;   // every writer's pace in the paced-reader row
+   uint32_t batchWrites = 1000;         // writes per transaction in the batched row
    std::string shmParent = "/dev/shm";
    bool markdown = false;
 };
 
 // One run of one system at one size. NaN means "not measured / n/a".
 struct Metrics {
+   double insertColdPerSec = NAN;      // fresh keys into fresh tables, creation included
+   double insertBatchedPerSec = NAN;   // the same, batchWrites per transaction (LMDB only)
    double insertPerSec = NAN;
    double replacePerSec = NAN;
    double lookupLocalPerSec = NAN;
    double lookupIdlePerSec = NAN;
    double lookupIdleBatchPerSec = NAN;
+   double lookupIdleUnlockedPerSec = NAN;   // Boost only: no sharable lock per lookup
+   double lookupPacedPerSec = NAN;          // writer paced at Config::pacedWritesPerSec
+   double writerPacedPerSec = NAN;
    double lookupBusyPerSec = NAN;
    double writerBusyPerSec = NAN;
    double iterateMs = NAN;
@@ -46,6 +53,10 @@ struct Metrics {
    double notifyMaxUs = NAN;
    double notifySlowWrites = NAN;   // paced writes whose write() took > 100 us
    double bytesPerEntry = NAN;
+   double bytesGrownPerEntry = NAN;       // table grown from its default size
+   double bytesGrown40PerEntry = NAN;     // same, 40-byte records
+   double readerPrivatePerEntry = NAN;    // anonymous memory one reader process adds
+   double bytesGrownOneReaderPerEntry = NAN;   // grown table plus one reader's private memory
    std::vector< std::string > problems;   // misses, torn reads, helper failures
 };
 
@@ -66,7 +77,9 @@ struct SharedFlags {
 struct ChildResult {
    double lookupPerSec = NAN;
    double lookupBatchPerSec = NAN;
+   double lookupUnlockedPerSec = NAN;
    double iterateMs = NAN;
+   uint64_t privateBytes = 0;
    uint64_t lookups = 0;
    uint64_t misses = 0;
    uint64_t torn = 0;
@@ -122,6 +135,9 @@ uint64_t allocatedBytes( const std::string& path );
 // A fresh private directory under `parent`; removeTree() deletes it.
 std::string makeTempDir( const std::string& parent, const std::string& tag );
 void removeTree( const std::string& path );
+
+// Anonymous resident memory of the calling process, in bytes.
+uint64_t anonymousBytes();
 
 // Percentile (0..100) of unsorted samples; sorts them.
 double percentile( std::vector< uint64_t >& v, double pct );

@@ -56,9 +56,61 @@ struct Host24 {
    HostKey key() const noexcept { return k; }
 };
 
+// What a key-value baseline stores under the key: the record without its
+// key, so the key is stored once, as such a table's users would store it.
+struct HostValue {
+   uint32_t a;
+   uint32_t b;
+   uint8_t c;
+   uint8_t pad[ 3 ];
+};
+
+inline HostValue valueOf( const Host24& r ) noexcept {
+   HostValue v{};
+   v.a = r.a;
+   v.b = r.b;
+   v.c = r.c;
+   return v;
+}
+
+inline Host24 joined( const HostKey& k, const HostValue& v ) noexcept {
+   Host24 r{};
+   r.k = k;
+   r.a = v.a;
+   r.b = v.b;
+   r.c = v.c;
+   return r;
+}
+
+// A larger record, for the bytes-per-entry rows only: the same key inside 40
+// bytes (a 28-byte value under a key-value baseline).
+struct Host40 {
+   HostKey k;
+   uint32_t a;
+   uint32_t b;
+   uint8_t c;
+   uint8_t pad[ 3 ];
+   uint32_t extra[ 4 ];
+
+   static constexpr const char* lumenTypeName = "Bench::Host40";
+   HostKey key() const noexcept { return k; }
+};
+
+struct HostValue28 {
+   uint32_t a;
+   uint32_t b;
+   uint8_t c;
+   uint8_t pad[ 3 ];
+   uint32_t extra[ 4 ];
+};
+
 static_assert( sizeof( HostKey ) == 12 );
 static_assert( sizeof( Host24 ) == 24 );
+static_assert( sizeof( HostValue ) == 12 );
+static_assert( sizeof( Host40 ) == 40 );
+static_assert( sizeof( HostValue28 ) == 28 );
 static_assert( std::is_trivially_copyable_v< Host24 > );
+static_assert( std::is_trivially_copyable_v< Host40 > );
 
 // Key number i. The MAC is i times an odd constant modulo 2^48, a bijection,
 // so keys 0..n-1 are distinct and their bytes look random (which also makes
@@ -83,6 +135,26 @@ inline Host24 recordFor( const HostKey& k, uint32_t version ) noexcept {
    r.b = ~version ^ k.vni;
    r.c = uint8_t( version * 7 );
    return r;
+}
+
+inline Host40 record40For( const HostKey& k, uint32_t version ) noexcept {
+   Host40 r{};
+   r.k = k;
+   r.a = version;
+   r.b = ~version ^ k.vni;
+   r.c = uint8_t( version * 7 );
+   r.extra[ 0 ] = version;
+   r.extra[ 1 ] = uint32_t( k.mac48() );
+   return r;
+}
+
+inline HostValue28 value28Of( const Host40& r ) noexcept {
+   HostValue28 v{};
+   v.a = r.a;
+   v.b = r.b;
+   v.c = r.c;
+   std::memcpy( v.extra, r.extra, sizeof( v.extra ) );
+   return v;
 }
 
 inline bool selfConsistent( const Host24& r ) noexcept {

@@ -9,6 +9,8 @@
 #include "platform/lumen/Table.h"
 
 #include <algorithm>
+#include <cmath>
+#include <filesystem>
 #include <memory>
 
 namespace Bench {
@@ -28,6 +30,8 @@ class LumenSystem {
    static constexpr const char* name = "Lumen";
    static constexpr bool hasBatch = kHasBatch< Lumen::Reader< Host24 > >;
    static constexpr bool hasNotify = true;
+   static constexpr bool hasUnlocked = false;
+   static constexpr bool hasBatchWrites = false;
 
    explicit LumenSystem( const std::string& dir ) : dir_( dir ) { Lumen::rootIs( dir ); }
 
@@ -39,6 +43,32 @@ class LumenSystem {
       o.maxCapacity = uint32_t( std::max< uint64_t >( 4 * n, 1u << 24 ) );
       writer_ = std::make_unique< Lumen::Writer< Host24 > >( Host24{}, o );
       writer_->attach( kPath );
+   }
+
+   // From the default initial capacity, grown by the writer as it fills.
+   void createGrown( uint64_t n ) {
+      Lumen::Options o;
+      o.maxCapacity = uint32_t( std::max< uint64_t >( 4 * n, 1u << 24 ) );
+      writer_ = std::make_unique< Lumen::Writer< Host24 > >( Host24{}, o );
+      writer_->attach( kPath );
+   }
+
+   // Bytes per entry of a grown table of 40-byte records; called while no
+   // other table is in the root, whose files it then removes.
+   double bytes40PerEntry( uint64_t n ) {
+      Lumen::Options o;
+      o.maxCapacity = uint32_t( std::max< uint64_t >( 4 * n, 1u << 24 ) );
+      double perEntry = NAN;
+      {
+         Lumen::Writer< Host40 > w( Host40{}, o );
+         w.attach( "/lumenbench/forty" );
+         for ( uint64_t i = 0; i < n; ++i ) {
+            w.write( record40For( keyFor( i ), 0 ) );
+         }
+         perEntry = double( allocatedBytes( dir_ ) ) / double( n );
+      }
+      removeFiles();
+      return perEntry;
    }
 
    void write( const Host24& r ) { writer_->write( r ); }
@@ -58,7 +88,18 @@ class LumenSystem {
 
    uint64_t bytes() { return allocatedBytes( dir_ ); }
 
-   void destroy() { writer_.reset(); }
+   // Every trace, so that the next table is a fresh one.
+   void destroy() {
+      writer_.reset();
+      removeFiles();
+   }
+
+   void removeFiles() {
+      std::error_code ec;
+      for ( const auto& e : std::filesystem::directory_iterator( dir_, ec ) ) {
+         std::filesystem::remove_all( e.path(), ec );
+      }
+   }
 
    class Reader {
     public:

@@ -14,6 +14,7 @@ namespace Bench {
 // may fill; the caller removes it afterwards.
 Metrics benchBoost( const Config& cfg, uint64_t n, const std::string& dir );
 Metrics benchLmdb( const Config& cfg, uint64_t n, const std::string& dir );
+Metrics benchLmdbWriteMap( const Config& cfg, uint64_t n, const std::string& dir );
 #ifdef ORBEVPN_BENCH_HAVE_LUMEN
 Metrics benchLumen( const Config& cfg, uint64_t n, const std::string& dir );
 #endif

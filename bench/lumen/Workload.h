@@ -6,13 +6,19 @@
 //   static constexpr const char* name;
 //   static constexpr bool hasBatch;    // Reader::lookupBatch exists
 //   static constexpr bool hasNotify;   // Reader::fd/dispatch/onKey exist
+//   static constexpr bool hasUnlocked; // Reader::lookupUnlocked exists
+//   static constexpr bool hasBatchWrites;   // writeBatch exists
 //   void create( uint64_t n );         // fresh and empty, sized for n records
+//   void createGrown( uint64_t n );    // fresh and empty, at the system's default size
 //   void write( const Host24& );       // insert or replace
+//   void writeBatch( const Host24*, size_t );   // several writes, one transaction
+//   double bytes40PerEntry( uint64_t n );   // a grown table of n Host40, alone
 //   bool lookup( const HostKey&, Host24& out );   // in the writer's process
 //   uint64_t count();
 //   void clear( uint64_t n );          // remove keys 0..n-1 (never timed)
 //   uint64_t bytes();                  // memory the table's segments occupy
-//   void destroy();                    // and delete every trace of it
+//   void destroy();                    // and delete every trace of it (the
+//                                      // next create() starts from nothing)
 //   class Reader { Reader( const System& ); bool ready( uint64_t n );
 //                  bool lookup( const HostKey&, Host24& );
 //                  uint64_t iterate( uint64_t& checksum ); ... };
@@ -132,6 +138,12 @@ ChildResult measureIdleReader( System& sys, const Config& cfg, uint64_t n ) {
       ChildResult warm;
       lookupLoop( std::min( 0.1, cfg.seconds ), n, 99, lookup, warm );
       r.lookupPerSec = lookupLoop( cfg.seconds, n, 7, lookup, r );
+      if constexpr ( System::hasUnlocked ) {
+         auto unlocked = [ & ]( const HostKey& k, Host24& out ) {
+            return rd.lookupUnlocked( k, out );
+         };
+         r.lookupUnlockedPerSec = lookupLoop( cfg.seconds, n, 7, unlocked, r );
+      }
       if constexpr ( System::hasBatch ) {
          r.lookupBatchPerSec = batchLoop( cfg.seconds, n, 11, rd, r );
       }
@@ -151,11 +163,13 @@ ChildResult measureIdleReader( System& sys, const Config& cfg, uint64_t n ) {
    return cp.wait( 120 );
 }
 
-// Cross-process, writer busy: the parent replaces records as fast as it can
-// for as long as the helper looks up.
+// Cross-process, writer busy: the parent replaces records for as long as the
+// helper looks up, as fast as it can (pace 0: a writer that never pauses,
+// which measures how a lock treats readers under starvation), or at `pace`
+// writes per second, in 1 ms ticks (a writer behind does not sleep).
 template< class System >
 ChildResult measureBusyReader( System& sys, const Config& cfg, uint64_t n,
-                               double& writerRate, uint32_t& version ) {
+                               double& writerRate, uint32_t& version, double pace = 0 ) {
    ChildProcess cp;
    cp.start( [ & ]( ChildResult& r, SharedFlags& f ) {
       typename System::Reader rd( sys );
@@ -173,7 +187,13 @@ ChildResult measureBusyReader( System& sys, const Config& cfg, uint64_t n,
    IndexStream idx( n, 5 );
    uint64_t writes = 0, start = 0;
    uint64_t limit = nowNs() + uint64_t( ( cfg.seconds * 4 + 30 ) * 1e9 );
+   // Paced: kChunk writes per tick of kChunk / pace seconds.
+   uint64_t tickNs = pace > 0 ? uint64_t( double( kChunk ) * 1e9 / pace ) : 0;
+   uint64_t ticks = 0;
    for ( bool going = false;; ) {
+      if ( tickNs && going ) {
+         sleepUntil( start + ++ticks * tickNs );
+      }
       for ( int j = 0; j < kChunk; ++j ) {
          sys.write( recordFor( keyFor( idx.next() ), ++version ) );
       }
@@ -185,13 +205,28 @@ ChildResult measureBusyReader( System& sys, const Config& cfg, uint64_t n,
          writes = 0;
          f.writerGo.store( 1 );
       }
-      if ( f.readerDone.load() || ( writes % ( 64 * kChunk ) == 0 &&
+      if ( f.readerDone.load() || ( writes % ( ( tickNs ? 1 : 64 ) * kChunk ) == 0 &&
                                     ( cp.finished() || nowNs() > limit ) ) ) {
          break;
       }
    }
    writerRate = double( writes ) * 1e9 / double( nowNs() - start );
    return cp.wait( 60 );
+}
+
+// The anonymous memory a reader process adds by opening the table and
+// seeing all of it: what every reader costs beyond the shared table.
+template< class System >
+ChildResult measureReaderPrivate( System& sys, uint64_t n ) {
+   ChildProcess cp;
+   cp.start( [ & ]( ChildResult& r, SharedFlags& ) {
+      uint64_t before = anonymousBytes();
+      typename System::Reader rd( sys );
+      waitForContent( rd, n );
+      uint64_t after = anonymousBytes();
+      r.privateBytes = after > before ? after - before : 0;
+   } );
+   return cp.wait( 120 );
 }
 
 // Writer-to-reader notification latency: the parent writes one stamped
@@ -311,15 +346,73 @@ inline void noteChild( Metrics& m, const char* phase, const ChildResult& r ) {
 template< class System >
 Metrics runWorkload( System& sys, const Config& cfg, uint64_t n ) {
    Metrics m;
-   // Creating the table is timed with the inserts: a system that reserves
-   // its memory up front (Lumen does) must not hide that work from the clock.
+   // Cold inserts: fresh keys into fresh tables sized for n. Creating the
+   // table is timed with the inserts: a system that reserves its memory up
+   // front (Lumen does) must not hide that work from the clock. Small tables
+   // are made again (untimed removal) until the clock has seen enough work.
+   uint64_t rounds = std::max< uint64_t >( 1, ( cfg.minInsertOps + n - 1 ) / n );
+   {
+      uint64_t ns = 0;
+      for ( uint64_t r = 0; r < rounds; ++r ) {
+         if ( r ) {
+            sys.destroy();
+         }
+         uint64_t t0 = nowNs();
+         sys.create( n );
+         for ( uint64_t i = 0; i < n; ++i ) {
+            sys.write( recordFor( keyFor( r * n + i ), 0 ) );
+         }
+         ns += nowNs() - t0;
+      }
+      m.insertColdPerSec = double( rounds * n ) * 1e9 / double( ns );
+      if ( sys.count() != n ) {
+         m.problems.push_back( fmt::format( "count {} after inserting {}", sys.count(), n ) );
+      }
+      sys.destroy();
+   }
+   if constexpr ( System::hasBatchWrites ) {
+      std::vector< Host24 > batch( cfg.batchWrites );
+      uint64_t ns = 0;
+      for ( uint64_t r = 0; r < rounds; ++r ) {
+         uint64_t t0 = nowNs();
+         sys.create( n );
+         for ( uint64_t i = 0; i < n; ) {
+            size_t k = 0;
+            for ( ; k < batch.size() && i < n; ++k, ++i ) {
+               batch[ k ] = recordFor( keyFor( r * n + i ), 0 );
+            }
+            sys.writeBatch( batch.data(), k );
+         }
+         ns += nowNs() - t0;
+         sys.destroy();
+      }
+      m.insertBatchedPerSec = double( rounds * n ) * 1e9 / double( ns );
+   }
+
+   // Memory: a table grown from the system's default size, what one reader
+   // process adds to it, and 40-byte records.
+   sys.createGrown( n );
+   for ( uint64_t i = 0; i < n; ++i ) {
+      sys.write( recordFor( keyFor( i ), 0 ) );
+   }
+   m.bytesGrownPerEntry = double( sys.bytes() ) / double( n );
+   {
+      ChildResult pr = measureReaderPrivate( sys, n );
+      noteChild( m, "reader memory", pr );
+      if ( pr.ok ) {
+         m.readerPrivatePerEntry = double( pr.privateBytes ) / double( n );
+         m.bytesGrownOneReaderPerEntry = m.bytesGrownPerEntry + m.readerPrivatePerEntry;
+      }
+   }
+   sys.destroy();
+   m.bytesGrown40PerEntry = sys.bytes40PerEntry( n );
+
+   // Inserts into an empty table sized for n, as before: small tables are
+   // emptied (untimed) and refilled, so most of these inserts reuse slots
+   // or nodes the previous round warmed.
    uint64_t insertNs = nowNs();
    sys.create( n );
    insertNs = nowNs() - insertNs;
-
-   // Inserts into an empty table sized for n. Small tables are emptied
-   // (untimed) and refilled so the clock sees enough work.
-   uint64_t rounds = std::max< uint64_t >( 1, ( cfg.minInsertOps + n - 1 ) / n );
    for ( uint64_t r = 0; r < rounds; ++r ) {
       if ( r ) {
          sys.clear( n );
@@ -359,7 +452,13 @@ Metrics runWorkload( System& sys, const Config& cfg, uint64_t n ) {
    noteChild( m, "idle reader", idle );
    m.lookupIdlePerSec = idle.lookupPerSec;
    m.lookupIdleBatchPerSec = idle.lookupBatchPerSec;
+   m.lookupIdleUnlockedPerSec = idle.lookupUnlockedPerSec;
    m.iterateMs = idle.iterateMs;
+
+   ChildResult paced =
+      measureBusyReader( sys, cfg, n, m.writerPacedPerSec, version, cfg.pacedWritesPerSec );
+   noteChild( m, "paced-writer reader", paced );
+   m.lookupPacedPerSec = paced.lookupPerSec;
 
    ChildResult busy = measureBusyReader( sys, cfg, n, m.writerBusyPerSec, version );
    noteChild( m, "busy reader", busy );

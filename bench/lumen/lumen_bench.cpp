@@ -3,7 +3,7 @@
 // targets Lumen is held to. Only ratios taken in one run are compared: the
 // machines this runs on are shared and noisy.
 //
-// Usage: lumen_bench [--sizes 1K,100K,1M] [--systems lumen,boost,lmdb]
+// Usage: lumen_bench [--sizes 1K,100K,1M] [--systems lumen,boost,lmdb,lmdb-wm]
 //                    [--runs N] [--seconds S] [--notify-samples N]
 //                    [--notify-period-us U] [--shm-dir DIR] [--markdown]
 
@@ -34,10 +34,13 @@ constexpr bool kHaveLumen = false;
 #endif
 
 void usage( const char* argv0 ) {
-   fmt::print( "usage: {} [--sizes 1K,100K,1M] [--systems lumen,boost,lmdb] [--runs N]\n"
+   fmt::print( "usage: {} [--sizes 1K,100K,1M] [--systems lumen,boost,lmdb,lmdb-wm] [--runs N]\n"
                "       [--seconds S] [--notify-samples N] [--notify-period-us U]\n"
-               "       [--shm-dir DIR] [--markdown]\n"
+               "       [--paced-writes N] [--batch-writes N] [--shm-dir DIR] [--markdown]\n"
                "  --sizes             record counts (K = 1000, M = 1000000)\n"
+               "  --systems           lmdb-wm is LMDB with MDB_WRITEMAP\n"
+               "  --paced-writes      every writer's pace in the paced-reader row (default 100000/s)\n"
+               "  --batch-writes      writes per LMDB transaction in the batched row (default 1000)\n"
                "  --runs              repeat everything N times, report medians (default 3)\n"
                "  --seconds           length of each time-bounded phase (default 0.4)\n"
                "  --notify-samples    stamped writes in the latency phase (default 8000)\n"
@@ -83,7 +86,7 @@ std::vector< std::string > split( const std::string& s ) {
 Config parseArgs( int argc, char** argv ) {
    Config cfg;
    std::string sizes = "1K,100K,1M";
-   std::string systems = kHaveLumen ? "lumen,boost,lmdb" : "boost,lmdb";
+   std::string systems = kHaveLumen ? "lumen,boost,lmdb,lmdb-wm" : "boost,lmdb,lmdb-wm";
    for ( int i = 1; i < argc; ++i ) {
       std::string a = argv[ i ];
       auto value = [ & ]() -> std::string {
@@ -104,6 +107,10 @@ Config parseArgs( int argc, char** argv ) {
          cfg.notifySamples = std::max< uint64_t >( 100, std::stoull( value() ) );
       } else if ( a == "--notify-period-us" ) {
          cfg.notifyPeriodUs = uint32_t( std::max( 1, std::stoi( value() ) ) );
+      } else if ( a == "--paced-writes" ) {
+         cfg.pacedWritesPerSec = std::max( 1000.0, std::stod( value() ) );
+      } else if ( a == "--batch-writes" ) {
+         cfg.batchWrites = uint32_t( std::max( 1, std::stoi( value() ) ) );
       } else if ( a == "--shm-dir" ) {
          cfg.shmParent = value();
       } else if ( a == "--markdown" ) {
@@ -119,7 +126,7 @@ Config parseArgs( int argc, char** argv ) {
       cfg.sizes.push_back( parseSize( s ) );
    }
    for ( const auto& s : split( systems ) ) {
-      if ( s != "lumen" && s != "boost" && s != "lmdb" ) {
+      if ( s != "lumen" && s != "boost" && s != "lmdb" && s != "lmdb-wm" ) {
          throw std::invalid_argument( "unknown system " + s );
       }
       if ( s == "lumen" && !kHaveLumen ) {
@@ -150,8 +157,18 @@ std::string loadAverage() {
 }
 
 const char* displayName( const std::string& s ) {
-   return s == "lumen" ? "Lumen" : s == "boost" ? "Boost.IPC" : "LMDB";
+   return s == "lumen"     ? "Lumen"
+          : s == "boost"   ? "Boost.IPC"
+          : s == "lmdb-wm" ? "LMDB WRITEMAP"
+                           : "LMDB";
 }
+
+// The baselines' names in ratio columns and verdicts.
+const char* shortName( const std::string& s ) {
+   return s == "boost" ? "Boost" : s == "lmdb-wm" ? "LMDB-WM" : "LMDB";
+}
+
+const std::vector< std::string > kBaselines{ "boost", "lmdb", "lmdb-wm" };
 
 std::string sizeLabel( uint64_t n ) {
    if ( n % 1000000 == 0 ) {
@@ -171,6 +188,8 @@ Metrics runOne( const Config& cfg, const std::string& system, uint64_t n ) {
          m = benchBoost( cfg, n, dir );
       } else if ( system == "lmdb" ) {
          m = benchLmdb( cfg, n, dir );
+      } else if ( system == "lmdb-wm" ) {
+         m = benchLmdbWriteMap( cfg, n, dir );
       }
 #ifdef ORBEVPN_BENCH_HAVE_LUMEN
       else if ( system == "lumen" ) {
@@ -194,12 +213,17 @@ Metrics medianOf( const std::vector< Metrics >& runs ) {
       }
       out.*f = median( v );
    };
-   for ( auto f : { &Metrics::insertPerSec, &Metrics::replacePerSec,
+   for ( auto f : { &Metrics::insertColdPerSec, &Metrics::insertBatchedPerSec,
+                    &Metrics::insertPerSec, &Metrics::replacePerSec,
                     &Metrics::lookupLocalPerSec, &Metrics::lookupIdlePerSec,
-                    &Metrics::lookupIdleBatchPerSec, &Metrics::lookupBusyPerSec,
+                    &Metrics::lookupIdleBatchPerSec, &Metrics::lookupIdleUnlockedPerSec,
+                    &Metrics::lookupPacedPerSec, &Metrics::writerPacedPerSec,
+                    &Metrics::lookupBusyPerSec,
                     &Metrics::writerBusyPerSec, &Metrics::iterateMs, &Metrics::notifyP50Us,
                     &Metrics::notifyP99Us, &Metrics::notifyMaxUs, &Metrics::notifySlowWrites,
-                    &Metrics::bytesPerEntry } ) {
+                    &Metrics::bytesPerEntry, &Metrics::bytesGrownPerEntry,
+                    &Metrics::bytesGrown40PerEntry, &Metrics::readerPrivatePerEntry,
+                    &Metrics::bytesGrownOneReaderPerEntry } ) {
       med( f );
    }
    for ( const auto& m : runs ) {
@@ -212,18 +236,24 @@ enum class Better { higher, lower };
 
 // One printed line: a metric, how to format it, and what Lumen must reach.
 struct Row {
-   const char* label;
+   std::string label;
    double Metrics::*field;
    Better better;
    std::function< std::string ( double ) > format;
-   double vsBoost = 0;   // required Lumen advantage over Boost (0: none)
-   double vsLmdb = 0;
+   // Required Lumen advantage over each baseline, by system (none: no target).
+   std::map< std::string, double > targets {};
    // Absolute bound on Lumen's own value (NaN: none): below it for metrics
    // where lower is better, inclusive or not; judged from limitFromN records.
    double limit = NAN;
    const char* limitText = "";
    bool limitInclusive = false;
    uint64_t limitFromN = 0;
+   // Lumen's figure to set against the baselines' `field`, when that is
+   // another metric (a baseline's variant row); null: the same field.
+   double Metrics::*lumenField = nullptr;
+   uint64_t ratioFromN = 0;   // ratio targets judged from this many records
+
+   double Metrics::*lumenMetric() const { return lumenField ? lumenField : field; }
 };
 
 // Below this many records a table's fixed parts (headers, the change feed,
@@ -249,27 +279,57 @@ std::function< std::string ( double ) > fixed( int digits ) {
    };
 }
 
-std::vector< Row > rows() {
-   return {
-      { "insert/s", &Metrics::insertPerSec, Better::higher, rate, 2, 10 },
-      { "replace/s", &Metrics::replacePerSec, Better::higher, rate, 2, 10 },
-      { "lookup/s, writer's process", &Metrics::lookupLocalPerSec, Better::higher, rate },
-      { "lookup/s, 2nd process, writer idle", &Metrics::lookupIdlePerSec, Better::higher,
-        rate, 2, 4 },
-      { "  same, batched (lookupBatch)", &Metrics::lookupIdleBatchPerSec, Better::higher,
-        rate },
-      { "lookup/s, 2nd process, writer busy", &Metrics::lookupBusyPerSec, Better::higher,
-        rate, 20, 4 },
-      { "  writer's write/s meanwhile", &Metrics::writerBusyPerSec, Better::higher, rate },
-      { "iterate all, 2nd process (ms)", &Metrics::iterateMs, Better::lower, fixed( 3 ) },
-      { "notify p50 (us)", &Metrics::notifyP50Us, Better::lower, fixed( 1 ) },
-      { "notify p99 (us)", &Metrics::notifyP99Us, Better::lower, fixed( 1 ), 0, 0, 100.0,
-        "p99 < 100us" },
-      { "notify max (us)", &Metrics::notifyMaxUs, Better::lower, fixed( 1 ) },
-      { "  paced writes taking > 100us", &Metrics::notifySlowWrites, Better::lower, fixed( 0 ) },
-      { "bytes/entry", &Metrics::bytesPerEntry, Better::lower, fixed( 1 ), 0, 0, 64.0,
-        "<= 64 B", true, kMinRecordsForBytesTarget },
-   };
+std::vector< Row > rows( const Config& cfg ) {
+   std::string paced = fmt::format( "lookup/s, 2nd process, writers paced at {}/s",
+                                    rate( cfg.pacedWritesPerSec ) );
+   std::string batched = fmt::format( "  LMDB: {} writes per transaction, cold", cfg.batchWrites );
+   std::vector< Row > out;
+   auto add = [ & ]( Row r ) { out.push_back( std::move( r ) ); };
+   add( { "insert/s, cold (fresh table, fresh keys)", &Metrics::insertColdPerSec, Better::higher,
+          rate, { { "boost", 2 }, { "lmdb-wm", 5 } } } );
+   Row b{ batched, &Metrics::insertBatchedPerSec, Better::higher, rate };
+   b.lumenField = &Metrics::insertColdPerSec;
+   add( b );
+   add( { "insert/s, sized for n (warm refills below 200K)", &Metrics::insertPerSec,
+          Better::higher, rate, { { "boost", 2 }, { "lmdb", 10 } } } );
+   add( { "replace/s", &Metrics::replacePerSec, Better::higher, rate,
+          { { "boost", 2 }, { "lmdb", 10 } } } );
+   add( { "lookup/s, writer's process", &Metrics::lookupLocalPerSec, Better::higher, rate } );
+   add( { "lookup/s, 2nd process, writer idle (Boost locked)", &Metrics::lookupIdlePerSec,
+          Better::higher, rate, { { "boost", 3 }, { "lmdb", 4 } } } );
+   Row u{ "  Boost without its lock (writer idle)", &Metrics::lookupIdleUnlockedPerSec,
+          Better::higher, rate, { { "boost", 2 } } };
+   u.lumenField = &Metrics::lookupIdlePerSec;
+   add( u );
+   add( { "  same, batched (lookupBatch)", &Metrics::lookupIdleBatchPerSec, Better::higher,
+          rate } );
+   add( { paced, &Metrics::lookupPacedPerSec, Better::higher, rate, { { "boost", 3 } } } );
+   add( { "  writer's write/s meanwhile (paced)", &Metrics::writerPacedPerSec, Better::higher,
+          rate } );
+   add( { "lookup/s, 2nd process, writer unpaced (lock starvation)", &Metrics::lookupBusyPerSec,
+          Better::higher, rate, { { "boost", 20 }, { "lmdb", 4 } } } );
+   add( { "  writer's write/s meanwhile (unpaced)", &Metrics::writerBusyPerSec, Better::higher,
+          rate } );
+   add( { "iterate all, 2nd process (ms)", &Metrics::iterateMs, Better::lower, fixed( 3 ) } );
+   add( { "notify p50 (us)", &Metrics::notifyP50Us, Better::lower, fixed( 1 ) } );
+   add( { "notify p99 (us)", &Metrics::notifyP99Us, Better::lower, fixed( 1 ), {}, 100.0,
+          "p99 < 100us" } );
+   add( { "notify max (us)", &Metrics::notifyMaxUs, Better::lower, fixed( 1 ) } );
+   add( { "  paced writes taking > 100us", &Metrics::notifySlowWrites, Better::lower,
+          fixed( 0 ) } );
+   add( { "bytes/entry, table sized for n", &Metrics::bytesPerEntry, Better::lower, fixed( 1 ),
+          {}, 64.0, "<= 64 B", true, kMinRecordsForBytesTarget } );
+   Row g{ "bytes/entry, grown from default size", &Metrics::bytesGrownPerEntry, Better::lower,
+          fixed( 1 ), { { "boost", 1 } } };
+   g.ratioFromN = kMinRecordsForBytesTarget;
+   add( g );
+   add( { "  grown, 40-byte record", &Metrics::bytesGrown40PerEntry, Better::lower,
+          fixed( 1 ) } );
+   add( { "  private bytes/entry of each reader process", &Metrics::readerPrivatePerEntry,
+          Better::lower, fixed( 1 ) } );
+   add( { "  grown, shared + one reader's private", &Metrics::bytesGrownOneReaderPerEntry,
+          Better::lower, fixed( 1 ) } );
+   return out;
 }
 
 struct Verdict {
@@ -283,10 +343,10 @@ struct Verdict {
 // run; the median of those is what is judged, never a ratio of medians from
 // different runs.
 Verdict ratio( const Row& row, const std::vector< Metrics >& lumenRuns,
-               const std::vector< Metrics >& otherRuns, double target ) {
+               const std::vector< Metrics >& otherRuns, double target, uint64_t n ) {
    std::vector< double > perRun;
    for ( size_t i = 0; i < std::min( lumenRuns.size(), otherRuns.size() ); ++i ) {
-      double lumen = lumenRuns[ i ].*row.field, other = otherRuns[ i ].*row.field;
+      double lumen = lumenRuns[ i ].*row.lumenMetric(), other = otherRuns[ i ].*row.field;
       if ( std::isnan( lumen ) || std::isnan( other ) || other <= 0 || lumen <= 0 ) {
          continue;
       }
@@ -299,6 +359,9 @@ Verdict ratio( const Row& row, const std::vector< Metrics >& lumenRuns,
    std::string text = r >= 10 ? fmt::format( "{:.0f}x", r ) : fmt::format( "{:.2f}x", r );
    if ( target <= 0 ) {
       return { text, std::nullopt };
+   }
+   if ( n < row.ratioFromN ) {
+      return { fmt::format( "{} (judged from {} records)", text, row.ratioFromN ), std::nullopt };
    }
    bool pass = r >= target;
    return { fmt::format( "{} {} (>={:g}x)", text, pass ? "PASS" : "FAIL", target ), pass };
@@ -360,7 +423,8 @@ void report( const Config& cfg, uint64_t n,
    for ( const auto& [ s, v ] : runs ) {
       res[ s ] = medianOf( v );
    }
-   fmt::print( "\n== {} records: 24-byte record, 12-byte key ({} of {} run{}) ==\n",
+   fmt::print( "\n== {} records: 24-byte record, 12-byte key, stored once by the baselines "
+               "({} of {} run{}) ==\n",
                sizeLabel( n ), cfg.runs > 1 ? "median" : "result", cfg.runs,
                cfg.runs > 1 ? "s" : "" );
    std::vector< std::vector< std::string > > t;
@@ -369,23 +433,24 @@ void report( const Config& cfg, uint64_t n,
       head.push_back( displayName( s ) );
    }
    bool haveLumen = res.count( "lumen" );
-   bool haveBoost = res.count( "boost" ), haveLmdb = res.count( "lmdb" );
-   if ( haveLumen && haveBoost ) {
-      head.push_back( "Lumen vs Boost" );
-   }
-   if ( haveLumen && haveLmdb ) {
-      head.push_back( "Lumen vs LMDB" );
+   std::vector< std::string > baselines;
+   for ( const auto& b : kBaselines ) {
+      if ( haveLumen && res.count( b ) ) {
+         baselines.push_back( b );
+         head.push_back( fmt::format( "Lumen vs {}", shortName( b ) ) );
+      }
    }
    if ( haveLumen ) {
       head.push_back( "Lumen target" );
    }
    t.push_back( head );
-   for ( const auto& row : rows() ) {
+   for ( const auto& row : rows( cfg ) ) {
       std::vector< std::string > line{ row.label };
       bool any = false;
       for ( const auto& s : cfg.systems ) {
-         double v = res.at( s ).*row.field;
-         any |= !std::isnan( v );
+         double v = res.at( s ).*( s == "lumen" ? row.lumenMetric() : row.field );
+         any |= !std::isnan( v ) && s != "lumen";
+         any |= !std::isnan( v ) && !row.lumenField;
          line.push_back( row.format( v ) );
       }
       if ( !any ) {
@@ -394,20 +459,18 @@ void report( const Config& cfg, uint64_t n,
       auto record = [ & ]( const Verdict& v, const std::string& what ) {
          if ( v.pass ) {
             ( *v.pass ? summary.pass : summary.fail )++;
-            summary.lines.push_back( fmt::format( "{:<5} {:>4}  {:<36} {}", *v.pass ? "PASS" : "FAIL",
+            summary.lines.push_back( fmt::format( "{:<5} {:>4}  {:<55} {}", *v.pass ? "PASS" : "FAIL",
                                                   sizeLabel( n ), row.label, what + ": " + v.text ) );
          }
          return v.text;
       };
       if ( haveLumen ) {
-         double lumen = res.at( "lumen" ).*row.field;
-         if ( haveBoost ) {
-            line.push_back( record(
-               ratio( row, runs.at( "lumen" ), runs.at( "boost" ), row.vsBoost ), "vs Boost" ) );
-         }
-         if ( haveLmdb ) {
-            line.push_back( record(
-               ratio( row, runs.at( "lumen" ), runs.at( "lmdb" ), row.vsLmdb ), "vs LMDB" ) );
+         double lumen = res.at( "lumen" ).*row.lumenMetric();
+         for ( const auto& b : baselines ) {
+            auto target = row.targets.find( b );
+            line.push_back( record( ratio( row, runs.at( "lumen" ), runs.at( b ),
+                                           target == row.targets.end() ? 0 : target->second, n ),
+                                    fmt::format( "vs {}", shortName( b ) ) ) );
          }
          line.push_back( record( absolute( row, lumen, n ), "Lumen" ) );
       }
