@@ -104,6 +104,49 @@ TEST( LumenWriter, FullTableRefusesNewKeyAndChangesNothing ) {
    table.sanityCheck();
 }
 
+// A table kept at its capacity while keys come and go: every removal leaves a
+// tombstone, and the room left for them before a same-size rebuild sweeps
+// them is what a full table does not fill. Keys must stay findable, to the
+// writer and in shared memory, through many such sweeps.
+TEST( LumenWriter, FullTableChurnedWithNewKeysLosesNothing ) {
+   LumenRoot root;
+   constexpr uint32_t capacity = 1024;
+   Lumen::Writer< HostRec > table( HostRec{}, { capacity, capacity, 4096 } );
+   table.attach( "/lumen/churnfull" );
+   std::map< MacKey, HostRec > model;
+   std::vector< uint32_t > present;
+   for ( uint32_t n = 0; n < capacity; ++n ) {
+      table.write( model[ MacKey::of( n ) ] = HostRec::of( n, n ) );
+      present.push_back( n );
+   }
+   Lumen::Reader< HostRec > reader( "/lumen/churnfull" );
+   std::mt19937 rng( 7 );
+   uint32_t fresh = capacity;
+   for ( int step = 0; step < 30000; ++step ) {
+      size_t victim = rng() % present.size();
+      ASSERT_TRUE( table.remove( MacKey::of( present[ victim ] ) ) ) << "step " << step;
+      model.erase( MacKey::of( present[ victim ] ) );
+      present[ victim ] = fresh;
+      table.write( model[ MacKey::of( fresh ) ] = HostRec::of( fresh, uint32_t( step ) ) );
+      ++fresh;
+      if ( step % 4999 == 0 ) {
+         table.sanityCheck();
+         ASSERT_EQ( contentsOf( table ), model ) << "step " << step;
+         reader.dispatch();
+         ASSERT_EQ( contentsOf( reader ), model ) << "step " << step;
+      }
+   }
+   EXPECT_EQ( table.capacity(), capacity );
+   EXPECT_EQ( table.count(), capacity );
+   for ( const auto& [ k, r ] : model ) {
+      ASSERT_EQ( table.lookup( k ), r );
+      ASSERT_EQ( reader.lookupShared( k ), r );
+   }
+   reader.dispatch();
+   EXPECT_EQ( contentsOf( reader ), model );
+   table.sanityCheck();
+}
+
 // A full filesystem fails creation or growth with an error naming the cause,
 // never SIGBUS. Needs a private 1 MB tmpfs in a mount namespace, else skipped.
 TEST( LumenWriter, FullFilesystemFailsCreationOrGrowthCleanlyNeverWithSigbus ) {
