@@ -4,7 +4,8 @@
 // time its constructor takes, and the private memory it keeps for the
 // delivered state (its anonymous resident memory grown by the mount, thread
 // stack and all), next to the table's own bytes per entry (its data segment
-// as allocated). Targets: mounting 1M entries under 200 ms, and no more
+// as allocated). Targets: mounting 1M entries under 200 ms, 4M entries under
+// 620 ms (a fifth of the 3.1 s the key-by-key mount took), and no more
 // private bytes per entry than the table's own.
 //
 // Usage: lumen_reader_bench [--sizes 100K,1M,4M] [--runs N] [--shm-dir DIR]
@@ -165,11 +166,14 @@ int main( int argc, char** argv ) {
       }
       double perEntry = double( maxPrivate ) / double( n );
       double tablePerEntry = double( tableBytes ) / double( n );
-      bool timeOk = n != 1000000 || med.ms < 200;
+      // Time targets, where there is one: under `limit` ms.
+      double limit = n == 1000000 ? 200 : n == 4000000 ? 620 : 0;
+      bool timeOk = limit == 0 || med.ms < limit;
       bool bytesOk = perEntry <= tablePerEntry;
       pass = pass && timeOk && bytesOk;
       fmt::print( "| {} | {:.1f} | {} | {} | {:.2f} | {:.2f} ({:.2f}) | {} |\n", n, med.ms,
-                  n == 1000000 ? ( timeOk ? "PASS (<200)" : "FAIL (<200)" ) : "", maxPrivate,
+                  limit > 0 ? fmt::format( "{} (<{:g})", timeOk ? "PASS" : "FAIL", limit ) : "",
+                  maxPrivate,
                   perEntry, tablePerEntry, double( dataBytes ) / double( n ),
                   bytesOk ? "PASS (<= table)" : "FAIL (<= table)" );
       writer.reset();
