@@ -52,6 +52,7 @@ class Checks:
     def __init__(self, lab, timeout, say):
         self.lab, self.timeout, self.say = lab, timeout, say
         self.passed = []
+        self.verbose = False
 
     def expect(self, what, pred, timeout=None, period=0.2):
         """Waits (bounded in time and rounds) until pred() holds; pred returns
@@ -73,6 +74,11 @@ class Checks:
     def done(self, name):
         self.passed.append(name)
         self.say("  ok  %s" % name)
+
+    def show(self, title, text):
+        """With --show (the demo): what a side holds, indented."""
+        if self.verbose:
+            self.say("      %s\n%s" % (title, "\n".join("        " + l for l in text.rstrip().splitlines())))
 
     # ---- FRR's view
 
@@ -99,6 +105,7 @@ class Checks:
 
 def run_ours(args, lab, say):
     c = Checks(lab, args.timeout, say)
+    c.verbose = args.show
     stack = L.OurStack(lab, args.agent, args.bgp, args.gobgpd)
     say("starting orbevpn-bgp and orbevpn-agent in %s" % lab.ns_ours)
     stack.start_bgp()
@@ -123,6 +130,9 @@ def run_ours(args, lab, say):
     c.expect("nothing of VNI %d in FRR's VNI %d" % (VNI, OTHER_VNI),
              lambda: (M_LEARNT not in lab.frr_macs(OTHER_VNI), lab.frr_macs(OTHER_VNI)), timeout=2)
     c.done("a MAC the controller learns is in FRR's EVPN MAC table and kernel FDB (VTEP, seq)")
+    c.show("FRR: show evpn mac vni %d" % VNI, lab.vtysh("show evpn mac vni %d" % VNI))
+    c.show("FRR: bridge fdb show dev vx%d (remote entries)" % VNI,
+           "\n".join("%s dst %s" % (m, ",".join(sorted(v))) for m, v in sorted(lab.kernel_fdb(VNI).items())))
 
     # 2. FRR -> our import
     lab.frr_fdb_add(VNI, M_FRR, "static")
@@ -134,6 +144,8 @@ def run_ours(args, lab, say):
     c.expect("FRR's VTEP %s in our import flood list" % L.FRR_ADDR,
              lambda: (L.FRR_ADDR in stack.imported(VNI)[1], sorted(stack.imported(VNI)[1])))
     c.done("FRR's own type-3 is in our flood list")
+    c.show("ours: orbevpn-agent ctl dump import --json (VNI %d)" % VNI,
+           json.dumps([v for v in stack.ctl_json("dump", "import").get("vnis", []) if v["vni"] == VNI]))
 
     # 4. moves with a higher sequence number
     stack.feed.send({"op": "mac", "vni": VNI, "mac": M_LEARNT, "vtep": VTEP2, "seqNo": 4})
@@ -156,6 +168,7 @@ def run_ours(args, lab, say):
     c.expect("%s gone from our import once FRR withdrew it" % M_MOVER,
              lambda: (M_MOVER not in stack.imported(VNI)[0], stack.imported(VNI)[0]))
     c.done("a MAC move with a higher sequence number wins on both sides")
+    c.show("FRR: show evpn mac vni %d" % VNI, lab.vtysh("show evpn mac vni %d" % VNI))
 
     # 5. restarts
     before = c.expect("a settled FRR view", settled(c), timeout=args.timeout)
@@ -321,6 +334,7 @@ def main(argv=None):
     ap.add_argument("--timeout", type=float, default=30, help="longest wait of one step (s)")
     ap.add_argument("--deadline", type=int, default=240,
                     help="the whole run's limit (s): past it the lab is torn down and the run fails")
+    ap.add_argument("--show", action="store_true", help="print what each side holds along the way")
     ap.add_argument("--keep", action="store_true", help="keep the lab's folder (logs, tables)")
     args = ap.parse_args(argv)
     say = lambda s: print(s, flush=True)  # noqa: E731
