@@ -31,6 +31,7 @@ import json
 import os
 import signal
 import sys
+import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
@@ -100,6 +101,7 @@ class Checks:
                     for m, e in self.lab.frr_macs(vni).items() if e.get("type") == "remote"}
             fdb = {m: tuple(sorted(v)) for m, v in self.lab.kernel_fdb(vni).items()}
             state[vni] = {"macs": macs, "fdb": fdb, "vteps": sorted(self.lab.frr_remote_vteps(vni))}
+        state["bgp"] = {"routes": sorted(self.lab.frr_evpn_routes())}
         return state
 
 
@@ -181,20 +183,20 @@ def run_ours(args, lab, say):
     # The agent, killed and restarted over the same controller state: a
     # restart over unchanged input withdraws nothing, so FRR must never lose
     # a route meanwhile.
-    stack.agent.kill()
-    lab.forget(stack.agent)
-    t0 = time.monotonic()
-    stack.start_agent()
-    L.wait_for("the restarted agent's integration flag", lambda: stack.status().get("integrationMode") is True,
-               args.timeout, procs=[stack.agent, stack.bgp])
-    lost = []
-    for _ in range(int(3 / 0.2)):     # watch FRR for 3 s after the restart
-        ok, d = unchanged()
-        if not ok:
-            lost.append(d)
-        time.sleep(0.2)
-    if lost:
-        raise CheckFailed("FRR's routes changed after the agent's restart: %s" % lost[0])
+    watch = Watch(unchanged)
+    try:
+        stack.agent.kill()
+        lab.forget(stack.agent)
+        t0 = time.monotonic()
+        stack.start_agent()
+        L.wait_for("the restarted agent's integration flag",
+                   lambda: stack.status().get("integrationMode") is True, args.timeout, procs=[stack.agent, stack.bgp])
+        time.sleep(3)                  # and FRR watched for 3 s more
+    finally:
+        changes = watch.stop()
+    if changes:
+        raise CheckFailed("FRR's routes changed while the agent was killed and restarted (%d of %d looks): %s"
+                          % (len(changes), watch.looks, changes[0]))
     c.expect("FRR's routes after the agent's restart", unchanged)
     c.done("SIGKILL and restart of orbevpn-agent: FRR keeps the same routes (%.1f s)" % (time.monotonic() - t0))
 
@@ -206,6 +208,7 @@ def run_ours(args, lab, say):
     for pid in L.run(["ip", "netns", "pids", lab.ns_ours]).stdout.split():
         # gobgpd, if it outlived its parent; the agent stays.
         if int(pid) != stack.agent.pid:
+            say("  (pid %s, %s, outlived orbevpn-bgp's SIGKILL; ended)" % (pid, proc_name(pid)))
             try:
                 os.kill(int(pid), signal.SIGKILL)
             except ProcessLookupError:
@@ -229,6 +232,41 @@ def run_ours(args, lab, say):
         if rc != 0:
             raise CheckFailed("%s exited %s on SIGTERM\n%s" % (p.name, rc, p.log_tail()))
     return c.passed
+
+
+class Watch:
+    """Calls look() (which returns (ok, detail)) every 0.2 s on a thread and
+    keeps the details of the looks that were not ok."""
+
+    def __init__(self, look):
+        self.look, self.changes, self.looks = look, [], 0
+        self.stopping = threading.Event()
+        self.thread = threading.Thread(target=self._run, daemon=True)
+        self.thread.start()
+
+    def _run(self):
+        while not self.stopping.is_set() and self.looks < 3000:
+            try:
+                ok, detail = self.look()
+            except (L.SetupError, ValueError, KeyError) as e:
+                ok, detail = True, None       # a failed read is no evidence either way
+            self.looks += 1
+            if not ok:
+                self.changes.append(detail)
+            self.stopping.wait(0.2)
+
+    def stop(self):
+        self.stopping.set()
+        self.thread.join(30)
+        return self.changes
+
+
+def proc_name(pid):
+    try:
+        with open("/proc/%s/comm" % pid) as f:
+            return f.read().strip()
+    except OSError:
+        return "?"
 
 
 def settled(c):

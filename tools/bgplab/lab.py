@@ -336,8 +336,10 @@ class Lab:
         d = self.vtysh_json("show bgp neighbors %s" % addr)
         return d.get(addr, {}).get("bgpState") == "Established"
 
-    def frr_evpn_routes(self):
-        """FRR's EVPN RIB as a set of (rd, prefix, next hop) of the best paths."""
+    def frr_evpn_routes(self, peer=OURS_ADDR):
+        """The EVPN routes FRR's bgpd holds from `peer`, best or not, as a set
+        of (RD, prefix, next hops, extended communities): the RD, the route
+        targets and the MAC-mobility sequence number are all in there."""
         d = self.vtysh_json("show bgp l2vpn evpn")
         routes = set()
         for rd, entries in d.items():
@@ -347,10 +349,12 @@ class Lab:
                 if not isinstance(e, dict) or "paths" not in e:
                     continue
                 for path in e["paths"]:
-                    p = path[0] if isinstance(path, list) else path
-                    if p.get("bestpath"):
+                    for p in (path if isinstance(path, list) else [path]):
+                        if p.get("peerId") != peer:
+                            continue
                         nh = ",".join(n.get("ip", "") for n in p.get("nexthops", []))
-                        routes.add((rd, prefix, nh))
+                        ec = " ".join(sorted(p.get("extendedCommunity", {}).get("string", "").split()))
+                        routes.add((rd, prefix, nh, ec))
         return routes
 
 
