@@ -191,6 +191,7 @@ class Lab:
     def start(self, name, cmd, ns, log=None, env=None):
         p = Proc(name, cmd, log or os.path.join(self.work, name + ".log"), ns, env)
         self.procs.append(p)
+        self.say("lab: started %s in %s (pid %d)" % (name, ns, p.pid))
         return p
 
     def forget(self, proc):
