@@ -17,8 +17,10 @@ per VNI), in a fresh lab:
           sent until FRR's kernel FDB points the MAC at the new VTEP (seen by
           `bridge monitor fdb` in FRR's namespace; zebra writes the FDB once
           bgpd has chosen the route, so this bounds the time to FRR's RIB
-          from above), and until `show evpn mac` in FRR's RIB (zebra's EVPN
-          table, polled) shows the new sequence number, on every 10th sample.
+          from above); until FRR's bgpd received the route (its update debug,
+          with microsecond timestamps); and until `show evpn mac` (zebra's
+          EVPN table, polled through vtysh, a coarse figure) shows the new
+          sequence number, on every 10th sample.
 Prints one line per size:
   bgp hosts=N vnis=V load_export_s=.. load_gobgp_s=.. load_frr_s=.. gobgp_routes_per_s=..
       frr_routes_per_s=.. latency_fdb_p50_ms=.. latency_fdb_p99_ms=.. ...
@@ -197,13 +199,17 @@ def one_size(args, n, say):
         # Let zebra finish writing the FDB before timing single changes.
         poll_until("FRR's MAC tables settled", settled(lab, vnis), timeout, 1.0)
 
+        # bgpd logs every prefix it receives, with microseconds, from here on.
+        lab.vtysh("debug bgp updates in")
         watch = FdbWatch(lab)
         fdb_ms, rib_ms, lost = [], [], 0
+        sent_wall = {}
         try:
             for s in range(args.samples):
                 vni, mac = hosts[(s * 7919) % len(hosts)]
                 seq = 2 + s
                 vtep = vtep_of(s * 13 + 1 + (s % 49))
+                sent_wall[mac] = time.time()
                 sent = time.monotonic()
                 stack.feed.send({"op": "mac", "vni": vni, "mac": mac, "vtep": vtep, "seqNo": seq})
                 if s % 10 == 0:
@@ -224,13 +230,46 @@ def one_size(args, n, say):
                 fdb_ms.append((at - sent) * 1e3)
         finally:
             watch.stop()
+            lab.vtysh("no debug bgp updates in")
+        bgpd_ms = bgpd_receipts(os.path.join(lab.frr_dir, "bgpd.log"), sent_wall)
         res.update({"samples": len(fdb_ms), "lost": lost,
+                    "latency_bgpd_p50_ms": percentile(bgpd_ms, 50), "latency_bgpd_p99_ms": percentile(bgpd_ms, 99),
+                    "bgpd_samples": len(bgpd_ms),
                     "latency_fdb_p50_ms": percentile(fdb_ms, 50), "latency_fdb_p99_ms": percentile(fdb_ms, 99),
                     "latency_rib_poll_p50_ms": percentile(rib_ms, 50),
                     "latency_rib_poll_p99_ms": percentile(rib_ms, 99), "rib_samples": len(rib_ms)})
         for p in (stack.agent, stack.bgp):
             p.stop()
         return res
+
+
+def bgpd_receipts(log, sent_wall):
+    """From bgpd's update debug ("2026/11/24 23:19:37.696179 BGP: [..] 198.18.0.1(vm)
+    rcvd RD .. [2]:[0]:[48]:[MAC] label .."): per sampled MAC, the first
+    receipt after its event was sent, in ms after the send."""
+    first = {}
+    try:
+        f = open(log, errors="replace")
+    except OSError:
+        return []
+    with f:
+        for line in f:
+            if " rcvd RD " not in line or "[2]:" not in line:
+                continue
+            try:
+                mac = line.split("[48]:[", 1)[1].split("]", 1)[0]
+            except IndexError:
+                continue
+            if mac not in sent_wall:
+                continue
+            try:
+                ts, frac = line[:26].split(".")
+                at = time.mktime(time.strptime(ts, "%Y/%m/%d %H:%M:%S")) + float("0." + frac)
+            except ValueError:
+                continue
+            if at >= sent_wall[mac] - 0.001 and mac not in first:
+                first[mac] = (at - sent_wall[mac]) * 1e3
+    return list(first.values())
 
 
 def settled(lab, vnis):

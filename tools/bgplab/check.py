@@ -138,8 +138,8 @@ def run_ours(args, lab, say):
 
     # 2. FRR -> our import
     lab.frr_fdb_add(VNI, M_FRR, "static")
-    c.expect("%s in our import mirror behind %s" % (M_FRR, L.FRR_ADDR),
-             lambda: (stack.imported(VNI)[0].get(M_FRR, (None,))[0] == L.FRR_ADDR, stack.imported(VNI)[0]))
+    c.expect("%s in our import mirror behind %s, seq 0" % (M_FRR, L.FRR_ADDR),
+             lambda: (stack.imported(VNI)[0].get(M_FRR) == (L.FRR_ADDR, 0), stack.imported(VNI)[0]))
     c.done("a MAC added on FRR's bridge is in our import VniStatusV2")
 
     # 3. FRR's type-3 -> our flood list
@@ -156,7 +156,7 @@ def run_ours(args, lab, say):
     c.expect("%s in FRR (VTEP %s, seq 1)" % (M_MOVER, VTEP1), c.frr_mac_is(M_MOVER, VTEP1, 1))
     # FRR learns it locally: it takes the MAC over with a higher sequence
     # number, which must win in our import.
-    lab.frr_fdb_add(VNI, M_MOVER, "dynamic")
+    lab.frr_fdb_add(VNI, M_MOVER, "dynamic", verb="replace")
     c.expect("%s local in FRR with a higher sequence number" % M_MOVER,
              lambda: (lab.frr_macs(VNI).get(M_MOVER, {}).get("type") == "local"
                       and lab.frr_macs(VNI)[M_MOVER].get("localSequence", 0) > 1, lab.frr_macs(VNI).get(M_MOVER)))

@@ -241,8 +241,10 @@ class Lab:
             self.ip(ns, "link", "set", dev, "up")
         self.vnis.append(vni)
 
-    def frr_fdb_add(self, vni, mac, kind="static"):
-        self.nsexec(self.ns_frr, "bridge", "fdb", "replace", mac, "dev", "ac%d" % vni, "master", kind)
+    def frr_fdb_add(self, vni, mac, kind="static", verb="add"):
+        """A local MAC on the VNI's access port: `bridge fdb add` (or
+        `replace`, to take over a MAC the bridge has on the VXLAN device)."""
+        self.nsexec(self.ns_frr, "bridge", "fdb", verb, mac, "dev", "ac%d" % vni, "master", kind)
 
     def frr_fdb_del(self, vni, mac):
         self.nsexec(self.ns_frr, "bridge", "fdb", "del", mac, "dev", "ac%d" % vni, "master", check=False)
@@ -277,8 +279,10 @@ class Lab:
         os.chmod(self.frr_dir, 0o750)
         d = self.frr_dir
         with open(os.path.join(d, "zebra.conf"), "w") as f:
-            f.write("hostname frr-lab\n!\n")
-        lines = ["frr defaults datacenter", "hostname frr-lab", "!",
+            f.write("hostname frr-lab\nlog file %s\nlog timestamp precision 6\n!\n" % os.path.join(d, "zebra.log"))
+        # Microseconds in the log: the benchmark reads bgpd's update debug.
+        lines = ["frr defaults datacenter", "hostname frr-lab", "log file %s" % os.path.join(d, "bgpd.log"),
+                 "log timestamp precision 6", "!",
                  "router bgp %d" % asn,
                  " bgp router-id %s" % FRR_ADDR,
                  " no bgp default ipv4-unicast",
@@ -301,8 +305,7 @@ class Lab:
         def args(name):
             a = list(common)
             a[1] = os.path.join(d, name + ".pid")
-            return [os.path.join(FRR_DIR, name), "-f", os.path.join(d, name + ".conf")] + a + \
-                ["--log", "file:" + os.path.join(d, name + ".log")]
+            return [os.path.join(FRR_DIR, name), "-f", os.path.join(d, name + ".conf")] + a
 
         # zebra's own log file is written by the frr user; stdout takes what
         # it prints before.
