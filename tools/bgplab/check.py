@@ -229,7 +229,7 @@ def run_ours(args, lab, say):
     c.done("SIGKILL and restart of orbevpn-bgp: FRR holds the same routes once reconciled (%.1f s)" % took)
     # Graceful restart should keep them meanwhile; not required, so told.
     say("      meanwhile FRR's view differed in %d of %d looks%s" % (
-        len(changes), watch.looks, (": " + changes[0]) if changes else ""))
+        len(changes), watch.looks, (": " + changes[0][:400]) if changes else ""))
     c.expect("our import after the restarts",
              lambda: (stack.imported(VNI)[0].get(M_FRR, (None,))[0] == L.FRR_ADDR
                       and L.FRR_ADDR in stack.imported(VNI)[1], stack.imported(VNI)))
@@ -296,7 +296,8 @@ def diff(a, b):
     for vni in a:
         for k in a[vni]:
             if a[vni][k] != b.get(vni, {}).get(k):
-                out.append("VNI %s %s: before %s, now %s" % (vni, k, a[vni][k], b.get(vni, {}).get(k)))
+                out.append("%s %s: before %s, now %s" % ("VNI %s" % vni if vni != "bgp" else "BGP", k, a[vni][k],
+                                                         b.get(vni, {}).get(k)))
     return "; ".join(out) or "no difference"
 
 
