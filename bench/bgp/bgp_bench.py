@@ -151,7 +151,7 @@ def poll_until(what, pred, timeout, period):
     raise TimeoutError(what)
 
 
-def one_size(args, n, say):
+def one_size(args, n, say, res):
     vnis = list(range(1001, 1001 + args.vnis))
     with L.Lab(keep=args.keep, say=say) as lab:
         lab.make_network()
@@ -184,15 +184,15 @@ def one_size(args, n, say):
         period = max(0.25, min(2.0, n / 50000.0))
         t_export = poll_until("%d hosts in the export table" % n,
                               lambda: stack.status().get("exported", {}).get("hosts", 0) >= n, timeout, 0.1)
+        res["load_export_s"] = t_export - t0
         t_gobgp = None
         if api:
             t_gobgp = poll_until("%d routes in gobgpd's RIB" % n,
                                  lambda: gobgp_local_type2(lab, api) - base >= n + len(vnis), timeout, period)
         t_frr = poll_until("%d routes received by FRR" % n,
                            lambda: frr_received(lab) >= n + len(vnis), timeout, period)
-        res = {"hosts": n, "vnis": len(vnis),
-               "load_export_s": t_export - t0, "load_frr_s": t_frr - t0,
-               "frr_routes_per_s": n / (t_frr - t0)}
+        res.update({"load_frr_s": t_frr - t0,
+               "frr_routes_per_s": n / (t_frr - t0)})
         if t_gobgp:
             res["load_gobgp_s"] = t_gobgp - t0
             res["gobgp_routes_per_s"] = n / (t_gobgp - t0)
@@ -312,14 +312,17 @@ def main(argv=None):
     rc = 0
     for text in args.sizes.split(","):
         n = size_of(text)
+        r = {"hosts": n, "vnis": args.vnis}
         try:
-            r = one_size(args, n, say)
+            one_size(args, n, say, r)
         except L.SetupError as e:
             print("bgp hosts=%d error=%r" % (n, str(e).splitlines()[0]))
             say(str(e))
             return 2
         except TimeoutError as e:
-            print("bgp hosts=%d error=%r" % (n, str(e)))
+            # What was measured before the timeout, then the reason.
+            print("bgp " + " ".join("%s=%s" % (k, ("%.3g" % v) if isinstance(v, float) else v)
+                                    for k, v in r.items()) + " error=%r" % str(e), flush=True)
             rc = 1
             continue
         print("bgp " + " ".join("%s=%s" % (k, ("%.3g" % v) if isinstance(v, float) else v) for k, v in r.items()),
