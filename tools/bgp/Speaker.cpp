@@ -1,0 +1,464 @@
+#include "tools/bgp/Speaker.h"
+
+#include "tools/bgp/GobgpPaths.h"
+#include "tools/common/Boundary.h"
+
+#include <fmt/format.h>
+
+#include <stdexcept>
+
+namespace OrbEvpn::Bgp {
+
+namespace B = OrbEvpn::Boundary;
+
+namespace {
+
+bool vacantHost( const Host& h ) { return h == Host(); }
+
+std::string hostText( const Host& h ) {
+   return fmt::format( "{} vni {} vtep {} seq {}", macText( h.macAddr() ), h.vni().value(), ipText( h.vtepAddr() ),
+                       h.seqNo().value() );
+}
+
+}  // namespace
+
+Speaker::Speaker( SpeakerOptions options, std::ostream& log )
+      : options_( std::move( options ) ),
+        log_( log ),
+        rdIndex_( options_.daemon.stateDir.empty() ? std::string() : options_.daemon.stateDir + "/rd-index" ),
+        daemon_( options_.daemon ) {
+   B::checkPrefix( options_.prefix );
+   auto rid = parseIp( options_.routerId );
+   if ( !rid ) {
+      throw std::invalid_argument( fmt::format( "bad router id \"{}\"", options_.routerId ) );
+   }
+   routerId_ = *rid;
+   const std::string& p = options_.prefix;
+   hostOut_.attach( B::pathOf( p, B::evpnHost ) );
+   floodOut_.attach( B::pathOf( p, B::evpnFlood ) );
+   capabilityOut_.attach( B::pathOf( p, B::evpnCapability ) );
+
+   exportHost_ = std::make_unique< Lumen::Reader< Host > >( B::pathOf( p, B::exportHost ), Host(), &vacantHost );
+   exportFlood_ = std::make_unique< Lumen::Reader< FloodEntry > >( B::pathOf( p, B::exportFlood ) );
+   brIdList_ = std::make_unique< Lumen::Reader< BrIdListRecord > >( B::pathOf( p, B::brIdList ) );
+   config_ = std::make_unique< Lumen::Reader< OrbEvpnConfigRecord > >( B::pathOf( p, B::config ) );
+   exportHost_->onKeyIs( [ this ]( const MacVniPair& k ) {
+      auto& keys = exportHostsOf_[ k.vni().value() ];
+      if ( exportHost_->contains( k ) ) {
+         keys.insert( k );
+      } else {
+         keys.erase( k );
+      }
+      dirtyHosts_.insert( k );
+   } );
+   exportFlood_->onKeyIs( [ this ]( const VniVtepPair& k ) {
+      auto& keys = exportFloodOf_[ k.vni().value() ];
+      if ( exportFlood_->contains( k ) ) {
+         keys.insert( k );
+      } else {
+         keys.erase( k );
+      }
+      dirtyFlood_.insert( k );
+   } );
+   brIdList_->onKeyIs( [ this ]( const Bridging::BridgeId& b ) {
+      if ( b.isVni() ) {
+         dirtyVnis_.insert( b.value() & Bridging::BridgeId::localMask );
+      }
+   } );
+   config_->onKeyIs( [ this ]( const SingletonKey& ) { allDirty_ = true; } );
+   // The readers report changes from their mount on; what was there at the
+   // mount is read here.
+   for ( auto e = exportHost_->next(); e; e = exportHost_->next( e->second ) ) {
+      exportHostsOf_[ e->first.vni().value() ].insert( e->first.key() );
+   }
+   for ( auto e = exportFlood_->next(); e; e = exportFlood_->next( e->second ) ) {
+      exportFloodOf_[ e->first.vni().value() ].insert( e->first.key() );
+   }
+
+   startDaemon();
+   EvpnCapabilityRecord cap;
+   cap.evpnEnabled = 1;
+   capabilityOut_.write( cap );
+}
+
+Speaker::~Speaker() {
+   // The watch thread reads through the client: gone before the daemon.
+   client_.reset();
+   daemon_.stop();
+}
+
+// A daemon that keeps dying is not restarted for ever.
+void Speaker::startDaemon() {
+   auto now = Clock::now();
+   std::erase_if( restarts_, [ now ]( Clock::time_point t ) { return now - t > std::chrono::minutes( 1 ); } );
+   if ( int( restarts_.size() ) > options_.maxRestarts ) {
+      throw std::runtime_error(
+         fmt::format( "gobgpd restarted {} times within a minute; see {}", restarts_.size(), daemon_.logPath() ) );
+   }
+   restarts_.push_back( now );
+   client_.reset();
+   daemon_.start();
+   connect();
+}
+
+// The daemon's global settings and peers are configured here every time:
+// a restarted gobgpd remembers nothing.
+void Speaker::connect() {
+   client_ = std::make_unique< GobgpClient >( daemon_.socketPath() );
+   if ( !client_->waitReady( std::chrono::seconds( 15 ) ) ) {
+      throw std::runtime_error( fmt::format( "gobgpd does not answer on {}; see {}", daemon_.socketPath(),
+                                             daemon_.logPath() ) );
+   }
+   GlobalConfig g{ options_.asn, options_.routerId, options_.listenPort, options_.restartTime };
+   client_->startBgp( g );
+   reconcileRib();
+   for ( const NeighborConfig& n : options_.neighbors ) {
+      client_->addPeer( n, g );
+   }
+   ImportSelection::Touched discarded;
+   selection_.clear( discarded );
+   importHeld_ = true;
+   importHoldEnd_ = Clock::now() + std::chrono::milliseconds( options_.importHoldMs );
+   client_->watchStart();
+   log_ << fmt::format( "orbevpn-bgp: gobgpd {} up, {} routes advertised, {} neighbors\n", daemon_.pid(),
+                        advertised(), options_.neighbors.size() );
+   log_.flush();
+}
+
+// What the daemon holds from us is read back, so that a route it still has
+// and that is still wanted is left alone (no withdrawal, no update).
+void Speaker::reconcileRib() {
+   ++stats_.reconciles;
+   advertisedHosts_.clear();
+   advertisedFlood_.clear();
+   for ( const apipb::Path& p : client_->localEvpnPaths() ) {
+      auto lp = learntOf( p );
+      bool kept = false;
+      if ( lp && lp->mac && lp->mac->label <= Vxlan::Vni::max ) {
+         MacVniPair k( lp->mac->mac, Vxlan::Vni( lp->mac->label ) );
+         kept = advertisedHosts_.emplace( k, *lp->mac ).second;
+      } else if ( lp && lp->flood && lp->flood->label <= Vxlan::Vni::max ) {
+         VniVtepPair k( Vxlan::Vni( lp->flood->label ), lp->flood->originator );
+         kept = advertisedFlood_.emplace( k, *lp->flood ).second;
+      }
+      if ( !kept ) {
+         client_->deletePath( p );   // not one of ours as we make them
+         ++stats_.routesWithdrawn;
+      }
+   }
+   markAllDirty();
+   syncExport();
+}
+
+void Speaker::markAllDirty() { allDirty_ = true; }
+
+std::vector< int > Speaker::fds() const {
+   std::vector< int > out{ exportHost_->fd(), exportFlood_->fd(), brIdList_->fd(), config_->fd() };
+   if ( client_ ) {
+      out.push_back( client_->fd() );
+   }
+   if ( daemon_.fd() >= 0 ) {
+      out.push_back( daemon_.fd() );
+   }
+   return out;
+}
+
+int Speaker::msUntilDue( Clock::time_point now ) const {
+   auto due = now + std::chrono::milliseconds( options_.retryMs );
+   if ( importHeld_ ) {
+      due = std::min( due, importHoldEnd_ );
+   }
+   if ( !refusedHosts_.empty() ) {
+      due = std::min( due, nextRetry_ );
+   }
+   if ( due <= now ) {
+      return 0;
+   }
+   return int( std::chrono::ceil< std::chrono::milliseconds >( due - now ).count() );
+}
+
+void Speaker::step() {
+   exportHost_->dispatch();
+   exportFlood_->dispatch();
+   brIdList_->dispatch();
+   config_->dispatch();
+   if ( daemon_.reapIfExited() ) {
+      daemonLost( "gobgpd exited" );
+   } else if ( client_ && client_->watchEnded() ) {
+      daemonLost( "the route-event stream of gobgpd ended" );
+   }
+   takeImport();
+   auto now = Clock::now();
+   if ( !refusedHosts_.empty() && now >= nextRetry_ ) {
+      dirtyHosts_.insert( refusedHosts_.begin(), refusedHosts_.end() );
+      nextRetry_ = now + std::chrono::milliseconds( options_.retryMs );
+   }
+   try {
+      syncExport();
+   } catch ( const GobgpError& e ) {
+      // A call that failed for want of the daemon is redone by the
+      // reconcile that follows its restart.
+      daemonLost( e.what() );
+   }
+   if ( importHeld_ && Clock::now() >= importHoldEnd_ ) {
+      endImportHold();
+   }
+}
+
+void Speaker::daemonLost( const std::string& why ) {
+   ++stats_.daemonRestarts;
+   log_ << "orbevpn-bgp: " << why << "; restarting it and reconciling\n";
+   log_.flush();
+   startDaemon();
+}
+
+bool Speaker::advertisable( uint32_t vni ) const {
+   bool integration = config_->count() > 0 && config_->lookup( SingletonKey{} ).orbEvpnIntegrationMode != 0;
+   return integration && vni <= Vxlan::Vni::max && brIdList_->contains( Bridging::BridgeId( Vxlan::Vni( vni ) ) );
+}
+
+std::optional< RouteDistinguisher > Speaker::rdOf( uint32_t vni ) {
+   auto index = rdIndex_.indexOf( vni );
+   if ( !index ) {
+      return std::nullopt;
+   }
+   return RouteDistinguisher{ routerId_, *index };
+}
+
+std::optional< MacRoute > Speaker::wantHost( const MacVniPair& k ) {
+   uint32_t vni = k.vni().value();
+   if ( !advertisable( vni ) || !exportHost_->contains( k ) ) {
+      return std::nullopt;
+   }
+   auto rd = rdOf( vni );
+   auto rt = routeTargetOf( options_.rtScheme, options_.asn, vni );
+   if ( !rd || !rt ) {
+      return std::nullopt;
+   }
+   return macRouteOf( exportHost_->lookup( k ), *rd, *rt );
+}
+
+std::optional< FloodRoute > Speaker::wantFlood( const VniVtepPair& k ) {
+   uint32_t vni = k.vni().value();
+   if ( !advertisable( vni ) || !exportFlood_->contains( k ) ) {
+      return std::nullopt;
+   }
+   auto rd = rdOf( vni );
+   auto rt = routeTargetOf( options_.rtScheme, options_.asn, vni );
+   if ( !rd || !rt ) {
+      return std::nullopt;
+   }
+   return floodRouteOf( FloodEntry( k ), *rd, *rt );
+}
+
+void Speaker::syncExport() {
+   if ( !client_ ) {
+      return;
+   }
+   if ( allDirty_ ) {
+      for ( const auto& [ vni, keys ] : exportHostsOf_ ) {
+         dirtyHosts_.insert( keys.begin(), keys.end() );
+      }
+      for ( const auto& [ vni, keys ] : exportFloodOf_ ) {
+         dirtyFlood_.insert( keys.begin(), keys.end() );
+      }
+      for ( const auto& [ k, r ] : advertisedHosts_ ) {
+         dirtyHosts_.insert( k );
+      }
+      for ( const auto& [ k, r ] : advertisedFlood_ ) {
+         dirtyFlood_.insert( k );
+      }
+      allDirty_ = false;
+      dirtyVnis_.clear();
+   }
+   if ( !dirtyVnis_.empty() ) {
+      for ( uint32_t vni : dirtyVnis_ ) {
+         auto& hosts = exportHostsOf_[ vni ];
+         dirtyHosts_.insert( hosts.begin(), hosts.end() );
+         auto& flood = exportFloodOf_[ vni ];
+         dirtyFlood_.insert( flood.begin(), flood.end() );
+      }
+      for ( const auto& [ k, r ] : advertisedHosts_ ) {
+         if ( dirtyVnis_.count( k.vni().value() ) ) {
+            dirtyHosts_.insert( k );
+         }
+      }
+      for ( const auto& [ k, r ] : advertisedFlood_ ) {
+         if ( dirtyVnis_.count( k.vni().value() ) ) {
+            dirtyFlood_.insert( k );
+         }
+      }
+      dirtyVnis_.clear();
+   }
+   // Taken one at a time: a failed call leaves the rest dirty for the
+   // reconcile after the daemon's restart.
+   while ( !dirtyHosts_.empty() ) {
+      MacVniPair k = *dirtyHosts_.begin();
+      syncHost( k );
+      dirtyHosts_.erase( dirtyHosts_.begin() );
+   }
+   while ( !dirtyFlood_.empty() ) {
+      VniVtepPair k = *dirtyFlood_.begin();
+      syncFlood( k );
+      dirtyFlood_.erase( dirtyFlood_.begin() );
+   }
+   rdIndex_.flush();
+}
+
+void Speaker::syncHost( const MacVniPair& k ) {
+   auto want = wantHost( k );
+   auto have = advertisedHosts_.find( k );
+   if ( !want ) {
+      refusedHosts_.erase( k );
+      if ( have != advertisedHosts_.end() ) {
+         client_->deletePath( pathOf( have->second ) );
+         advertisedHosts_.erase( have );
+         ++stats_.routesWithdrawn;
+      }
+      return;
+   }
+   if ( have != advertisedHosts_.end() && have->second == *want ) {
+      return;
+   }
+   try {
+      client_->addPath( pathOf( *want ) );
+   } catch ( const GobgpError& e ) {
+      std::string what = e.what();
+      if ( what.find( "MAC mobility" ) == std::string::npos ) {
+         throw;
+      }
+      bool retried = false;
+      if ( have != advertisedHosts_.end() && have->second.sequence > want->sequence ) {
+         // Our own earlier route is what blocks a lower sequence number.
+         client_->deletePath( pathOf( have->second ) );
+         advertisedHosts_.erase( have );
+         have = advertisedHosts_.end();
+         ++stats_.routesWithdrawn;
+         try {
+            client_->addPath( pathOf( *want ) );
+            retried = true;
+         } catch ( const GobgpError& ) {
+         }
+      }
+      if ( !retried ) {
+         if ( refusedHosts_.insert( k ).second ) {
+            ++stats_.refused;
+            Host h = exportHost_->lookup( k );
+            log_ << "orbevpn-bgp: gobgpd refuses " << hostText( h )
+                 << ": a route for the MAC with a higher sequence number exists; retrying\n";
+            if ( nextRetry_ < Clock::now() ) {
+               nextRetry_ = Clock::now() + std::chrono::milliseconds( options_.retryMs );
+            }
+         }
+         return;
+      }
+   }
+   refusedHosts_.erase( k );
+   advertisedHosts_[ k ] = *want;
+   ++stats_.routesAdded;
+}
+
+void Speaker::syncFlood( const VniVtepPair& k ) {
+   auto want = wantFlood( k );
+   auto have = advertisedFlood_.find( k );
+   if ( !want ) {
+      if ( have != advertisedFlood_.end() ) {
+         client_->deletePath( pathOf( have->second ) );
+         advertisedFlood_.erase( have );
+         ++stats_.routesWithdrawn;
+      }
+      return;
+   }
+   if ( have != advertisedFlood_.end() && have->second == *want ) {
+      return;
+   }
+   client_->addPath( pathOf( *want ) );
+   advertisedFlood_[ k ] = *want;
+   ++stats_.routesAdded;
+}
+
+void Speaker::takeImport() {
+   if ( !client_ ) {
+      return;
+   }
+   ImportSelection::Touched t;
+   for ( const apipb::Path& p : client_->takeEvents() ) {
+      ++stats_.importEvents;
+      auto lp = learntOf( p );
+      if ( !lp ) {
+         ++stats_.importIgnored;
+         continue;
+      }
+      if ( lp->local || lp->withdraw ) {
+         selection_.sourceDel( lp->nlriKey, t );
+         continue;
+      }
+      std::optional< Host > h = lp->mac ? hostOf( *lp->mac ) : std::nullopt;
+      std::optional< FloodEntry > f = lp->flood ? floodEntryOf( *lp->flood ) : std::nullopt;
+      if ( h ) {
+         selection_.hostIs( lp->nlriKey, *h, t );
+      } else if ( f ) {
+         selection_.floodIs( lp->nlriKey, *f, t );
+      } else {
+         ++stats_.importIgnored;
+         selection_.sourceDel( lp->nlriKey, t );
+      }
+   }
+   if ( !t.hosts.empty() && !refusedHosts_.empty() ) {
+      dirtyHosts_.insert( refusedHosts_.begin(), refusedHosts_.end() );
+   }
+   applyImport( t );
+}
+
+void Speaker::applyImport( const ImportSelection::Touched& t ) {
+   for ( const MacVniPair& k : t.hosts ) {
+      auto w = selection_.winner( k );
+      if ( w ) {
+         if ( !( hostOut_.lookup( k ) == *w ) ) {
+            hostOut_.write( *w );
+         }
+      } else if ( !importHeld_ && hostOut_.contains( k ) ) {
+         hostOut_.remove( k );
+      }
+   }
+   for ( const VniVtepPair& k : t.flood ) {
+      if ( selection_.floodPresent( k ) ) {
+         if ( !floodOut_.contains( k ) ) {
+            floodOut_.write( FloodEntry( k ) );
+         }
+      } else if ( !importHeld_ && floodOut_.contains( k ) ) {
+         floodOut_.remove( k );
+      }
+   }
+}
+
+// Entries left from before the start (or the daemon's restart) that no
+// route has confirmed within the hold time are gone from BGP.
+void Speaker::endImportHold() {
+   importHeld_ = false;
+   std::vector< MacVniPair > staleHosts;
+   for ( auto e = hostOut_.next(); e; e = hostOut_.next( e->second ) ) {
+      if ( !selection_.winner( e->first.key() ) ) {
+         staleHosts.push_back( e->first.key() );
+      }
+   }
+   for ( const auto& k : staleHosts ) {
+      hostOut_.remove( k );
+   }
+   std::vector< VniVtepPair > staleFlood;
+   for ( auto e = floodOut_.next(); e; e = floodOut_.next( e->second ) ) {
+      if ( !selection_.floodPresent( e->first.key() ) ) {
+         staleFlood.push_back( e->first.key() );
+      }
+   }
+   for ( const auto& k : staleFlood ) {
+      floodOut_.remove( k );
+   }
+   if ( !staleHosts.empty() || !staleFlood.empty() ) {
+      log_ << fmt::format( "orbevpn-bgp: removed {} hosts and {} flood entries no route supports any more\n",
+                           staleHosts.size(), staleFlood.size() );
+      log_.flush();
+   }
+}
+
+}  // namespace OrbEvpn::Bgp

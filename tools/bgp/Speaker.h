@@ -1,0 +1,152 @@
+// Speaker: orbevpn-bgp as one object. The EVPN side of the boundary
+// (docs/boundary.md) on BGP EVPN through a gobgpd child.
+//
+// Export: it follows export/host, export/flood, brIdList and config
+// through Lumen readers and keeps gobgpd's RIB equal to what they say: one
+// type-2 route per host and one type-3 route per flood entry of every VNI
+// whose bridge id is listed while the integration flag is true
+// (EvpnRoute.h). A change of a record replaces its route, a removal
+// withdraws it. On start, and whenever the daemon is restarted or the API
+// connection is made again, it lists the daemon's own routes and
+// reconciles them all against the tables, before any peer is configured,
+// so that peers receive the complete set before End-of-RIB.
+//
+// Import: it follows gobgpd's best-path events and writes the winners
+// (ImportSelection.h) into evpn/host and evpn/flood. After a start or a
+// daemon restart, entries the tables already hold are kept until the
+// import hold time has passed (peers need a moment to send their routes
+// again); then what no route supports is removed.
+//
+// gobgpd's MAC mobility check refuses a route whose sequence number is
+// below that of any best route for the same MAC, in any VNI. A host whose
+// own earlier route is the obstacle is withdrawn and advertised again; one
+// held back by another route is reported, counted as refused, and retried
+// whenever routes change and every retryMs.
+//
+// Threading: one thread, the caller's, plus the gRPC stream's thread
+// inside GobgpClient.
+#pragma once
+
+#include "orbevpn/exchange/FloodEntry.h"
+#include "orbevpn/exchange/Host.h"
+#include "platform/lumen/Table.h"
+#include "platform/model/OrbBrIdList.h"
+#include "tools/bgp/Daemon.h"
+#include "tools/bgp/EvpnRoute.h"
+#include "tools/bgp/GobgpClient.h"
+#include "tools/bgp/ImportSelection.h"
+#include "tools/bgp/RdIndex.h"
+#include "tools/common/BoundaryRecords.h"
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <ostream>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace OrbEvpn::Bgp {
+
+struct SpeakerOptions {
+   uint32_t asn = 0;
+   std::string routerId;
+   std::vector< NeighborConfig > neighbors;
+   RtScheme rtScheme = RtScheme::autoDerived;
+   std::string prefix = "/orbevpn";
+   DaemonOptions daemon;
+   int32_t listenPort = 179;
+   uint32_t restartTime = 120;   // graceful restart, seconds
+   int importHoldMs = 10000;
+   int retryMs = 2000;
+   int maxRestarts = 5;          // daemon restarts within a minute before giving up
+};
+
+struct SpeakerStats {
+   uint64_t routesAdded = 0;
+   uint64_t routesWithdrawn = 0;
+   uint64_t refused = 0;           // AddPath refusals (MAC mobility and others)
+   uint64_t importEvents = 0;
+   uint64_t importIgnored = 0;     // not EVPN type 2/3, unparsable, or label/RT mismatch
+   uint64_t daemonRestarts = 0;
+   uint64_t reconciles = 0;
+};
+
+class Speaker {
+ public:
+   using Clock = std::chrono::steady_clock;
+
+   // Attaches its tables, starts and configures gobgpd, reconciles, and
+   // writes the capability. Throws on a daemon that does not come up.
+   Speaker( SpeakerOptions options, std::ostream& log );
+   ~Speaker();
+   Speaker( const Speaker& ) = delete;
+   Speaker& operator=( const Speaker& ) = delete;
+
+   // Descriptors to poll; then call step().
+   std::vector< int > fds() const;
+   // Handles whatever is ready and whatever is due; never waits for input.
+   void step();
+   // Milliseconds until step() has timed work (at most retryMs).
+   int msUntilDue( Clock::time_point now ) const;
+
+   const SpeakerStats& stats() const { return stats_; }
+   size_t advertised() const { return advertisedHosts_.size() + advertisedFlood_.size(); }
+   size_t refusedNow() const { return refusedHosts_.size(); }
+
+ private:
+   void startDaemon();
+   void connect();
+   void reconcileRib();
+   void markAllDirty();
+   void syncExport();
+   void syncHost( const MacVniPair& k );
+   void syncFlood( const VniVtepPair& k );
+   std::optional< MacRoute > wantHost( const MacVniPair& k );
+   std::optional< FloodRoute > wantFlood( const VniVtepPair& k );
+   std::optional< RouteDistinguisher > rdOf( uint32_t vni );
+   bool advertisable( uint32_t vni ) const;
+   void takeImport();
+   void applyImport( const ImportSelection::Touched& t );
+   void endImportHold();
+   void daemonLost( const std::string& why );
+
+   SpeakerOptions options_;
+   std::ostream& log_;
+   Wire::IpAddr routerId_;
+   RdIndex rdIndex_;
+
+   Lumen::Writer< Host > hostOut_;
+   Lumen::Writer< FloodEntry > floodOut_;
+   Lumen::Writer< EvpnCapabilityRecord > capabilityOut_;
+   std::unique_ptr< Lumen::Reader< Host > > exportHost_;
+   std::unique_ptr< Lumen::Reader< FloodEntry > > exportFlood_;
+   std::unique_ptr< Lumen::Reader< BrIdListRecord > > brIdList_;
+   std::unique_ptr< Lumen::Reader< OrbEvpnConfigRecord > > config_;
+
+   Daemon daemon_;
+   std::unique_ptr< GobgpClient > client_;
+   std::vector< Clock::time_point > restarts_;
+
+   // The export tables by VNI, for changes of a VNI's advertisability.
+   std::unordered_map< uint32_t, std::set< MacVniPair > > exportHostsOf_;
+   std::unordered_map< uint32_t, std::set< VniVtepPair > > exportFloodOf_;
+   // What gobgpd holds from us.
+   std::map< MacVniPair, MacRoute > advertisedHosts_;
+   std::map< VniVtepPair, FloodRoute > advertisedFlood_;
+   std::set< MacVniPair > dirtyHosts_;
+   std::set< VniVtepPair > dirtyFlood_;
+   std::set< uint32_t > dirtyVnis_;
+   bool allDirty_ = false;
+   std::set< MacVniPair > refusedHosts_;
+   Clock::time_point nextRetry_{};
+
+   ImportSelection selection_;
+   bool importHeld_ = true;
+   Clock::time_point importHoldEnd_{};
+
+   SpeakerStats stats_;
+};
+
+}  // namespace OrbEvpn::Bgp
