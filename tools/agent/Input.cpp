@@ -45,7 +45,7 @@ Input::Input( EventLoop& loop, const std::string& source, LineFn onLine, EndFn o
       const mode_t old = ::umask( 077 );
       const int rc = ::bind( listenFd_, reinterpret_cast< sockaddr* >( &addr ), sizeof addr );
       ::umask( old );
-      if ( rc != 0 || ::listen( listenFd_, 4 ) != 0 ) {
+      if ( rc != 0 || ::chmod( socketPath_.c_str(), 0600 ) != 0 || ::listen( listenFd_, 4 ) != 0 ) {
          fail( fmt::format( "listening on {}", socketPath_ ) );
       }
       loop_.add( listenFd_, [ this ]( uint32_t ) {

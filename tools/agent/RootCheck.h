@@ -12,8 +12,8 @@ namespace Agent {
 // The exit status of an agent that refuses its root (EX_NOPERM).
 inline constexpr int exitUnsafeRoot = 77;
 
-// Empty when `root` is safe to use; else why not, naming the folder, its
-// owner and its mode.
+// Empty when `root` is safe to use (or is no folder at all, which opening
+// a table reports); else why not, naming the folder, its owner or mode.
 std::string unsafeRootReason( const std::string& root );
 
 }  // namespace Agent
