@@ -22,6 +22,7 @@
 
 #include <fmt/format.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -56,7 +57,11 @@ std::string consistencyProblem( const OrbEvpn::MacVniPair& key, const OrbEvpn::H
 }
 
 int read( const std::string& prefix, uint32_t sample ) {
+   const auto t0 = std::chrono::steady_clock::now();
    Lumen::Reader< OrbEvpn::Host > reader( OrbEvpn::Boundary::pathOf( prefix, OrbEvpn::Boundary::exportHost ) );
+   std::fprintf( stderr, "orbevpn-soak-reader: mounted (%s) with %u records in %.1f s\n",
+                 Lumen::mountStatusName( reader.mountStatus() ), reader.count(),
+                 std::chrono::duration< double >( std::chrono::steady_clock::now() - t0 ).count() );
    uint64_t notified = 0, checked = 0, inconsistent = 0;
    std::string first;
    auto check = [ & ]( const OrbEvpn::MacVniPair& k, const OrbEvpn::Host& h ) {
