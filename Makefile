@@ -2,7 +2,7 @@
 PRESET ?= debug
 JOBS   ?= $(shell nproc)
 
-.PHONY: setup build test demo soak bench clean
+.PHONY: setup build test demo soak soak-system bench clean
 
 setup:
 	@scripts/setup
@@ -25,6 +25,12 @@ SOAK_SECONDS ?= 300
 soak: build
 	LUMEN_CHURN_SECONDS=$(SOAK_SECONDS) build/$(PRESET)/tests/platform/lumen/lumen_tests \
 	   --gtest_filter='LumenChurn.*'
+
+# The whole system under churn: SOAK_HOSTS hosts (default 1M), four reader
+# processes, SOAK_SECONDS of churn; resources must stay flat and every
+# reader consistent (scripts/soak-system; release build).
+soak-system: setup
+	SOAK_SECONDS=$(SOAK_SECONDS) scripts/soak-system
 
 bench: PRESET = release
 bench: build

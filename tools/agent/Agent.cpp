@@ -208,6 +208,8 @@ void Agent::startInput() {
    input_ = std::make_unique< Input >(
       loop_, o_.input, [ this ]( std::string_view line, uint64_t n ) { onLine( line, n ); },
       [ this ] { inputDone(); } );
+   input_->maxLineIs( o_.maxLineBytes );
+   input_->onTooLongIs( [ this ]( uint64_t n, uint64_t bytes ) { onTooLong( n, bytes ); } );
 }
 
 void Agent::startDemo() {
@@ -389,6 +391,12 @@ void Agent::publishFlag() {
 
 // ---- events
 
+// "in.jsonl: line 3 (byte 118)": enough to find the line in the stream.
+std::string Agent::lineAt( uint64_t number ) const {
+   return fmt::format( "{}: line {} (byte {})", input_ ? input_->where() : std::string( "input" ), number,
+                       input_ ? input_->lineOffset() : 0 );
+}
+
 void Agent::onLine( std::string_view line, uint64_t number ) {
    if ( line.find_first_not_of( " \t\r" ) == std::string_view::npos ) {
       return;   // blank lines separate nothing and mean nothing
@@ -396,7 +404,7 @@ void Agent::onLine( std::string_view line, uint64_t number ) {
    Parsed p = parseEvent( line );
    if ( auto* reason = std::get_if< std::string >( &p ) ) {
       ++counts_.badLines;
-      std::fprintf( stderr, "line %llu: %s\n", (unsigned long long)number, reason->c_str() );
+      std::fprintf( stderr, "%s: %s\n", lineAt( number ).c_str(), reason->c_str() );
       return;
    }
    const Event& e = std::get< Event >( p );
@@ -404,7 +412,7 @@ void Agent::onLine( std::string_view line, uint64_t number ) {
       const std::string refusal = Boundary::refuseWrite( o_.prefix, table, Boundary::Side::agent );
       if ( !refusal.empty() ) {
          ++counts_.refused;
-         std::fprintf( stderr, "line %llu: %s\n", (unsigned long long)number, refusal.c_str() );
+         std::fprintf( stderr, "%s: %s\n", lineAt( number ).c_str(), refusal.c_str() );
          return;
       }
    }
@@ -412,8 +420,14 @@ void Agent::onLine( std::string_view line, uint64_t number ) {
       apply( e );
    } catch ( const std::exception& x ) {
       ++counts_.badLines;
-      std::fprintf( stderr, "line %llu: %s\n", (unsigned long long)number, x.what() );
+      std::fprintf( stderr, "%s: %s\n", lineAt( number ).c_str(), x.what() );
    }
+}
+
+void Agent::onTooLong( uint64_t number, uint64_t bytes ) {
+   ++counts_.badLines;
+   std::fprintf( stderr, "%s: line of %llu bytes is longer than the limit of %zu; skipped\n",
+                 lineAt( number ).c_str(), (unsigned long long)bytes, input_->maxLine() );
 }
 
 void Agent::apply( const Event& e ) {
@@ -531,7 +545,7 @@ int Agent::run() {
    mountTables();              // (a)
    listExportedBridgeIds();    // (b)
    control_ = std::make_unique< ControlServer >( loop_, o_.control.empty() ? defaultControlPath() : o_.control,
-                                                 [ this ]( const std::string& l ) { return command( l ); } );
+                                                 [ this ]( const std::string& l ) { return command( l ); }, o_.controlLimits );
    if ( !o_.metricsListen.empty() ) {
       http_ = std::make_unique< MetricsHttp >( o_.metricsListen, o_.metricsAnyAddress );
       http_->textIs( metricsText() );

@@ -55,6 +55,8 @@ struct Options {
    std::string metricsListen;
    bool metricsAnyAddress = false;
    uint32_t statusPeriodMs = 200;
+   size_t maxLineBytes = Input::defaultMaxLine;   // longer input lines are skipped
+   ControlLimits controlLimits;
 };
 
 class Agent {
@@ -89,6 +91,8 @@ class Agent {
    void dropMachines();
    void publishFlag();
    void onLine( std::string_view line, uint64_t number );
+   void onTooLong( uint64_t number, uint64_t bytes );
+   std::string lineAt( uint64_t number ) const;
    void apply( const Event& e );
    void inputDone();
    void onTick();

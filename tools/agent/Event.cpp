@@ -41,6 +41,20 @@ struct Bad {
 
 [[noreturn]] void bad( std::string reason ) { throw Bad{ std::move( reason ) }; }
 
+// Input echoed in a reason: JSON-escaped and ASCII only, so that no byte of
+// it can forge a line of the log (a newline, an escape sequence), and cut
+// short, so that a huge value does not become a huge log line.
+constexpr size_t shownBytes = 64;
+
+std::string shown( const Json& j ) {
+   std::string s = j.dump( -1, ' ', true, Json::error_handler_t::replace );
+   if ( s.size() > shownBytes ) {
+      s.resize( shownBytes );
+      s += fmt::format( "... ({} bytes)", j.dump( -1, ' ', true, Json::error_handler_t::replace ).size() );
+   }
+   return s;
+}
+
 const Json* field( const Json& o, const char* name, bool required ) {
    auto it = o.find( name );
    if ( it == o.end() ) {
@@ -68,7 +82,7 @@ std::optional< uint64_t > number( const Json& o, const char* name, bool required
    if ( j->is_number_integer() ) {
       bad( fmt::format( "{} {} out of range 0..{}", what, j->get< int64_t >(), max ) );
    }
-   bad( fmt::format( "\"{}\" is not a whole number: {}", name, j->dump() ) );
+   bad( fmt::format( "\"{}\" is not a whole number: {}", name, shown( *j ) ) );
 }
 
 bool flag( const Json& o, const char* name, bool required, bool dflt ) {
@@ -77,14 +91,14 @@ bool flag( const Json& o, const char* name, bool required, bool dflt ) {
       return dflt;
    }
    if ( !j->is_boolean() ) {
-      bad( fmt::format( "\"{}\" is not true or false: {}", name, j->dump() ) );
+      bad( fmt::format( "\"{}\" is not true or false: {}", name, shown( *j ) ) );
    }
    return j->get< bool >();
 }
 
 const std::string& text( const Json& j, const char* name ) {
    if ( !j.is_string() ) {
-      bad( fmt::format( "\"{}\" is not a string: {}", name, j.dump() ) );
+      bad( fmt::format( "\"{}\" is not a string: {}", name, shown( j ) ) );
    }
    return j.get_ref< const std::string& >();
 }
@@ -96,7 +110,7 @@ Mac macField( const Json& o, const char* name, bool required, Mac dflt = {} ) {
    }
    Mac m;
    if ( !parseMac( text( *j, name ), m ) ) {
-      bad( fmt::format( "bad MAC {}", j->dump() ) );
+      bad( fmt::format( "bad MAC {}", shown( *j ) ) );
    }
    return m;
 }
@@ -104,7 +118,7 @@ Mac macField( const Json& o, const char* name, bool required, Mac dflt = {} ) {
 uint32_t ipOf( const Json& j, const char* name ) {
    uint32_t ip;
    if ( !parseIp( text( j, name ), ip ) ) {
-      bad( fmt::format( "bad VTEP {}", j.dump() ) );
+      bad( fmt::format( "bad VTEP {}", shown( j ) ) );
    }
    return ip;
 }
@@ -113,10 +127,31 @@ uint32_t vniField( const Json& o ) {
    return uint32_t( *number( o, "vni", true, 0xFFFFFF, "VNI" ) );
 }
 
+// "not JSON at column 13: syntax error while parsing object - ...": the
+// parser's own words without its prefix, where the column is the byte of
+// the line at which it gave up (from 1).
+std::string notJson( const Json::parse_error& e ) {
+   std::string_view what = e.what();
+   const auto colon = what.find( ": ", what.find( "column" ) == std::string_view::npos ? 0 : what.find( "column" ) );
+   std::string detail( colon == std::string_view::npos ? what : what.substr( colon + 2 ) );
+   for ( char& c : detail ) {
+      if ( static_cast< unsigned char >( c ) < 0x20 || static_cast< unsigned char >( c ) >= 0x7f ) {
+         c = '?';   // the parser quotes what it read as it was
+      }
+   }
+   if ( detail.size() > 160 ) {
+      detail.resize( 160 );
+      detail += "...";
+   }
+   return fmt::format( "not JSON at column {}: {}", e.byte, detail );
+}
+
 Event parse( std::string_view line ) {
-   Json o = Json::parse( line.begin(), line.end(), nullptr, false );
-   if ( o.is_discarded() ) {
-      bad( "not JSON" );
+   Json o;
+   try {
+      o = Json::parse( line.begin(), line.end() );
+   } catch ( const Json::parse_error& e ) {
+      bad( notJson( e ) );
    }
    if ( !o.is_object() ) {
       bad( "not a JSON object" );
@@ -129,7 +164,7 @@ Event parse( std::string_view line ) {
       }
    }
    if ( !info ) {
-      bad( fmt::format( "unknown op \"{}\"", opText ) );
+      bad( fmt::format( "unknown op {}", shown( Json( opText ) ) ) );
    }
    Event e;
    e.op = info->op;
@@ -168,7 +203,7 @@ Event parse( std::string_view line ) {
       e.mac = macField( o, "mac", true );
       const Json* v = field( o, "vteps", true );
       if ( !v->is_array() ) {
-         bad( fmt::format( "\"vteps\" is not a list: {}", v->dump() ) );
+         bad( fmt::format( "\"vteps\" is not a list: {}", shown( *v ) ) );
       }
       for ( const Json& j : *v ) {
          e.vteps.push_back( ipOf( j, "vteps" ) );

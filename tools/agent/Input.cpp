@@ -40,8 +40,12 @@ Input::Input( EventLoop& loop, const std::string& source, LineFn onLine, EndFn o
       addr.sun_family = AF_UNIX;
       std::memcpy( addr.sun_path, socketPath_.c_str(), socketPath_.size() + 1 );
       ::unlink( socketPath_.c_str() );
-      if ( ::bind( listenFd_, reinterpret_cast< sockaddr* >( &addr ), sizeof addr ) != 0 ||
-           ::listen( listenFd_, 4 ) != 0 ) {
+      // Whoever may connect may feed the controller's state: the owner
+      // only, from the moment the name exists.
+      const mode_t old = ::umask( 077 );
+      const int rc = ::bind( listenFd_, reinterpret_cast< sockaddr* >( &addr ), sizeof addr );
+      ::umask( old );
+      if ( rc != 0 || ::chmod( socketPath_.c_str(), 0600 ) != 0 || ::listen( listenFd_, 4 ) != 0 ) {
          fail( fmt::format( "listening on {}", socketPath_ ) );
       }
       loop_.add( listenFd_, [ this ]( uint32_t ) {
@@ -54,7 +58,10 @@ Input::Input( EventLoop& loop, const std::string& source, LineFn onLine, EndFn o
             return;
          }
          line_ = 0;
+         offset_ = lineStart_ = skipped_ = 0;
+         skipping_ = false;
          partial_.clear();
+         ++connections_;
          watch( c );
       } );
       return;
@@ -102,6 +109,62 @@ void Input::watch( int fd ) {
    } );
 }
 
+std::string Input::where() const {
+   if ( !socketPath_.empty() ) {
+      return fmt::format( "{}#{}", source_, connections_ );
+   }
+   return source_ == "-" ? std::string( "stdin" ) : source_;
+}
+
+void Input::lineEnds() {
+   ++line_;
+   if ( skipping_ ) {
+      if ( onTooLong_ ) {
+         onTooLong_( line_, skipped_ );
+      }
+      skipping_ = false;
+      skipped_ = 0;
+   } else {
+      onLine_( partial_, line_ );
+   }
+   partial_.clear();
+}
+
+void Input::take( const char* data, size_t n, size_t& lines ) {
+   size_t pos = 0;
+   while ( pos < n ) {
+      const char* nl = static_cast< const char* >( std::memchr( data + pos, '\n', n - pos ) );
+      const size_t end = nl ? size_t( nl - data ) : n;
+      const size_t len = end - pos;
+      if ( skipping_ ) {
+         skipped_ += len;
+      } else if ( partial_.size() + len > maxLine_ ) {
+         skipping_ = true;
+         skipped_ = partial_.size() + len;
+         partial_.clear();
+         partial_.shrink_to_fit();
+      } else if ( nl && partial_.empty() ) {
+         // The usual case: a whole line in the buffer, handed out in place.
+         ++line_;
+         onLine_( std::string_view( data + pos, len ), line_ );
+         ++lines;
+         lineStart_ = offset_ + end + 1;
+         pos = end + 1;
+         continue;
+      } else {
+         partial_.append( data + pos, len );
+      }
+      if ( !nl ) {
+         break;
+      }
+      lineEnds();
+      ++lines;
+      lineStart_ = offset_ + end + 1;
+      pos = end + 1;
+   }
+   offset_ += n;
+}
+
 bool Input::readSome( int fd, size_t budget ) {
    char buf[ 65536 ];
    size_t lines = 0;
@@ -114,20 +177,12 @@ bool Input::readSome( int fd, size_t budget ) {
          return errno == EAGAIN || errno == EWOULDBLOCK;
       }
       if ( n == 0 ) {
-         if ( !partial_.empty() ) {
-            std::string last;
-            last.swap( partial_ );
-            onLine_( last, ++line_ );
+         if ( !partial_.empty() || skipping_ ) {
+            lineEnds();   // the last line, without its newline
          }
          return false;
       }
-      partial_.append( buf, size_t( n ) );
-      size_t start = 0;
-      for ( size_t nl; ( nl = partial_.find( '\n', start ) ) != std::string::npos; start = nl + 1 ) {
-         onLine_( std::string_view( partial_ ).substr( start, nl - start ), ++line_ );
-         ++lines;
-      }
-      partial_.erase( 0, start );
+      take( buf, size_t( n ), lines );
    }
    return true;
 }

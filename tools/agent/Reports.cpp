@@ -3,6 +3,7 @@
 // commands that hand them out.
 #include "tools/agent/Agent.h"
 
+#include "platform/mox/AllocTrack.h"
 #include "platform/mox/Counters.h"
 #include "platform/trace/RingLog.h"
 #include "tools/common/Boundary.h"
@@ -84,6 +85,13 @@ Json Agent::countersJson() const {
       tables[ name ] = value;
    }
    c[ "tables" ] = tables;
+   // The framework's allocation records, summed: a soak watches them stay flat.
+   int64_t liveBytes = 0;
+   for ( const Mox::AllocTrackTypeInfo* t : Mox::AllocTrackTypeInfo::all() ) {
+      liveBytes += t->liveBytes();
+   }
+   c[ "allocations" ] = { { "liveObjects", Mox::AllocTrackTypeInfo::totalLiveObjects() }, { "liveBytes", liveBytes } };
+   c[ "controlDropped" ] = control_ ? control_->dropped() : 0;
    return c;
 }
 

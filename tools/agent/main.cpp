@@ -5,6 +5,7 @@
 #include "platform/trace/Handle.h"
 #include "tools/agent/Agent.h"
 #include "tools/agent/Control.h"
+#include "tools/agent/RootCheck.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -46,6 +47,13 @@ int main( int argc, char** argv ) {
    app.add_option( "--control", o.control, "control socket (default: $ORBEVPN_AGENT_CONTROL or <root>/orbevpn-agent.ctl)" );
    app.add_option( "--metrics-listen", o.metricsListen, "serve /metrics over HTTP at ADDR:PORT (loopback)" );
    app.add_flag( "--metrics-any-address", o.metricsAnyAddress, "allow a --metrics-listen address that is not loopback" );
+   app.add_option( "--max-line", o.maxLineBytes, "longest input line in bytes; longer ones are reported and skipped" )
+      ->capture_default_str()
+      ->check( CLI::Range( size_t( 64 ), size_t( 1 ) << 30 ) );
+   app.add_option( "--control-stall", o.controlLimits.stallMs,
+                   "ms a control client may take no byte of its reply (or send no whole line) before it is dropped" )
+      ->capture_default_str()
+      ->check( CLI::Range( 10u, 3600000u ) );
    app.add_option( "--status-period", o.statusPeriodMs, "status period in ms (steady = two quiet periods)" )
       ->capture_default_str()
       ->check( CLI::Range( 10u, 60000u ) );
@@ -77,6 +85,10 @@ int main( int argc, char** argv ) {
    try {
       if ( !root.empty() ) {
          Lumen::rootIs( root );
+      }
+      if ( const std::string why = Agent::unsafeRootReason( Lumen::root() ); !why.empty() ) {
+         std::fprintf( stderr, "orbevpn-agent: refusing to run: %s\n", why.c_str() );
+         return Agent::exitUnsafeRoot;
       }
       Trace::configureFromEnvironment();
       if ( !trace.empty() ) {

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace OrbEvpn::Boundary {
@@ -35,6 +36,17 @@ std::optional< TableSpec > tableNamed( std::string_view name ) {
 void checkPrefix( std::string_view prefix ) {
    bool ok = prefix.size() > 1 && prefix.front() == '/' && prefix.back() != '/' &&
              prefix.find( "//" ) == std::string_view::npos;
+   // Names only: "." and ".." would make one table reachable under two
+   // paths, and a byte that is no visible character hides in every message.
+   for ( size_t start = 1; ok && start <= prefix.size(); ) {
+      const size_t end = std::min( prefix.find( '/', start ), prefix.size() );
+      const std::string_view part = prefix.substr( start, end - start );
+      ok = part != "." && part != "..";
+      start = end + 1;
+   }
+   for ( unsigned char c : prefix ) {
+      ok = ok && c > 0x20 && c < 0x7f;
+   }
    if ( !ok ) {
       throw std::invalid_argument(
          fmt::format( "bad table prefix \"{}\": expected \"/\" followed by names, like /orbevpn", prefix ) );

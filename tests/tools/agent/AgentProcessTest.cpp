@@ -56,6 +56,8 @@ TEST_F( AgentProcess, WithEvpnExportTablesEqualTheInputAndBridgeIdsAreListedWith
    EXPECT_GT( s[ "peakRssBytes" ].get< uint64_t >(), 0u );
 }
 
+// Each bad line is named by its file, number and byte offset; an overlong
+// one is skipped whole (its tail is not taken for a line); nothing valid is lost.
 TEST_F( AgentProcess, BadAndForbiddenLinesAreReportedAndSkippedAndNothingElseIsLost ) {
    capabilityIs( true );
    std::vector< std::string > in = smallInput;
@@ -64,20 +66,129 @@ TEST_F( AgentProcess, BadAndForbiddenLinesAreReportedAndSkippedAndNothingElseIsL
    in.insert( in.begin() + 5, R"({"op":"vni","vni":16777216})" );                                     // line 6
    in.insert( in.begin() + 6, "" );                                                                   // line 7
    in.insert( in.begin() + 7, R"({"op":"mac","vni":10)" );                                            // line 8
-   Run r = run( { "--input", events( "in.jsonl", in ), "--until-steady", "--stats-json" } );
+   // Line 9: over the limit, and its tail a valid event that must not apply.
+   in.insert( in.begin() + 8, R"({"op":"vni","vni":99,"pad":")" + std::string( 300000, 'p' ) + "\"}\r" +
+                                 R"({"op":"vni","vni":98})" );
+   in.insert( in.begin() + 9, "{\"op\":\"learn\\nline 1: forged\"}" );                             // line 10
+   const std::string path = events( "in.jsonl", in );
+   std::vector< uint64_t > offset{ 0 };
+   for ( const auto& l : in ) offset.push_back( offset.back() + l.size() + 1 );
+   auto at = [ & ]( int line ) { return fmt::format( "{}: line {} (byte {}): ", path, line, offset[ line - 1 ] ); };
+   Run r = run( { "--input", path, "--until-steady", "--stats-json" } );
    ASSERT_EQ( r.code(), 0 ) << r.err;
-   EXPECT_EQ( r.err, "line 3: bad MAC \"zz\"\n"
-                     "line 5: table /orbevpn/evpn/capability is written only by the EVPN agent; "
-                     "orbevpn-agent may not write it\n"
-                     "line 6: VNI 16777216 out of range 0..16777215\n"
-                     "line 8: not JSON\n" );
+   EXPECT_EQ( r.err, at( 3 ) + "bad MAC \"zz\"\n" +
+                     at( 5 ) + "table /orbevpn/evpn/capability is written only by the EVPN agent; "
+                               "orbevpn-agent may not write it\n" +
+                     at( 6 ) + "VNI 16777216 out of range 0..16777215\n" +
+                     at( 8 ) + "not JSON at column 21: syntax error while parsing object - unexpected end of "
+                               "input; expected '}'\n" +
+                     at( 9 ) + fmt::format( "line of {} bytes is longer than the limit of 65536; skipped\n",
+                                            in[ 8 ].size() ) +
+                     at( 10 ) + "unknown op \"learn\\nline 1: forged\"\n" );
    EXPECT_EQ( hosts(), smallHosts );
    EXPECT_EQ( flood(), smallFlood );
    EXPECT_EQ( flag(), true ) << "the refused line changed the capability";
    const Json s = stats( r );
-   EXPECT_EQ( s[ "badLines" ], 3 );
+   EXPECT_EQ( s[ "badLines" ], 5 );
    EXPECT_EQ( s[ "refused" ], 1 );
    EXPECT_EQ( s[ "events" ], smallInput.size() );
+   EXPECT_EQ( s[ "vnis" ], 2 );
+}
+
+// The agent keeps its tables only where no other user can swap them, and
+// its table prefix stays a list of names.
+TEST_F( AgentProcess, AnUnsafeRootOrPrefixIsRefused ) {
+   auto folder = [ & ]( const std::string& name, mode_t mode, uid_t owner ) {
+      const std::string d = file( name );
+      EXPECT_EQ( ::mkdir( d.c_str(), 0700 ), 0 );
+      EXPECT_EQ( ::chmod( d.c_str(), mode ), 0 );
+      EXPECT_EQ( ::chown( d.c_str(), owner, gid_t( -1 ) ), 0 );
+      return d;
+   };
+   const std::string in = events( "in.jsonl", smallInput );
+   const struct {
+      std::string root;
+      int code;
+      std::string why;
+   } cases[] = {
+      { folder( "open", 0777, 0 ), 77, "(mode 0777) is writable by other users and not sticky" },
+      { folder( "group", 0770, 0 ), 77, "(mode 0770) is writable by other users and not sticky" },
+      { folder( "nobodys", 0755, 65534 ), 77, "nobodys belongs to uid 65534, who could replace the tables in it" },
+      { folder( "sticky", 01777, 0 ), 0, "" },
+   };
+   for ( const auto& c : cases ) {
+      Run r = run( { "--input", in, "--until-steady", "--root", c.root, "--control", control() }, false );
+      EXPECT_EQ( r.code(), c.code ) << c.root << ": " << r.err;
+      if ( c.code != 0 ) {
+         EXPECT_THAT( r.err, ::testing::StartsWith( "orbevpn-agent: refusing to run: Lumen root " + c.root ) );
+         EXPECT_THAT( r.err, HasSubstr( c.why ) );
+      }
+   }
+   for ( const char* prefix : { "/orbevpn/..", "/../orbevpn", "/a/./b", "/a b" } ) {
+      Run r = run( { "--input", in, "--until-steady", "--prefix", prefix } );
+      EXPECT_EQ( r.code(), 2 ) << prefix;
+      EXPECT_THAT( r.err, HasSubstr( fmt::format( "bad table prefix \"{}\"", prefix ) ) );
+   }
+}
+
+// A control client that asks for a reply far larger than the socket takes
+// and never reads it holds up neither the feed nor the other clients, and
+// is let go after --control-stall.
+TEST_F( AgentProcess, AControlClientThatNeverReadsHoldsUpNothing ) {
+   capabilityIs( true );
+   const std::string sock = file( "feed.sock" );
+   const pid_t pid = spawn( { "--input", "unix:" + sock, "--until-steady", "--control-stall", "500" } );
+   const std::string out = lastOut_, err = lastErr_;
+   auto connectTo = []( const std::string& path ) {
+      sockaddr_un addr{};
+      addr.sun_family = AF_UNIX;
+      std::snprintf( addr.sun_path, sizeof addr.sun_path, "%s", path.c_str() );
+      for ( int i = 0; i < 250; ++i ) {
+         const int fd = ::socket( AF_UNIX, SOCK_STREAM, 0 );
+         if ( ::connect( fd, reinterpret_cast< sockaddr* >( &addr ), sizeof addr ) == 0 ) return fd;
+         ::close( fd );
+         std::this_thread::sleep_for( std::chrono::milliseconds( 20 ) );
+      }
+      return -1;
+   };
+   const int feed = connectTo( sock );
+   ASSERT_GE( feed, 0 );
+   struct stat st{};
+   ASSERT_EQ( ::stat( sock.c_str(), &st ), 0 );
+   EXPECT_EQ( st.st_mode & 0777, 0600u ) << "the feed socket lets others in";
+   auto feedLines = [ & ]( const std::vector< std::string >& lines ) {
+      std::string text;
+      for ( const auto& l : lines ) text += l + "\n";
+      for ( size_t off = 0; off < text.size(); ) {
+         const ssize_t n = ::write( feed, text.data() + off, text.size() - off );
+         ASSERT_GT( n, 0 );
+         off += size_t( n );
+      }
+   };
+   std::vector< std::string > many = smallInput;
+   for ( uint32_t i = 0; i < 8000; ++i ) {
+      const Agent::Mac m{ 0x02, 0x30, 0, 0, uint8_t( i >> 8 ), uint8_t( i ) };
+      many.insert( many.begin() + 1, fmt::format( R"({{"op":"mac","vni":30,"mac":"{}","vtep":"192.0.2.30","seqNo":1}})",
+                                                  Agent::macText( m ) ) );
+   }
+   feedLines( many );
+   waitFor( []( const Json& s ) { return s[ "events" ] == 8000 + smallInput.size(); }, "the first events" );
+
+   const int sleeper = connectTo( control() );
+   ASSERT_GE( sleeper, 0 );
+   ASSERT_EQ( ::write( sleeper, "dump controller --json\n", 23 ), 23 );
+   feedLines( { R"({"op":"mac","vni":40,"mac":"02:00:00:00:00:40","vtep":"192.0.2.40","seqNo":1})" } );
+   const Json s = waitFor( []( const Json& s ) { return s[ "vnis" ] == 4; }, "an event after the stalled client" );
+   EXPECT_EQ( s[ "exported" ][ "hosts" ], 8000 + 3 + 1 );
+   for ( int i = 0; i < 100 && slurp( err ).find( "dropped" ) == std::string::npos; ++i ) {
+      std::this_thread::sleep_for( std::chrono::milliseconds( 50 ) );
+   }
+   EXPECT_THAT( slurp( err ), ::testing::ContainsRegex( "control client #[0-9]+: took no byte of its reply in [0-9]+ ms "
+                                                        "\\([0-9]+ of [0-9]+ bytes taken\\); dropped\n" ) );
+   EXPECT_EQ( Json::parse( ctl( { "counters", "--json" } ).out )[ "controlDropped" ], 1 );
+   ::close( sleeper );
+   ::close( feed );
+   EXPECT_EQ( wait( pid, out, err ).code(), 0 );
 }
 
 // Input longer than one read (a machine started early would sweep VNIs not read yet), and

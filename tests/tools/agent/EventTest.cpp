@@ -8,6 +8,11 @@
 
 #include <cstdio>
 #include <fstream>
+#include <memory>
+#include <thread>
+#include <tuple>
+
+#include <unistd.h>
 
 using namespace Agent;
 using ::testing::ElementsAre;
@@ -97,8 +102,33 @@ TEST( EventParser, EveryKindOfBadLineSaysWhy ) {
               "\"vteps\" is not a list: \"1.2.3.4\"" );
    EXPECT_EQ( reason( R"({"op":"multiPath","vni":1,"mac":"02:00:00:00:00:01","vteps":["1.2.3.4",5]})" ),
               "\"vteps\" is not a string: 5" );
-   EXPECT_EQ( reason( R"({"op":"vni","vni":10)" ), "not JSON" );
+   EXPECT_EQ( reason( R"({"op":"vni","vni":10)" ),
+              "not JSON at column 21: syntax error while parsing object - unexpected end of input; expected '}'" );
+   EXPECT_THAT( reason( "{\"op\":\"vni\",\"vni\":\"\xff\"}" ), ::testing::StartsWith( "not JSON at column 20: " ) );
    EXPECT_EQ( reason( R"([1,2])" ), "not a JSON object" );
+}
+
+// A reason quotes the input escaped and cut short: a feed cannot forge a
+// line of the agent's log, nor make one line of it megabytes long.
+TEST( EventParser, QuotedInputCannotForgeALogLineNorGrowIt ) {
+   EXPECT_EQ( reason( R"({"op":"learn\nline 9: forged\u001b[2J"})" ), R"(unknown op "learn\nline 9: forged\u001b[2J")" );
+   EXPECT_EQ( reason( R"({"op":"h\u00e9"})" ), R"(unknown op "h\u00e9")" );
+   const std::string hugeMac( 100000, 'a' );
+   EXPECT_EQ( reason( R"({"op":"macDel","vni":1,"mac":")" + hugeMac + "\"}" ),
+              "bad MAC \"" + std::string( 63, 'a' ) + "... (100002 bytes)" );
+   const std::string garbage = "{\"op\":" + std::string( 100000, '\x01' );
+   EXPECT_LT( reason( garbage ).size(), 250u );
+   EXPECT_EQ( reason( garbage ).find_first_of( std::string( "\x01\n", 2 ) ), std::string::npos );
+}
+
+// No event names a file or a table: tables come from the op, through the
+// boundary's list, and a value shaped like a path is refused as a value.
+TEST( EventParser, NoEventFieldNamesAPath ) {
+   EXPECT_EQ( reason( R"({"op":"vni","vni":"../../etc"})" ), R"("vni" is not a whole number: "../../etc")" );
+   EXPECT_EQ( reason( R"({"op":"../evpn/host"})" ), R"(unknown op "../evpn/host")" );
+   EXPECT_EQ( reason( R"({"op":"/orbevpn/evpn/host"})" ), R"(unknown op "/orbevpn/evpn/host")" );
+   const Event e = good( R"({"op":"capability","evpnEnabled":true,"table":"/etc/passwd","path":"../x"})" );
+   EXPECT_EQ( tableWritten( e.op ), "evpn/capability" );
 }
 
 TEST( EventParser, WrittenEventsReadBackTheSame ) {
@@ -155,4 +185,42 @@ TEST( EventInput, EveryLineArrivesWithItsNumber ) {
                              Pair( 4u, "{\"op\":\"vni\",\"vni\":0}" ) ) );
    for ( size_t i = 0; i < got.size(); ++i ) ASSERT_EQ( got[ i ].first, i + 1 );
    EXPECT_EQ( got.back().second, "{\"op\":\"synced\"}" );
+}
+
+// A line over the limit is counted, not kept: it reaches onTooLong with its
+// number and length, and the lines around it arrive with their byte offsets.
+TEST( EventInput, AnOverlongLineIsSkippedAndTheRestArrives ) {
+   int fds[ 2 ];
+   ASSERT_EQ( ::pipe( fds ), 0 );
+   EventLoop loop;
+   std::vector< std::tuple< uint64_t, uint64_t, std::string > > got;   // number, offset, text
+   std::vector< std::pair< uint64_t, uint64_t > > tooLong;
+   const std::string path = "/dev/fd/" + std::to_string( fds[ 0 ] );
+   std::unique_ptr< Input > in;
+   in = std::make_unique< Input >(
+      loop, path, [ & ]( std::string_view l, uint64_t n ) { got.emplace_back( n, in->lineOffset(), std::string( l ) ); },
+      [ & ] { loop.stop(); } );
+   in->maxLineIs( 100 );
+   in->onTooLongIs( [ & ]( uint64_t n, uint64_t bytes ) { tooLong.emplace_back( n, bytes ); } );
+   ::close( fds[ 0 ] );
+   // The writer: 8 MB without a newline cannot sit in a pipe, so the reader
+   // takes it while it comes.
+   std::thread writer( [ w = fds[ 1 ] ] {
+      auto put = [ w ]( const std::string& s ) {
+         for ( size_t off = 0; off < s.size(); ) {
+            const ssize_t n = ::write( w, s.data() + off, s.size() - off );
+            if ( n <= 0 ) return;
+            off += size_t( n );
+         }
+      };
+      put( "first\n" + std::string( 100, 'x' ) + "\n" );   // exactly the limit
+      for ( int i = 0; i < 128; ++i ) put( std::string( 65536, 'y' ) );
+      put( "\nthird\n" + std::string( 101, 'z' ) );          // the last line, over by one
+      ::close( w );
+   } );
+   loop.run();
+   writer.join();
+   EXPECT_THAT( got, ElementsAre( std::make_tuple( 1u, 0u, "first" ), std::make_tuple( 2u, 6u, std::string( 100, 'x' ) ),
+                                  std::make_tuple( 4u, 107u + 128u * 65536u + 1u, "third" ) ) );
+   EXPECT_THAT( tooLong, ElementsAre( Pair( 3u, 128u * 65536u ), Pair( 5u, 101u ) ) );
 }

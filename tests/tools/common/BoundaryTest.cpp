@@ -31,7 +31,7 @@ TEST( Boundary, EachTableHasOneWriterAndWritesByOthersAreRefused ) {
 
 TEST( Boundary, PrefixesAreSlashSeparatedNames ) {
    for ( const char* good : { "/orbevpn", "/lab/one" } ) EXPECT_NO_THROW( B::checkPrefix( good ) ) << good;
-   for ( const char* bad : { "", "/", "orbevpn", "/orbevpn/", "/a//b" } ) {
+   for ( const char* bad : { "", "/", "orbevpn", "/orbevpn/", "/a//b", "/orbevpn/..", "/../x", "/a/./b", "/a b", "/a\tb" } ) {
       EXPECT_THROW( B::checkPrefix( bad ), std::invalid_argument ) << bad;
    }
    EXPECT_EQ( B::pathOf( "/orbevpn", B::exportHost ), "/orbevpn/export/host" );

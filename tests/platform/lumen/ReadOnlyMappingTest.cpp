@@ -1,0 +1,92 @@
+// A reader maps a table's control and data files read-only: a stray write
+// through its mapping (a bug in the reader's process, or a hostile library
+// in it) faults there and cannot reach the writer's table.
+#include "tests/platform/lumen/LumenTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdint>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+using namespace LumenTest;
+
+namespace {
+
+struct Region {
+   uintptr_t begin;
+   std::string perms, file;
+};
+
+// This process's mappings of files under `dir`.
+std::vector< Region > mappingsUnder( const std::string& dir ) {
+   std::vector< Region > out;
+   std::ifstream maps( "/proc/self/maps" );
+   for ( std::string line; std::getline( maps, line ); ) {
+      std::istringstream in( line );
+      std::string range, perms, offset, dev, inode, file;
+      in >> range >> perms >> offset >> dev >> inode >> file;
+      if ( file.rfind( dir + "/", 0 ) == 0 ) {
+         out.push_back( { uintptr_t( std::stoull( range.substr( 0, range.find( '-' ) ), nullptr, 16 ) ), perms, file } );
+      }
+   }
+   return out;
+}
+
+}  // namespace
+
+TEST( LumenReadOnlyMappingDeathTest, AWriteThroughAReadersMappingFaults ) {
+   LumenRoot root;
+   // The writer in a child, so that every mapping of the table in this
+   // process is the reader's.
+   int ready[ 2 ], done[ 2 ];
+   ASSERT_EQ( ::pipe( ready ), 0 );
+   ASSERT_EQ( ::pipe( done ), 0 );
+   const pid_t writer = ::fork();
+   if ( writer == 0 ) {
+      {
+         Lumen::Writer< HostRec > w;
+         w.attach( "/lumen/readonly" );
+         for ( uint32_t n = 0; n < 100; ++n ) w.write( HostRec::of( n, 1 ) );
+         char c = 'r';
+         (void)!::write( ready[ 1 ], &c, 1 );
+         (void)!::read( done[ 0 ], &c, 1 );
+      }
+      ::_exit( 0 );
+   }
+   char c;
+   ASSERT_EQ( ::read( ready[ 0 ], &c, 1 ), 1 );
+   {
+      Lumen::Reader< HostRec > reader( "/lumen/readonly" );
+      ASSERT_EQ( reader.lookupShared( MacKey::of( 7 ) ), HostRec::of( 7, 1 ) );
+      const std::string control = root.dir() + "/lumen.readonly";
+      std::vector< Region > mapped;
+      for ( const Region& r : mappingsUnder( root.dir() ) ) {
+         if ( r.file == control || ( r.file.rfind( control + "@", 0 ) == 0 && r.file != control + "@wake" ) ) {
+            mapped.push_back( r );
+         }
+      }
+      ASSERT_GE( mapped.size(), 2u ) << "the control file and a data file";
+      bool sawData = false;
+      for ( const Region& r : mapped ) {
+         sawData = sawData || r.file != control;
+         EXPECT_EQ( r.perms, "r--s" ) << r.file;
+         volatile char* p = reinterpret_cast< volatile char* >( r.begin );
+         const char before = *p;
+         // The default action, not a sanitizer's report: the fault itself is what is shown.
+         EXPECT_EXIT( { ::signal( SIGSEGV, SIG_DFL ); *p = char( before + 1 ); ::_exit( 0 ); },
+                      ::testing::KilledBySignal( SIGSEGV ), "" ) << r.file;
+         EXPECT_EQ( *p, before ) << r.file;
+      }
+      EXPECT_TRUE( sawData );
+      EXPECT_EQ( reader.lookupShared( MacKey::of( 7 ) ), HostRec::of( 7, 1 ) );
+   }
+   ASSERT_EQ( ::write( done[ 1 ], "x", 1 ), 1 );
+   int status = 0;
+   ASSERT_EQ( ::waitpid( writer, &status, 0 ), writer );
+   EXPECT_EQ( status, 0 );
+   for ( int fd : { ready[ 0 ], ready[ 1 ], done[ 0 ], done[ 1 ] } ) ::close( fd );
+}
