@@ -2,7 +2,7 @@
 PRESET ?= debug
 JOBS   ?= $(shell nproc)
 
-.PHONY: setup build test demo soak bench clean
+.PHONY: setup build test demo soak bench clean faults reliability
 
 setup:
 	@scripts/setup
@@ -25,6 +25,24 @@ SOAK_SECONDS ?= 300
 soak: build
 	LUMEN_CHURN_SECONDS=$(SOAK_SECONDS) build/$(PRESET)/tests/platform/lumen/lumen_tests \
 	   --gtest_filter='LumenChurn.*'
+
+# Fault injection against the running system (scripts/faults): agent kills
+# (some inside a sweep, through the fault point of a Debug build), peer
+# kills, export-table corruption. FAULTS_KILLS agent kills (default 100).
+FAULTS_KILLS ?= 100
+faults: PRESET = debug
+faults: setup
+	cmake --preset debug
+	cmake --build --preset debug -j $(JOBS) --target orbevpn-agent orbevpn-peer lumen-tool
+	FAULTS_KILLS=$(FAULTS_KILLS) scripts/faults
+
+# The long forms of every reliability check in this tree (faults, system
+# soak, fuzzing) and one summary table (scripts/reliability).
+reliability: PRESET = debug
+reliability: setup
+	cmake --preset debug
+	cmake --build --preset debug -j $(JOBS) --target orbevpn-agent orbevpn-peer lumen-tool
+	FAULTS_KILLS=$(FAULTS_KILLS) scripts/reliability
 
 bench: PRESET = release
 bench: build
