@@ -2,7 +2,7 @@
 PRESET ?= debug
 JOBS   ?= $(shell nproc)
 
-.PHONY: setup build test demo soak soak-system bench clean
+.PHONY: setup build test demo soak soak-system bench clean faults reliability
 
 setup:
 	@scripts/setup
@@ -31,6 +31,24 @@ soak: build
 # reader consistent (scripts/soak-system; release build).
 soak-system: setup
 	SOAK_SECONDS=$(SOAK_SECONDS) scripts/soak-system
+
+# Fault injection against the running system (scripts/faults): agent kills
+# (some inside a sweep, through the fault point of a Debug build), peer
+# kills, export-table corruption. FAULTS_KILLS agent kills (default 100).
+FAULTS_KILLS ?= 100
+faults: PRESET = debug
+faults: setup
+	cmake --preset debug
+	cmake --build --preset debug -j $(JOBS) --target orbevpn-agent orbevpn-peer lumen-tool
+	FAULTS_KILLS=$(FAULTS_KILLS) scripts/faults
+
+# The long forms of every reliability check in this tree (faults, system
+# soak, fuzzing) and one summary table (scripts/reliability).
+reliability: PRESET = debug
+reliability: setup
+	cmake --preset debug
+	cmake --build --preset debug -j $(JOBS) --target orbevpn-agent orbevpn-peer lumen-tool
+	FAULTS_KILLS=$(FAULTS_KILLS) scripts/reliability
 
 bench: PRESET = release
 bench: build

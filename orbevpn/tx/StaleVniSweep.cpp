@@ -1,7 +1,13 @@
 #include "orbevpn/tx/StaleVniSweep.h"
 
 #include "orbevpn/tx/OrbEvpnTxSm.h"
+#include "orbevpn/runtime/FaultPoint.h"
 #include "orbevpn/tx/internal/TxTrace.h"
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include <vector>
 
 namespace OrbEvpn {
 
@@ -22,6 +28,17 @@ void internal::sweepStaleVnis( OrbEvpnTxSm& txSm, const std::set< Vxlan::Vni >& 
    for ( Vxlan::Vni v : vnis ) {
       TRACE( txTrace(), 3, "OrbEvpnTxSm()::cleanupStaleVniEntries() Deleting stale VNI {}", v );
       brIds->brIdListDel( Bridging::BridgeId::fromVni( v ) );
+   }
+   if ( !vnis.empty() ) {
+      // The bridge ids are gone, the records not yet: the next start must
+      // still find these VNIs (by their records) and sweep them.
+      faultPoint( "sweep-between-bridge-ids-and-records", [ &vnis ] {
+         std::vector< uint32_t > list;
+         for ( Vxlan::Vni v : vnis ) {
+            list.push_back( v.value() );
+         }
+         return fmt::format( "VNI {}", fmt::join( list, "," ) );
+      } );
    }
    // The cursors stand on a copy of the entry, so removing it is harmless.
    for ( auto it = hosts->hostIterConst(); it; ++it ) {

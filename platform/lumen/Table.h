@@ -218,6 +218,13 @@ class Reader {
    void gather();                                // queues what changed
    void resync( Changes& changes );              // queues every difference
    void remount();                               // the table was replaced
+   // The mounted table is damaged beyond a slot or a key: it is dropped as
+   // if its writer were gone, every delivered key is reported removed, and
+   // the reader waits for a table under the name that is not this file.
+   void condemn( const std::string& why );
+   void dropAll();                               // condemn()'s reports
+   bool intact() const;                          // the mapped headers still hold
+   bool condemnedStill() const;                  // the damaged file is still there
    void deliver();                               // runs pending_'s callbacks
 
    std::string path_;
@@ -246,6 +253,10 @@ class Reader {
       bool present;   // changed: the key's new state, applied to replica_
       Record value;
    };
+   // The control file of a table found damaged; {} when none. Until a
+   // file that is not this one bears the table's name, the reader mounts
+   // nothing and reports writerGone.
+   mutable internal::FileIdentity condemned_ {};
    uint64_t cursor_ = 0;           // next feed sequence to read
    bool synced_ = false;           // replica_ was compared with a full pass
    // The delivered state: what lookups answer from, and what gather()

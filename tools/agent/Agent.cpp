@@ -2,6 +2,7 @@
 
 #include "platform/mox/Counters.h"
 #include "tools/common/Boundary.h"
+#include "tools/common/Recovery.h"
 
 #include <fmt/format.h>
 
@@ -128,8 +129,20 @@ Agent::~Agent() {
 
 // ---- start-up
 
+void stopOnCorruption( const std::string& table, const std::string& message ) {
+   std::fprintf( stderr, "orbevpn-agent: shared table %s is corrupt: %s; stopping (exit %d)\n",
+                 table.c_str(), message.c_str(), exitCorruption );
+   std::fflush( nullptr );
+   // No destructors: they would write on through the damaged table. The
+   // kernel drops the writer locks, so the restart takes every table over.
+   std::_Exit( exitCorruption );
+}
+
 void Agent::mountTables() {
    auto t = Clock::now();
+   for ( const std::string& line : Boundary::setAsideDamagedTables( o_.prefix, Boundary::Side::agent ) ) {
+      std::fprintf( stderr, "orbevpn-agent: %s\n", line.c_str() );
+   }
    root_ = Mox::Dir::DirIs( o_.prefix );
    exportDir_ = Mox::Dir::DirIs( "export" );
    root_->entityPtrIs( exportDir_ );
@@ -142,7 +155,13 @@ void Agent::mountTables() {
    }
    brIds_ = OrbEvpn::OrbBrIdList::OrbBrIdListIs( "brIdList" );
    root_->entityPtrIs( brIds_ );
+   hostOut_->corruptionHandlerIs( [ p = Boundary::pathOf( o_.prefix, Boundary::exportHost ) ](
+                                     const std::string& m ) { stopOnCorruption( p, m ); } );
+   floodOut_->corruptionHandlerIs( [ p = Boundary::pathOf( o_.prefix, Boundary::exportFlood ) ](
+                                      const std::string& m ) { stopOnCorruption( p, m ); } );
    configOut_ = std::make_unique< Lumen::Writer< OrbEvpn::OrbEvpnConfigRecord > >();
+   configOut_->corruptionHandlerIs( [ p = Boundary::pathOf( o_.prefix, Boundary::config ) ](
+                                       const std::string& m ) { stopOnCorruption( p, m ); } );
    configOut_->attach( Boundary::pathOf( o_.prefix, Boundary::config ) );
    phases_.takeover = msBetween( t, Clock::now() );
    watchRemovals();
@@ -418,6 +437,8 @@ void Agent::onLine( std::string_view line, uint64_t number ) {
    }
    try {
       apply( e );
+   } catch ( const Fable::CorruptionDetectedException& ) {
+      throw;   // not the line's fault: the agent stops (main)
    } catch ( const std::exception& x ) {
       ++counts_.badLines;
       std::fprintf( stderr, "%s: %s\n", lineAt( number ).c_str(), x.what() );

@@ -38,6 +38,13 @@
 
 namespace Agent {
 
+// Exit status when a table the agent writes reports corruption: the agent
+// stops at once (a writer must not go on over a damaged table) and its
+// supervisor restarts it; the start moves the damaged table aside
+// (tools/common/Recovery.h), creates it anew and exports again.
+inline constexpr int exitCorruption = 70;   // EX_SOFTWARE
+[[noreturn]] void stopOnCorruption( const std::string& table, const std::string& message );
+
 struct Options {
    std::string prefix = "/orbevpn";
    std::string input;                 // empty: the built-in demo (or --ovsdb)

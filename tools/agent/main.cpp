@@ -1,6 +1,7 @@
 // orbevpn-agent: hosts the orbevpn plug-in between a controller's event
 // stream and the EVPN side's shared tables. `orbevpn-agent ctl WORDS...`
 // talks to a running agent over its control socket.
+#include "platform/lumen/CorruptionDetectedException.h"
 #include "platform/lumen/Options.h"
 #include "platform/trace/Handle.h"
 #include "tools/agent/Agent.h"
@@ -109,6 +110,9 @@ int main( int argc, char** argv ) {
       }
       Agent::Agent agent( o );
       return agent.run();
+   } catch ( const Fable::CorruptionDetectedException& e ) {
+      // Found by a table with no handler of its own (the bridge-id list).
+      Agent::stopOnCorruption( "of the agent", e.what() );
    } catch ( const std::exception& e ) {
       std::fprintf( stderr, "orbevpn-agent: %s\n", e.what() );
       return 2;

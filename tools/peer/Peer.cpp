@@ -1,11 +1,13 @@
 #include "tools/peer/Peer.h"
 
 #include "tools/common/Boundary.h"
+#include "tools/common/Recovery.h"
 #include "tools/peer/RemoteEntries.h"
 
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cstdio>
 #include <poll.h>
 
 namespace OrbEvpn::Peer {
@@ -56,6 +58,11 @@ Json floodJson( const char* op, uint32_t vni, uint32_t vtep ) {
 Peer::Peer( PeerOptions options, std::ostream* log ) : options_( std::move( options ) ), log_( log ) {
    B::checkPrefix( options_.prefix );
    const std::string& p = options_.prefix;
+   // A table damaged while no peer held it is made anew; its content
+   // follows from the export again (reconcile below).
+   for ( const std::string& line : B::setAsideDamagedTables( p, B::Side::evpn ) ) {
+      std::fprintf( stderr, "orbevpn-peer: %s\n", line.c_str() );
+   }
    hostOut_.attach( B::pathOf( p, B::evpnHost ) );
    floodOut_.attach( B::pathOf( p, B::evpnFlood ) );
    capabilityOut_.attach( B::pathOf( p, B::evpnCapability ) );

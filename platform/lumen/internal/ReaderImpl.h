@@ -50,7 +50,9 @@ Reader< Record >::Reader( const std::string& path, const Record& defaultValue, V
          synced_ = true;
       }
    } catch ( const Fable::CorruptionDetectedException& ) {
-      // Reported again, to the handler, by the first operation that needs it.
+      // Damaged at mount: nothing delivered, and the table shows as its
+      // writer gone (mountStatus()) until a writer makes it anew. Reported
+      // again, to the handler, by the first operation that needs it.
       control_.reset();
       clearReplica();
    }
@@ -190,8 +192,34 @@ template< class Record >
 Reader< Record >::~Reader() = default;
 
 template< class Record >
+bool Reader< Record >::condemnedStill() const {
+   if ( condemned_.inode == 0 ) {
+      return false;
+   }
+   if ( !internal::fileReplaced( internal::controlFileName( root_, path_ ), condemned_ ) ) {
+      return true;
+   }
+   condemned_ = {};
+   return false;
+}
+
+template< class Record >
+bool Reader< Record >::intact() const {
+   if ( !control_ ) {
+      return true;
+   }
+   if ( control_->damaged() || control_->header().magic != internal::controlMagic ) {
+      return false;
+   }
+   return !current_ || current_.headerIntact();
+}
+
+template< class Record >
 bool Reader< Record >::mount() const {
    if ( !control_ ) {
+      if ( condemnedStill() ) {
+         return false;
+      }
       control_ = internal::Control::openForReader( root_, path_, layout_, corruptionHandler_ );
    } else if ( control_->damaged() ) [[unlikely]] {
       internal::raiseCorruption(
@@ -417,12 +445,16 @@ void Reader< Record >::retire() const {
 
 template< class Record >
 MountStatus Reader< Record >::mountStatus() const {
+   if ( !control_ && condemnedStill() ) {
+      return MountStatus::writerGone;
+   }
    try {
       if ( !mount() ) {
          return MountStatus::waitingForWriter;
       }
    } catch ( const Fable::CorruptionDetectedException& ) {
-      return MountStatus::unmounted;
+      // A table its writer could not have left so: as good as no writer.
+      return MountStatus::writerGone;
    }
    return control_->status();
 }
@@ -565,7 +597,23 @@ void Reader< Record >::resync( Changes& changes ) {
 }
 
 template< class Record >
+void Reader< Record >::condemn( const std::string& why ) {
+   if ( corruptionHandler_ ) {
+      corruptionHandler_( why );
+   }
+   condemned_ = control_ ? control_->identity() : internal::FileIdentity{};
+   remount();
+}
+
+template< class Record >
 void Reader< Record >::gather() {
+   if ( !intact() ) {
+      condemn( fmt::format( "Lumen table {}: a header of the mapped table changed under the reader; "
+                            "the table is dropped until its writer makes it anew",
+                            path_ ) );
+      dropAll();
+      return;
+   }
    MountStatus status = mountStatus();
    bool replaced = false;
    if ( control_ && status != MountStatus::mounted && control_->replaced() ) {
@@ -599,6 +647,18 @@ void Reader< Record >::gather() {
       return;
    }
    resync( changes );
+}
+
+// After condemn(): the table shows as its writer gone, and every key the
+// consumer was told of is reported removed (a pass against no table).
+template< class Record >
+void Reader< Record >::dropAll() {
+   if ( reportedStatus_ != MountStatus::writerGone ) {
+      reportedStatus_ = MountStatus::writerGone;
+      pending_.push_back( { Event::mountStatus, {}, reportedStatus_, false, default_ } );
+   }
+   Changes none;
+   resync( none );
 }
 
 // Each event leaves the queue before its callback runs, and its state is

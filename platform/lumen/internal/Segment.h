@@ -156,6 +156,15 @@ class SlotArray {
    explicit operator bool() const { return bool( map_ ); }
    // The file was truncated under a reader's mapping (see Mapping::guard).
    bool damaged() const { return map_.damaged(); }
+   // The header still says what it said when the generation was mapped: a
+   // writer never rewrites these fields once it has published the
+   // generation, so a change is damage to the segment. A few loads.
+   bool headerIntact() const {
+      const DataHeader& h = header();
+      return !damaged() && h.magic == dataMagic && h.generation == generation_ &&
+             h.slotCount == slotCount_ && h.capacity == capacity_ &&
+             h.count <= capacity_;
+   }
    // The header's counts, read and changed through the array at each call.
    // There is deliberately no DataHeader& to hold: a rebuild, growth, shrink
    // or remap replaces the mapping under it, and a reference kept across such

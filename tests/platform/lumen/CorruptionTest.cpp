@@ -1,6 +1,7 @@
 // Damage is reported as CorruptionDetectedException, to handler and caller,
 // never crashes a reader; a healthy writer is never reported.
 #include "platform/lumen/Inspect.h"
+#include "platform/lumen/Salvage.h"
 #include "tests/platform/lumen/LumenTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -95,11 +96,12 @@ TEST_F( LumenCorruption, DamagedSegmentsAreDetected ) {
          EXPECT_NE( msg.find( c.inspected ), std::string::npos ) << msg;
       }
    }
-   // A damaged control segment also keeps a writer out and shows as unmounted.
+   // A damaged control segment also keeps a writer out and shows as its
+   // writer gone.
    copyTable( root, "lumen.good", "lumen.bad" );
    editFile( control(), []( uint8_t* p, size_t ) { p[ 0 ] ^= 0xff; } );
    Lumen::Reader< HostRec > reader( "/lumen/bad" );
-   EXPECT_EQ( reader.mountStatus(), Lumen::MountStatus::unmounted );
+   EXPECT_EQ( reader.mountStatus(), Lumen::MountStatus::writerGone );
    Lumen::Writer< HostRec > writer;
    EXPECT_THROW( writer.attach( "/lumen/bad" ), Fable::CorruptionDetectedException );
 }
@@ -347,4 +349,52 @@ TEST( LumenStuckSlot, AHealthyWriterThreadOfABusyProcessIsNeverReportedStuck ) {
    EXPECT_EQ( waitChild( writerProcess ), 0 );
    EXPECT_EQ( readerStatus, 0 ) << "a live, healthy writer was reported as corruption";
    ::munmap( stop, sizeof( int ) );
+}
+
+// A header of the mapped table scribbled on under a reader: the next
+// dispatch drops the table, reports every key it had delivered as removed
+// and shows the writer gone; the damaged file is not mounted again, and the
+// table its writer makes anew is followed.
+TEST_F( LumenCorruption, AHeaderDamagedUnderAReaderDropsTheTableUntilItIsMadeAnew ) {
+   auto writer = std::make_unique< Lumen::Writer< HostRec > >();
+   writer->attach( "/lumen/live" );
+   for ( uint32_t n = 0; n < 10; ++n ) {
+      writer->write( HostRec::of( n, n ) );
+   }
+   Lumen::Reader< HostRec > reader( "/lumen/live" );
+   std::vector< MacKey > removed;
+   std::vector< Lumen::MountStatus > statuses;
+   std::string handled;
+   reader.onKeyIs( [ & ]( const MacKey& k ) {
+      if ( !reader.contains( k ) ) {
+         removed.push_back( k );
+      }
+   } );
+   reader.onMountStatusIs( [ & ]( Lumen::MountStatus s ) { statuses.push_back( s ); } );
+   reader.corruptionHandlerIs( [ & ]( const std::string& m ) { handled = m; } );
+   ASSERT_EQ( reader.count(), 10u );
+
+   editFile( root.file( "lumen.live@1" ), []( uint8_t* p, size_t ) { p[ 0 ] ^= 0xff; } );
+   writer->write( HostRec::of( 10, 10 ) );
+   ASSERT_TRUE( dispatchUntil( reader, [ & ] { return removed.size() == 10; } ) );
+   EXPECT_EQ( reader.count(), 0u );
+   EXPECT_EQ( reader.mountStatus(), Lumen::MountStatus::writerGone );
+   ASSERT_FALSE( statuses.empty() );
+   EXPECT_EQ( statuses.back(), Lumen::MountStatus::writerGone );
+   EXPECT_EQ( handled, "Lumen table /lumen/live: a header of the mapped table changed under the reader; "
+                       "the table is dropped until its writer makes it anew" );
+   writer->write( HostRec::of( 11, 11 ) );
+   reader.dispatch();
+   EXPECT_EQ( reader.count(), 0u );   // the damaged file stays dropped
+
+   writer.reset();
+   Lumen::moveAside( "/lumen/live", "scribbled on" );
+   Lumen::Writer< HostRec > anew;
+   anew.attach( "/lumen/live" );
+   for ( uint32_t n = 0; n < 3; ++n ) {
+      anew.write( HostRec::of( n, n + 100 ) );
+   }
+   ASSERT_TRUE( dispatchUntil( reader, [ & ] { return reader.count() == 3; } ) );
+   EXPECT_EQ( reader.lookup( MacKey::of( 2 ) ), HostRec::of( 2, 102 ) );
+   EXPECT_EQ( reader.mountStatus(), Lumen::MountStatus::mounted );
 }
