@@ -43,17 +43,21 @@ class VniIndex {
    }
 
    // From the table's content: `each( f )` calls f( key ) once per record.
-   // Two passes, so that each vector is allocated once at its exact size.
+   // One pass over the table (walking it is what costs); vectors that grew
+   // with slack are then trimmed to their size.
    template< class Each >
    void build( Each&& each ) {
       clear();
-      each( [ & ]( const Key& k ) { ++buckets_[ Traits::indexVni( k ) ].live; } );
-      for ( auto& [ vni, b ] : buckets_ ) {
-         b.rest.reserve( b.live );
-      }
       each( [ & ]( const Key& k ) {
-         buckets_.find( Traits::indexVni( k ) )->second.rest.push_back( Traits::indexRest( k ) );
+         Bucket& b = buckets_[ Traits::indexVni( k ) ];
+         b.rest.push_back( Traits::indexRest( k ) );
+         ++b.live;
       } );
+      for ( auto& [ vni, b ] : buckets_ ) {
+         if ( b.rest.capacity() > b.rest.size() + b.rest.size() / 4 ) {
+            b.rest.shrink_to_fit();
+         }
+      }
       built_ = true;
    }
 
