@@ -55,7 +55,12 @@ class EthAddr {
    constexpr bool isZero() const { return *this == EthAddr(); }
 
    constexpr bool operator==( const EthAddr& ) const = default;
-   constexpr auto operator<=>( const EthAddr& ) const = default;
+   // The bytes' lexicographic order, as one integer comparison: ordered
+   // maps of addresses compare on every step of a lookup, and the defaulted
+   // form calls memcmp for each.
+   constexpr std::strong_ordering operator<=>( const EthAddr& o ) const {
+      return orderKey() <=> o.orderKey();
+   }
 
    uint32_t hash() const;
 
@@ -64,6 +69,11 @@ class EthAddr {
  private:
    static constexpr uint8_t hi( uint16_t w ) { return static_cast< uint8_t >( w >> 8 ); }
    static constexpr uint8_t lo( uint16_t w ) { return static_cast< uint8_t >( w ); }
+   constexpr uint64_t orderKey() const {
+      return uint64_t( bytes_[ 0 ] ) << 40 | uint64_t( bytes_[ 1 ] ) << 32 |
+             uint64_t( bytes_[ 2 ] ) << 24 | uint64_t( bytes_[ 3 ] ) << 16 |
+             uint64_t( bytes_[ 4 ] ) << 8 | uint64_t( bytes_[ 5 ] );
+   }
    constexpr uint16_t word( int i ) const {
       return static_cast< uint16_t >( ( bytes_[ i ] << 8 ) | bytes_[ i + 1 ] );
    }

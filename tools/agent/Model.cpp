@@ -28,12 +28,19 @@ Model::Model()
         config_( OrbEvpn::OrbEvpnConfig::OrbEvpnConfigIs( "orbEvpnConfig" ) ) {}
 
 Mox::Ptr< VniFdbStatusV2 > Model::status( uint32_t vni, bool create ) {
+   // A status taken out of the directory (or replaced there) has lost its
+   // parent, so the cached one is current only while its parent is ours.
+   if ( last_ && lastVni_ == vni && last_->parent() == vniDir_.ptr() ) {
+      return last_;
+   }
    const Mox::String name( fmt::format( "{}", vni ) );
    auto s = Mox::ptrCast< VniFdbStatusV2 >( vniDir_->entityPtr( name ) );
    if ( !s && create ) {
       s = VniFdbStatusV2::VniFdbStatusV2Is( Vxlan::Vni( vni ) );
       vniDir_->entityPtrIs( s );
    }
+   lastVni_ = vni;
+   last_ = s;
    return s;
 }
 

@@ -46,6 +46,11 @@ class Model {
    Mox::Ptr< VxlanController::VniFdbStatusV2 > status( uint32_t vni, bool create );
 
    Mox::Ptr< Mox::Dir > vniDir_;
+   // The status the last event went to: a snapshot's events come VNI by
+   // VNI, and finding a status by name costs a formatted name and a
+   // directory lookup. Trusted only while it is still in the directory.
+   uint32_t lastVni_ = 0;
+   Mox::Ptr< VxlanController::VniFdbStatusV2 > last_;
    Mox::Ptr< VxlanController::VniStatusDirV2 > evpnDir_;
    Mox::Ptr< Controllerdb::Status > controllerdb_;
    Mox::Ptr< OrbEvpn::EvpnCapability > capability_;

@@ -1,6 +1,7 @@
 // orbevpn-agent: hosts the orbevpn plug-in between a controller's event
 // stream and the EVPN side's shared tables. `orbevpn-agent ctl WORDS...`
 // talks to a running agent over its control socket.
+#include "orbevpn/tx/SweepMode.h"
 #include "platform/lumen/CorruptionDetectedException.h"
 #include "platform/lumen/Options.h"
 #include "platform/trace/Handle.h"
@@ -25,7 +26,7 @@ int main( int argc, char** argv ) {
 
    CLI::App app{ "orbevpn-agent: hosts the orbevpn plug-in; the built-in demo runs when no --input is given" };
    Agent::Options o;
-   std::string root, trace, demoSize, ctlControl, ctlRoot;
+   std::string root, trace, demoSize, ctlControl, ctlRoot, sweep = "index";
    std::optional< uint32_t > skipVni;
    app.add_option( "--prefix", o.prefix, "table path prefix" )->capture_default_str();
    app.add_option( "--root", root, "Lumen root folder (default: $ORBEVPN_LUMEN_ROOT or /dev/shm)" );
@@ -55,6 +56,9 @@ int main( int argc, char** argv ) {
                    "ms a control client may take no byte of its reply (or send no whole line) before it is dropped" )
       ->capture_default_str()
       ->check( CLI::Range( 10u, 3600000u ) );
+   app.add_option( "--sweep", sweep, "how the export's stale-record sweeps find a VNI's records: index or walk" )
+      ->capture_default_str()
+      ->check( CLI::IsMember( { "index", "walk" } ) );
    app.add_option( "--status-period", o.statusPeriodMs, "status period in ms (steady = two quiet periods)" )
       ->capture_default_str()
       ->check( CLI::Range( 10u, 60000u ) );
@@ -108,6 +112,7 @@ int main( int argc, char** argv ) {
          std::fprintf( stderr, "orbevpn-agent: --ovsdb excludes --input and the --demo options\n" );
          return 2;
       }
+      OrbEvpn::sweepModeIs( *OrbEvpn::sweepModeFromName( sweep ) );
       Agent::Agent agent( o );
       return agent.run();
    } catch ( const Fable::CorruptionDetectedException& e ) {
