@@ -22,6 +22,13 @@
 //    notified of, an entry that comes and goes between two dispatches is
 //    never seen, and a removal is notified only for an entry that was.
 //
+// Writer role: a per-VNI index of the table's keys (internal/VniIndex.h)
+// answers entryKeysOfVni. It is built from the table on first use, follows
+// every change made through this class from then on (write, remove, remove
+// all, commit, the generic interface, which calls these), and is dropped
+// when the table attaches, since a takeover merges a dead writer's content
+// in; the next use rebuilds it. A process that never asks never builds it.
+//
 // Counters ("<entry>Is", "<entry>Del", "<entry>Notify") are the process's
 // named counters. Corruption found by a write goes to the corruption
 // handler (doCorruptionDetected), which must not return; corruption found
@@ -31,17 +38,20 @@
 // Single-threaded: runs on the notification thread.
 #pragma once
 
+#include "orbevpn/exchange/internal/VniIndex.h"
 #include "platform/lumen/Table.h"
 #include "platform/lumen/binding/CollectionControl.h"
 #include "platform/mox/Assert.h"
 #include "platform/mox/Counters.h"
 #include "platform/mox/Dir.h"
 #include "platform/trace/DualLog.h"
+#include "platform/values/Vni.h"
 
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace OrbEvpn {
 
@@ -101,6 +111,18 @@ class ExchangeTable : public Mox::Entity {
       return read( [ & ] { return reader_ ? reader_->lookup( k ) : writer_->lookup( k ); },
                    Traits::defaultEntry() );
    }
+   // The entry of `k`, if there is one (one probe).
+   std::optional< Entry > entryFind( const Key& k ) const {
+      return read(
+         [ & ]() -> std::optional< Entry > {
+            if ( reader_ ) {
+               return reader_->contains( k ) ? std::optional< Entry >( reader_->lookup( k ) )
+                                             : std::nullopt;
+            }
+            return writer_->find( k );
+         },
+         std::optional< Entry >() );
+   }
    bool entryExists( const Key& k ) const {
       return read( [ & ] { return reader_ ? reader_->contains( k ) : writer_->contains( k ); },
                    false );
@@ -110,7 +132,13 @@ class ExchangeTable : public Mox::Entity {
    void entryIs( const Entry& v ) {
       refuseIfReader( "write" );
       isCounter_.inc();
-      write( [ & ] { writer_->write( v ); } );
+      write( [ & ] {
+         const uint32_t before = writer_->count();
+         writer_->write( v );
+         if ( writer_->count() != before ) {
+            index_.inserted( v.key() );
+         }
+      } );
       entryNotify( v.key() );
    }
 
@@ -121,6 +149,7 @@ class ExchangeTable : public Mox::Entity {
       if ( !old ) {
          return Traits::defaultEntry();
       }
+      index_.removed( k, [ this ]( const Key& key ) { return writer_->contains( key ); } );
       entryNotify( k );
       return *old;
    }
@@ -148,7 +177,13 @@ class ExchangeTable : public Mox::Entity {
       refuseIfReader( "commit" );
       isCounter_.inc();
       const Key k = v->key();
-      write( [ & ] { writer_->commit( v ); } );
+      write( [ & ] {
+         const uint32_t before = writer_->count();
+         writer_->commit( v );
+         if ( writer_->count() != before ) {
+            index_.inserted( k );
+         }
+      } );
       entryNotify( k );
    }
 
@@ -157,6 +192,28 @@ class ExchangeTable : public Mox::Entity {
       return read( [ & ] { return reader_ ? reader_->next( from ) : writer_->next( from ); },
                    std::optional< std::pair< Entry, Lumen::Hint > >() );
    }
+
+   // The keys of the VNI's entries (writer role), from the per-VNI index,
+   // each once and in no particular order. A copy: the caller may change the
+   // table while visiting them, so it looks each one up (entryFind) before
+   // acting on it.
+   std::vector< Key > entryKeysOfVni( Vxlan::Vni vni ) {
+      refuseIfReader( "index" );
+      if ( !index_.built() ) {
+         write( [ & ] {
+            index_.build( [ & ]( auto&& f ) {
+               for ( auto e = writer_->next(); e; e = writer_->next( e->second ) ) {
+                  f( e->first.key() );
+               }
+            } );
+         } );
+      }
+      return index_.keysOf( vni.value(),
+                            [ this ]( const Key& key ) { return writer_->contains( key ); } );
+   }
+   // Keys held and heap bytes used by the index (0 until built).
+   size_t entryIndexKeys() const { return index_.keys(); }
+   size_t entryIndexBytes() const { return index_.bytes(); }
 
    // A cursor over the entries; removing the current entry is harmless.
    class IteratorConst {
@@ -248,6 +305,9 @@ class ExchangeTable : public Mox::Entity {
             if ( !Lumen::hardwareSupportsAtomics() ) {
                MOX_THROW( Mox::Exception, "Hardware does not support Atomics" );
             }
+            // A takeover merges in what the previous writer left: the
+            // index no longer knows the content and is rebuilt on next use.
+            index_.clear();
             writer_->attach( lumenPath( full ) );
             path_ = full;
             entryNotifyMountStatus();
@@ -350,6 +410,7 @@ class ExchangeTable : public Mox::Entity {
    std::string path_;
    std::unique_ptr< Writer > writer_;
    std::unique_ptr< Reader > reader_;
+   VniIndex< Traits > index_;
    Mox::Counter& isCounter_;
    Mox::Counter& delCounter_;
    Mox::Counter& notifyCounter_;

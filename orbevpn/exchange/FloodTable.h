@@ -30,6 +30,13 @@ struct FloodTableTraits {
    static FloodEntry defaultEntry() { return FloodEntry(); }
    // Only the default entry itself (zero VNI and VTEP) stands for "none".
    static bool vacant( const FloodEntry& e ) { return e == FloodEntry(); }
+   // The per-VNI index keeps a key as its VNI and its VTEP.
+   using IndexRest = uint32_t;
+   static uint32_t indexVni( const VniVtepPair& k ) { return k.vni().value(); }
+   static uint32_t indexRest( const VniVtepPair& k ) { return k.vtepAddr().value(); }
+   static VniVtepPair indexKey( uint32_t vni, uint32_t rest ) {
+      return VniVtepPair( Vxlan::Vni( vni ), Wire::IpAddr( rest ) );
+   }
    static Mox::AttributeId collectionId();
    static Mox::AttributeId controlId();
 };
@@ -64,6 +71,10 @@ class FloodTable : public internal::ExchangeTable< FloodTable, FloodTableTraits 
 
    FloodEntry floodEntry( const VniVtepPair& k ) const { return entry( k ); }
    bool floodEntryExists( const VniVtepPair& k ) const { return entryExists( k ); }
+   std::optional< FloodEntry > floodEntryFind( const VniVtepPair& k ) const { return entryFind( k ); }
+   std::vector< VniVtepPair > floodEntryKeysOfVni( Vxlan::Vni vni ) {
+      return entryKeysOfVni( vni );
+   }
    uint32_t floodEntries() const { return entryCount(); }
    void floodEntryIs( FloodEntry v ) { entryIs( v ); }
    FloodEntry floodEntryDel( const VniVtepPair& k ) { return entryDel( k ); }

@@ -13,6 +13,8 @@
 #include "orbevpn/exchange/ExchangeTable.h"
 #include "orbevpn/exchange/Host.h"
 
+#include <cstring>
+
 namespace OrbEvpn {
 
 class HostTable;
@@ -32,6 +34,19 @@ struct HostTableTraits {
    static bool vacant( const Host& h ) {
       return h.vtepAddr() == Host().vtepAddr() && h.seqNo() == Host().seqNo() &&
              h.preference() == Host().preference();
+   }
+   // The per-VNI index keeps a key as its VNI and its MAC.
+   using IndexRest = uint64_t;
+   static uint32_t indexVni( const MacVniPair& k ) { return k.vni().value(); }
+   static uint64_t indexRest( const MacVniPair& k ) {
+      uint64_t r = 0;
+      std::memcpy( &r, k.macAddr().bytes(), 6 );
+      return r;
+   }
+   static MacVniPair indexKey( uint32_t vni, uint64_t rest ) {
+      uint8_t mac[ 8 ];
+      std::memcpy( mac, &rest, 8 );
+      return MacVniPair( Wire::EthAddr( mac ), Vxlan::Vni( vni ) );
    }
    static Mox::AttributeId collectionId();
    static Mox::AttributeId controlId();
@@ -67,6 +82,8 @@ class HostTable : public internal::ExchangeTable< HostTable, HostTableTraits > {
 
    Host host( const MacVniPair& k ) const { return entry( k ); }
    bool hostExists( const MacVniPair& k ) const { return entryExists( k ); }
+   std::optional< Host > hostFind( const MacVniPair& k ) const { return entryFind( k ); }
+   std::vector< MacVniPair > hostKeysOfVni( Vxlan::Vni vni ) { return entryKeysOfVni( vni ); }
    uint32_t hosts() const { return entryCount(); }
    void hostIs( const Host& v ) { entryIs( v ); }
    Host hostDel( const MacVniPair& k ) { return entryDel( k ); }

@@ -1,6 +1,7 @@
 #include "orbevpn/tx/StaleVniSweep.h"
 
 #include "orbevpn/tx/OrbEvpnTxSm.h"
+#include "orbevpn/tx/SweepMode.h"
 #include "orbevpn/tx/internal/TxTrace.h"
 
 namespace OrbEvpn {
@@ -23,25 +24,48 @@ void internal::sweepStaleVnis( OrbEvpnTxSm& txSm, const std::set< Vxlan::Vni >& 
       TRACE( txTrace(), 3, "OrbEvpnTxSm()::cleanupStaleVniEntries() Deleting stale VNI {}", v );
       brIds->brIdListDel( Bridging::BridgeId::fromVni( v ) );
    }
-   // The cursors stand on a copy of the entry, so removing it is harmless.
-   for ( auto it = hosts->hostIterConst(); it; ++it ) {
-      const MacVniPair key = it.key();
-      if ( vnis.contains( key.vni() ) ) {
-         TRACE( txTrace(), 8,
-                "OrbEvpnTxSm()::cleanupStaleVniEntries({}) Deleting stale host entry (macAddr: "
-                "{}, ip: {})",
-                key.vni(), key.macAddr(), it.value().vtepAddr() );
-         hosts->hostDel( key );
+   auto dropHost = [ & ]( const Host& host ) {
+      const MacVniPair key = host.key();
+      TRACE( txTrace(), 8,
+             "OrbEvpnTxSm()::cleanupStaleVniEntries({}) Deleting stale host entry (macAddr: "
+             "{}, ip: {})",
+             key.vni(), key.macAddr(), host.vtepAddr() );
+      hosts->hostDel( key );
+   };
+   auto dropFlood = [ & ]( const VniVtepPair& key ) {
+      TRACE( txTrace(), 8,
+             "OrbEvpnTxSm()::cleanupStaleVniEntries({}) Deleting stale flood list entry (ip: "
+             "{})",
+             key.vni(), key.vtepAddr() );
+      floods->floodEntryDel( key );
+   };
+   if ( sweepMode() == SweepMode::walk ) {
+      // The cursors stand on a copy of the entry, so removing it is harmless.
+      for ( auto it = hosts->hostIterConst(); it; ++it ) {
+         if ( vnis.contains( it.key().vni() ) ) {
+            dropHost( it.value() );
+         }
       }
-   }
-   for ( auto it = floods->floodEntryIterConst(); it; ++it ) {
-      const VniVtepPair key = it.key();
-      if ( vnis.contains( key.vni() ) ) {
-         TRACE( txTrace(), 8,
-                "OrbEvpnTxSm()::cleanupStaleVniEntries({}) Deleting stale flood list entry (ip: "
-                "{})",
-                key.vni(), key.vtepAddr() );
-         floods->floodEntryDel( key );
+      for ( auto it = floods->floodEntryIterConst(); it; ++it ) {
+         if ( vnis.contains( it.key().vni() ) ) {
+            dropFlood( it.key() );
+         }
+      }
+   } else {
+      // Every host of the VNIs before any flood entry, as the walk does.
+      for ( Vxlan::Vni v : vnis ) {
+         for ( const MacVniPair& k : hosts->hostKeysOfVni( v ) ) {
+            if ( const std::optional< Host > host = hosts->hostFind( k ) ) {
+               dropHost( *host );
+            }
+         }
+      }
+      for ( Vxlan::Vni v : vnis ) {
+         for ( const VniVtepPair& k : floods->floodEntryKeysOfVni( v ) ) {
+            if ( floods->floodEntryExists( k ) ) {
+               dropFlood( k );
+            }
+         }
       }
    }
    TRACE( txTrace(), 4, "OrbEvpnTxSm()::cleanupStaleVniEntries() return" );

@@ -4,9 +4,11 @@
 // knows of (state left by an earlier run of the process).
 //
 // Order: the bridge ids first (so the EVPN side stops treating the VNIs as
-// exported), then every host, then every flood entry of the VNIs. Each
-// table is walked once in full whatever the size of the set, also when it
-// is empty; removal of the entry under the cursor is harmless.
+// exported), then every host, then every flood entry of the VNIs. With
+// SweepMode::index it visits only the VNIs' own records, through the
+// tables' per-VNI index; with SweepMode::walk each table is walked once in
+// full whatever the size of the set, also when it is empty (removal of the
+// entry under the cursor is harmless). Both delete and trace the same.
 //
 // It reads neither the root's inputs, its children nor its `initialized`
 // flag. Runs on the notification thread.

@@ -3,6 +3,7 @@
 // which writes the flood entries; flood entries of the VNI whose VTEP the
 // controller's list lacks are swept by each full pass.
 #include "orbevpn/tx/OrbEvpnTxSm.h"
+#include "orbevpn/tx/SweepMode.h"
 #include "orbevpn/tx/VniFdbStatusSm.h"
 #include "orbevpn/tx/internal/TxTrace.h"
 #include "platform/mox/Assert.h"
@@ -82,19 +83,29 @@ void VniFdbStatusSm::cleanupStaleFloodListEntries() {
    const Mox::Ptr< const VxlanController::MacVtepFloodListV2 > bum =
       vniFdbStatus()->macVtepFloodListTable( allBumDestinations );
    const Mox::Ptr< FloodTable > floods = orbEvpnTxSm_->floodTableOut();
-   for ( auto it = floods->floodEntryIterConst(); it; ++it ) {
-      const VniVtepPair key = it.key();
+   auto judge = [ & ]( const VniVtepPair& key ) {
       // A VTEP the controller lists is kept whatever its flag: the child
       // decides about it.
       if ( bum && bum->vtepIpFloodListContains( key.vtepAddr() ) ) {
-         continue;
+         return;
       }
-      if ( key.vni() == vni_ ) {
-         TRACE( txTrace(), 8,
-                "VniFdbStatusSm({})::cleanupStaleFloodListEntries() Deleting stale flood list "
-                "entry (ip: {})",
-                vni_, key.vtepAddr() );
-         floods->floodEntryDel( key );
+      TRACE( txTrace(), 8,
+             "VniFdbStatusSm({})::cleanupStaleFloodListEntries() Deleting stale flood list "
+             "entry (ip: {})",
+             vni_, key.vtepAddr() );
+      floods->floodEntryDel( key );
+   };
+   if ( sweepMode() == SweepMode::walk ) {
+      for ( auto it = floods->floodEntryIterConst(); it; ++it ) {
+         if ( it.key().vni() == vni_ ) {
+            judge( it.key() );
+         }
+      }
+   } else {
+      for ( const VniVtepPair& key : floods->floodEntryKeysOfVni( vni_ ) ) {
+         if ( floods->floodEntryExists( key ) ) {
+            judge( key );
+         }
       }
    }
    TRACE( txTrace(), 4, "VniFdbStatusSm({})::cleanupStaleFloodListEntries() return", vni_ );

@@ -4,6 +4,7 @@
 // entry are swept by each full pass. Multi-path entries only keep the
 // bridge id published.
 #include "orbevpn/tx/OrbEvpnTxSm.h"
+#include "orbevpn/tx/SweepMode.h"
 #include "orbevpn/tx/VniFdbStatusSm.h"
 #include "orbevpn/tx/internal/TxTrace.h"
 #include "platform/mox/Assert.h"
@@ -77,17 +78,30 @@ void VniFdbStatusSm::cleanupStaleHostEntries() {
    TRACE( txTrace(), 3, "VniFdbStatusSm({})::cleanupStaleHostEntries()", vni_ );
    const Mox::Ptr< const FdbStatus > status = vniFdbStatus();
    const Mox::Ptr< HostTable > hosts = orbEvpnTxSm_->hostTableOut();
-   // The table has no per-VNI index: the whole of it is walked. A record
-   // whose MAC still has a controller entry stays, even if out of date;
-   // the per-MAC pass that follows corrects it.
-   for ( auto it = hosts->hostIterConst(); it; ++it ) {
-      const Host host = it.value();
-      if ( host.key().vni() == vni_ && !hasEntry( status->macVtepTable( host.key().macAddr() ) ) ) {
+   // A record whose MAC still has a controller entry stays, even if out of
+   // date; the per-MAC pass that follows corrects it.
+   auto judge = [ & ]( const Host& host ) {
+      if ( !hasEntry( status->macVtepTable( host.key().macAddr() ) ) ) {
          TRACE( txTrace(), 8,
                 "VniFdbStatusSm({})::cleanupStaleHostEntries() Deleting stale host entry "
                 "(macAddr: {}, ip: {})",
                 vni_, host.key().macAddr(), host.vtepAddr() );
          hosts->hostDel( host.key() );
+      }
+   };
+   if ( sweepMode() == SweepMode::walk ) {
+      for ( auto it = hosts->hostIterConst(); it; ++it ) {
+         if ( it.value().key().vni() == vni_ ) {
+            judge( it.value() );
+         }
+      }
+   } else {
+      // Looked up at the visit, as the walk reads each record when it
+      // reaches it: an earlier removal's handlers may have changed it.
+      for ( const MacVniPair& k : hosts->hostKeysOfVni( vni_ ) ) {
+         if ( const std::optional< Host > host = hosts->hostFind( k ) ) {
+            judge( *host );
+         }
       }
    }
    TRACE( txTrace(), 4, "VniFdbStatusSm({})::cleanupStaleHostEntries() return", vni_ );

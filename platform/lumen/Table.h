@@ -89,6 +89,7 @@ class Writer {
    void write( const Record& r );                 // insert or replace
    std::optional< Record > remove( const Key& k );
    Record lookup( const Key& k ) const;
+   std::optional< Record > find( const Key& k ) const;   // lookup and contains in one probe
    bool contains( const Key& k ) const;
    uint32_t count() const;
    uint32_t capacity() const;

@@ -1,6 +1,7 @@
 // orbevpn-agent: hosts the orbevpn plug-in between a controller's event
 // stream and the EVPN side's shared tables. `orbevpn-agent ctl WORDS...`
 // talks to a running agent over its control socket.
+#include "orbevpn/tx/SweepMode.h"
 #include "platform/lumen/Options.h"
 #include "platform/trace/Handle.h"
 #include "tools/agent/Agent.h"
@@ -23,7 +24,7 @@ int main( int argc, char** argv ) {
 
    CLI::App app{ "orbevpn-agent: hosts the orbevpn plug-in; the built-in demo runs when no --input is given" };
    Agent::Options o;
-   std::string root, trace, demoSize, ctlControl, ctlRoot;
+   std::string root, trace, demoSize, ctlControl, ctlRoot, sweep = "index";
    std::optional< uint32_t > skipVni;
    app.add_option( "--prefix", o.prefix, "table path prefix" )->capture_default_str();
    app.add_option( "--root", root, "Lumen root folder (default: $ORBEVPN_LUMEN_ROOT or /dev/shm)" );
@@ -49,6 +50,9 @@ int main( int argc, char** argv ) {
    app.add_option( "--control", o.control, "control socket (default: $ORBEVPN_AGENT_CONTROL or <root>/orbevpn-agent.ctl)" );
    app.add_option( "--metrics-listen", o.metricsListen, "serve /metrics over HTTP at ADDR:PORT (loopback)" );
    app.add_flag( "--metrics-any-address", o.metricsAnyAddress, "allow a --metrics-listen address that is not loopback" );
+   app.add_option( "--sweep", sweep, "how the export's stale-record sweeps find a VNI's records: index or walk" )
+      ->capture_default_str()
+      ->check( CLI::IsMember( { "index", "walk" } ) );
    app.add_option( "--status-period", o.statusPeriodMs, "status period in ms (steady = two quiet periods)" )
       ->capture_default_str()
       ->check( CLI::Range( 10u, 60000u ) );
@@ -98,6 +102,7 @@ int main( int argc, char** argv ) {
          std::fprintf( stderr, "orbevpn-agent: --ovsdb excludes --input and the --demo options\n" );
          return 2;
       }
+      OrbEvpn::sweepModeIs( *OrbEvpn::sweepModeFromName( sweep ) );
       Agent::Agent agent( o );
       return agent.run();
    } catch ( const std::exception& e ) {

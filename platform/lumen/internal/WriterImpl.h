@@ -287,6 +287,12 @@ Record Writer< Record >::lookup( const Key& k ) const {
 }
 
 template< class Record >
+std::optional< Record > Writer< Record >::find( const Key& k ) const {
+   auto f = Ops::find( table_, k, path_, corruptionHandler_ );
+   return f.present ? std::optional< Record >( Ops::recordAt( table_, f.slot ) ) : std::nullopt;
+}
+
+template< class Record >
 bool Writer< Record >::contains( const Key& k ) const {
    return Ops::find( table_, k, path_, corruptionHandler_ ).present;
 }
