@@ -21,6 +21,7 @@
 #include "orbevpn/exchange/HostTable.h"
 #include "orbevpn/rx/OrbEvpnRxSm.h"
 #include "orbevpn/tx/OrbEvpnTxSm.h"
+#include "orbevpn/tx/SweepMode.h"
 #include "platform/lumen/Options.h"
 #include "platform/lumen/Table.h"
 #include "platform/model/OrbBrIdList.h"
@@ -462,12 +463,17 @@ ImportResult runImport( uint64_t hostsN, uint32_t vnis ) {
 struct BurstResult {
    uint32_t vnis = 0;
    uint64_t hosts = 0;
+   bool walk = false;
    double seconds = 0;
    bool ok = true;
 };
 
-BurstResult runBurst( uint32_t vnis, uint64_t hostsN ) {
-   BurstResult res{ vnis, hostsN, 0, true };
+BurstResult runBurst( uint32_t vnis, uint64_t hostsN, bool walk ) {
+   BurstResult res{ vnis, hostsN, walk, 0, true };
+   sweepModeIs( walk ? SweepMode::walk : SweepMode::index );
+   struct Restore {
+      ~Restore() { sweepModeIs( SweepMode::index ); }
+   } restore;
    TempRoot root( "burst" );
    ExportRig rig( vnis, hostsN );   // every host exported before the clock starts
    const uint64_t t0 = nowNs();
@@ -652,7 +658,8 @@ struct Config {
    uint64_t hosts = 1ull << 20;
    uint32_t vnis = 64;
    double pace = 100000, pacedSeconds = 2;
-   std::vector< std::pair< uint32_t, uint64_t > > bursts{ { 1024, 1ull << 20 } };
+   std::vector< std::pair< uint32_t, uint64_t > > bursts{ { 1024, 1ull << 20 }, { 4096, 1ull << 20 } };
+   std::vector< std::pair< uint32_t, uint64_t > > burstWalks{ { 1024, 100000 } };
    uint32_t ingestVnis = 64, ingestMacs = 4096;
    std::vector< std::pair< uint32_t, uint64_t > > startups{
       { 1024, 1ull << 20 }, { 4096, 1ull << 20 }, { 16384, 1ull << 20 }, { 1024, 1ull << 18 }, { 1024, 1ull << 22 } };
@@ -680,7 +687,8 @@ void usage() {
       "  --vnis N             VNIs they spread over (default 64)\n"
       "  --pace N             changes/s of the paced export run (default 100000)\n"
       "  --paced-seconds S    its length (default 2)\n"
-      "  --burst LIST         VxH of the EVPN-status bursts (default 1Kx1M)\n"
+      "  --burst LIST         VxH of the EVPN-status bursts (default 1Kx1M,4Kx1M)\n"
+      "  --burst-walk LIST    the same with the plain walk (default 1Kx100000; none)\n"
       "  --ingest VxM         the demo snapshot (and as much churn) as JSON lines (default 64x4096)\n"
       "  --startup LIST       VxH of the start-up runs (default 1Kx1M,4Kx1M,16Kx1M,1Kx256K,1Kx4M)\n"
       "  --walk LIST          VxH of start-up runs with --sweep walk (default 1Kx100000,4Kx1M; none)\n"
@@ -707,6 +715,7 @@ int main( int argc, char** argv ) {
          else if ( a == "--pace" ) c.pace = std::stod( val() );
          else if ( a == "--paced-seconds" ) c.pacedSeconds = std::stod( val() );
          else if ( a == "--burst" ) c.bursts = parseGrid( val() );
+         else if ( a == "--burst-walk" ) c.burstWalks = parseGrid( val() );
          else if ( a == "--ingest" ) {
             const auto g = parseGrid( val() );
             if ( g.size() != 1 ) throw std::invalid_argument( "--ingest takes one VxM" );
@@ -785,14 +794,20 @@ int main( int argc, char** argv ) {
       std::printf( "Burst: V EVPN-side statuses appear at once over H exported hosts\n\n" );
       std::vector< BurstResult > rows;
       for ( auto [ v, h ] : c.bursts ) {
-         rows.push_back( runBurst( v, h ) );
+         rows.push_back( runBurst( v, h, false ) );
          ok &= rows.back().ok;
       }
-      std::printf( "| VNIs | hosts | seconds |\n|---:|---:|---:|\n" );
+      for ( auto [ v, h ] : c.burstWalks ) {
+         rows.push_back( runBurst( v, h, true ) );
+         ok &= rows.back().ok;
+      }
+      std::printf( "| VNIs | hosts | sweep | seconds |\n|---:|---:|---|---:|\n" );
       for ( const auto& r : rows )
-         std::printf( "| %u | %llu | %.3f |\n", r.vnis, (unsigned long long)r.hosts, r.seconds );
+         std::printf( "| %u | %llu | %s | %.3f |\n", r.vnis, (unsigned long long)r.hosts, r.walk ? "walk" : "index",
+                      r.seconds );
       std::printf( "\n" );
-      for ( const auto& r : rows ) std::printf( "pipeline burst vnis=%u seconds=%.3f\n", r.vnis, r.seconds );
+      for ( const auto& r : rows )
+         std::printf( "pipeline burst vnis=%u seconds=%.3f%s\n", r.vnis, r.seconds, r.walk ? " sweep=walk" : "" );
       std::printf( "\n" );
       std::fflush( stdout );
    }

@@ -556,6 +556,12 @@ void Reader< Record >::resync( Changes& changes ) {
       // Nothing in this loop remaps: t stays valid throughout.
       const internal::SlotArray& shared = *t;
       auto ctx = stuckContext();
+      // Sized once for every key the pass may queue, rather than rehashed
+      // a dozen times on the way up (the count is shared memory: bounded
+      // by the slots, whatever a damaged header says).
+      const size_t live = std::min( shared.liveCount(), shared.slotCount() );
+      changes.queued.reserve( live + replica_.count() );
+      changes.events.reserve( live );
       for ( uint32_t i = 0; i < shared.slotCount(); ++i ) {
          try {
             if ( Ops::read( shared, i, r, ctx ) == internal::slotLive ) {
@@ -614,6 +620,8 @@ void Reader< Record >::gather() {
    std::vector< Key > keys;
    if ( control_ && synced_ && readFeed( keys ) ) {
       // One callback per changed key, in the order of first change.
+      changes.queued.reserve( keys.size() );
+      changes.events.reserve( keys.size() );
       Record r;
       for ( const Key& k : keys ) {
          try {
