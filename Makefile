@@ -2,7 +2,7 @@
 PRESET ?= debug
 JOBS   ?= $(shell nproc)
 
-.PHONY: setup build test demo soak bench clean
+.PHONY: setup build test demo soak bench bench-pipeline clean
 
 setup:
 	@scripts/setup
@@ -29,6 +29,11 @@ soak: build
 bench: PRESET = release
 bench: build
 	bench/run
+
+# Only the pipeline's benchmarks (export, import, burst, ingest, start-up)
+# and the start-up plot; PIPELINE_BENCH_ARGS passes options.
+bench-pipeline:
+	bench/run --pipeline-only
 
 clean:
 	rm -rf build
