@@ -600,9 +600,6 @@ StartupResult runStartup( uint32_t vnis, uint64_t hostsN, bool walk, bool sweepO
    res.vnis = vnis, res.walk = walk;
    res.macs = uint32_t( std::max< uint64_t >( 1, hostsN / vnis ) );
    res.hosts = uint64_t( res.macs ) * vnis;
-   if ( walk && !sweepOption ) {
-      // Without the knob the agent only has the plain walk.
-   }
    TempRoot root( "startup" );
    // The EVPN side is up and enabled, so that the agent exports.
    Lumen::Writer< EvpnCapabilityRecord > capability;
@@ -815,9 +812,7 @@ int main( int argc, char** argv ) {
       const bool sweepOption = agentHasSweepOption();
       std::vector< StartupResult > rows;
       auto one = [ & ]( uint32_t v, uint64_t h, bool walk ) {
-         if ( walk && !sweepOption ) {
-            // The agent has only the plain walk: every row is a walk row.
-         }
+         // An agent without the knob has only the plain walk: every row is a walk row.
          rows.push_back( runStartup( v, h, walk || !sweepOption, sweepOption ) );
          ok &= rows.back().ok;
          const auto& r = rows.back();
