@@ -2,7 +2,7 @@
 PRESET ?= debug
 JOBS   ?= $(shell nproc)
 
-.PHONY: setup build test demo soak soak-system bench clean faults reliability
+.PHONY: setup build test demo soak soak-system bench bench-pipeline clean faults reliability
 
 setup:
 	@scripts/setup
@@ -53,6 +53,11 @@ reliability: setup
 bench: PRESET = release
 bench: build
 	bench/run
+
+# Only the pipeline's benchmarks (export, import, burst, ingest, start-up)
+# and the start-up plot; PIPELINE_BENCH_ARGS passes options.
+bench-pipeline:
+	bench/run --pipeline-only
 
 clean:
 	rm -rf build

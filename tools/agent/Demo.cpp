@@ -6,7 +6,7 @@ namespace Agent {
 
 Demo::Demo( const DemoOptions& o ) : o_( o ), rng_( o.seed ) {
    for ( uint32_t v = 1; v <= o.vnis; ++v ) {
-      if ( v != o.skipVni ) {
+      if ( v != o.skipVni && ( o.vanishEvery == 0 || v % o.vanishEvery != 0 ) ) {
          vnis_.push_back( v );
       }
    }

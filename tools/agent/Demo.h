@@ -22,6 +22,9 @@ struct DemoOptions {
    uint32_t macs = 1000;
    uint64_t seed = 1;
    std::optional< uint32_t > skipVni;   // left out entirely
+   // 0: none. N: every VNI that is a multiple of N is left out, as if it had
+   // vanished from the controller (a restart over an older run's tables).
+   uint32_t vanishEvery = 0;
 };
 
 class Demo {

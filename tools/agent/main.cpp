@@ -41,6 +41,9 @@ int main( int argc, char** argv ) {
    app.add_option( "--demo-churn-rate", o.demoChurnRate, "churn events per second" )->capture_default_str();
    app.add_option( "--demo-seed", o.demo.seed, "the demo's random seed" )->capture_default_str();
    app.add_option( "--demo-skip-vni", skipVni, "leave this VNI out of the demo" );
+   app.add_option( "--demo-vanish-every", o.demo.vanishEvery,
+                   "leave out every VNI that is a multiple of N (0: none), e.g. to restart over tables of a larger demo" )
+      ->capture_default_str();
    app.add_option( "--record-events", o.recordEvents, "write every applied event to FILE as JSON lines" );
    app.add_option( "--sync-timeout", o.syncTimeout, "seconds to wait for {\"op\":\"synced\"}" )->capture_default_str();
    app.add_flag( "--until-steady", o.untilSteady, "exit 0 once steady; non-zero on --steady-timeout" );
@@ -104,11 +107,11 @@ int main( int argc, char** argv ) {
          return 2;
       }
       o.demo.skipVni = skipVni;
-      if ( !o.input.empty() && ( !demoSize.empty() || skipVni ) ) {
+      if ( !o.input.empty() && ( !demoSize.empty() || skipVni || o.demo.vanishEvery ) ) {
          std::fprintf( stderr, "orbevpn-agent: --demo options and --input exclude each other\n" );
          return 2;
       }
-      if ( !o.ovsdb.empty() && ( !o.input.empty() || !demoSize.empty() || skipVni ) ) {
+      if ( !o.ovsdb.empty() && ( !o.input.empty() || !demoSize.empty() || skipVni || o.demo.vanishEvery ) ) {
          std::fprintf( stderr, "orbevpn-agent: --ovsdb excludes --input and the --demo options\n" );
          return 2;
       }

@@ -5,6 +5,8 @@
 
 #include "platform/lumen/internal/SlotOps.h"
 
+#include <numeric>
+
 namespace Lumen {
 
 // ---------------------------------------------------------------- Reader
@@ -18,6 +20,33 @@ inline Options replicaOptions() {
    o.initialCapacity = 1;
    o.maxCapacity = 1u << 30;
    return o;
+}
+
+// Visits 0 .. n-1 once each, in a scattered order: a step of about 0.618 n,
+// coprime to n, so that any first stretch of the visit is spread evenly
+// over the range. Slots visited in order hand out keys in the order of
+// their homes; inserted that way into the replica, which grows as it fills,
+// every generation's first keys would all have homes in its first few
+// slots and pile up into one run that each further insert probes to its
+// end (quadratic in the table's size).
+template< class F >
+void forEachScattered( uint32_t n, F&& f ) {
+   if ( n == 0 ) {
+      return;
+   }
+   uint64_t step = ( ( uint64_t( n ) * 0x9E3779B9u ) >> 32 ) | 1;
+   while ( std::gcd( step, uint64_t( n ) ) != 1 ) {
+      step += 2;
+   }
+   step %= n;
+   uint64_t i = 0;
+   for ( uint32_t k = 0; k < n; ++k ) {
+      f( uint32_t( i ) );
+      i += step;
+      if ( i >= n ) {
+         i -= n;
+      }
+   }
 }
 
 // Faults [begin, end) in with one call rather than a fault per page; a
@@ -151,14 +180,14 @@ void Reader< Record >::seedByInsertion( const internal::SlotArray& from ) {
    clearReplica();
    auto ctx = stuckContext();
    Record r;
-   for ( uint32_t i = 0; i < from.slotCount(); ++i ) {
+   internal::forEachScattered( from.slotCount(), [ & ]( uint32_t i ) {
       try {
          if ( Ops::read( from, i, r, ctx ) == internal::slotLive && deliverable( r ) ) {
             replica_.write( r );
          }
       } catch ( const Fable::CorruptionDetectedException& ) {
       }
-   }
+   } );
 }
 
 template< class Record >
@@ -559,6 +588,12 @@ void Reader< Record >::resync( Changes& changes ) {
       // Nothing in this loop remaps: t stays valid throughout.
       const internal::SlotArray& shared = *t;
       auto ctx = stuckContext();
+      // Sized once for every key the pass may queue, rather than rehashed
+      // a dozen times on the way up (the count is shared memory: bounded
+      // by the slots, whatever a damaged header says).
+      const size_t live = std::min( shared.liveCount(), shared.slotCount() );
+      changes.queued.reserve( live + replica_.count() );
+      changes.events.reserve( live );
       for ( uint32_t i = 0; i < shared.slotCount(); ++i ) {
          try {
             if ( Ops::read( shared, i, r, ctx ) == internal::slotLive ) {
@@ -590,9 +625,10 @@ void Reader< Record >::resync( Changes& changes ) {
    cursor_ = head;
    synced_ = control_ != nullptr;
    pending_.push_back( { Event::quiescedTrue, {}, {}, false, default_ } );
-   for ( const Event& e : changes.events ) {
-      pending_.push_back( e );
-   }
+   // Scattered: the pass queued keys in the order of their homes, and
+   // deliver() inserts them into the replica in queue order.
+   internal::forEachScattered( uint32_t( changes.events.size() ),
+                               [ & ]( uint32_t i ) { pending_.push_back( changes.events[ i ] ); } );
    pending_.push_back( { Event::quiescedFalse, {}, {}, false, default_ } );
 }
 
@@ -632,6 +668,8 @@ void Reader< Record >::gather() {
    std::vector< Key > keys;
    if ( control_ && synced_ && readFeed( keys ) ) {
       // One callback per changed key, in the order of first change.
+      changes.queued.reserve( keys.size() );
+      changes.events.reserve( keys.size() );
       Record r;
       for ( const Key& k : keys ) {
          try {

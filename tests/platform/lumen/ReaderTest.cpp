@@ -337,3 +337,38 @@ TEST( LumenReader, FeedHeadAndPendingDispatchFollowTheWriter ) {
    }
    EXPECT_EQ( reader.feedHead(), head + 3 ) << "a dispatch does not move the writer's head";
 }
+
+// A resync hands its keys to the replica in this order. Every index once,
+// and any first stretch spread over the whole range: keys queued in the
+// order of their homes must not reach the growing replica in that order.
+TEST( LumenReader, ScatteredVisitCoversEveryIndexOnceAndSpreadsEveryPrefix ) {
+   for ( uint32_t n : { 0u, 1u, 2u, 3u, 8u, 105u, 1000u, 1024u, 1800u, 65536u, 1835016u } ) {
+      SCOPED_TRACE( n );
+      std::vector< uint32_t > order;
+      Lumen::internal::forEachScattered( n, [ & ]( uint32_t i ) { order.push_back( i ); } );
+      ASSERT_EQ( order.size(), n );
+      std::vector< bool > seen( n );
+      for ( uint32_t i : order ) {
+         ASSERT_LT( i, n );
+         ASSERT_FALSE( seen[ i ] ) << "index " << i << " visited twice";
+         seen[ i ] = true;
+      }
+      if ( n < 1000 ) {
+         continue;
+      }
+      // The first n/64, n/16 and n/4 visits, counted in 16 equal parts of the range.
+      for ( uint32_t prefix : { n / 64, n / 16, n / 4 } ) {
+         if ( prefix < 256 ) {
+            continue;   // too few to expect 16 in every part
+         }
+         std::vector< uint32_t > parts( 16 );
+         for ( uint32_t k = 0; k < prefix; ++k ) {
+            ++parts[ uint64_t( order[ k ] ) * 16 / n ];
+         }
+         for ( uint32_t c : parts ) {
+            EXPECT_GE( c, prefix / 32 );
+            EXPECT_LE( c, prefix / 8 );
+         }
+      }
+   }
+}

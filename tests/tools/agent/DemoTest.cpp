@@ -74,6 +74,34 @@ TEST( Demo, SnapshotHoldsEveryVniMacAndTwoFloodVtepsThenSynced ) {
    }
 }
 
+// A restart over the tables of a larger run: the multiples of N are gone,
+// every other VNI keeps its MACs and flood VTEPs.
+TEST( Demo, VanishEveryLeavesOutTheMultiplesOnly ) {
+   DemoOptions o;
+   o.vnis = 9;
+   o.macs = 3;
+   o.vanishEvery = 4;
+   Demo d( o );
+   std::vector< Event > s;
+   while ( d.snapshot( s, 1000 ) ) {
+   }
+   ASSERT_EQ( s.size(), d.snapshotSize() );
+   EXPECT_EQ( s.size(), 1 + 7 + 7 * 3 + 7 * 2 + 1u );
+   std::set< uint32_t > vnis;
+   std::map< uint32_t, std::set< Mac > > macs;
+   std::map< uint32_t, std::set< uint32_t > > flood;
+   for ( const Event& e : s ) {
+      if ( e.op == Event::Op::vni ) vnis.insert( e.vni );
+      if ( e.op == Event::Op::mac ) macs[ e.vni ].insert( e.mac );
+      if ( e.op == Event::Op::flood ) flood[ e.vni ].insert( e.vtep );
+   }
+   EXPECT_EQ( vnis, ( std::set< uint32_t >{ 1, 2, 3, 5, 6, 7, 9 } ) );
+   for ( uint32_t v : vnis ) {
+      EXPECT_EQ( macs[ v ], ( std::set< Mac >{ Demo::macOf( v, 0 ), Demo::macOf( v, 1 ), Demo::macOf( v, 2 ) } ) ) << v;
+      EXPECT_EQ( flood[ v ], ( std::set< uint32_t >{ Demo::floodVtep( v, 0 ), Demo::floodVtep( v, 1 ) } ) ) << v;
+   }
+}
+
 TEST( Demo, ChurnMovesForwardForgetsRelearnsAndRemovesOneVni ) {
    DemoOptions o;
    o.vnis = 3;
