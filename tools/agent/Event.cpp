@@ -41,6 +41,19 @@ struct Bad {
 
 [[noreturn]] void bad( std::string reason ) { throw Bad{ std::move( reason ) }; }
 
+// A value quoted in a refusal. A list or an object shows as [...] or {...}:
+// writing one out recurses once per level of nesting, and a line can nest
+// deeper than the stack is.
+std::string shown( const Json& j ) {
+   if ( j.is_array() ) {
+      return "[...]";
+   }
+   if ( j.is_object() ) {
+      return "{...}";
+   }
+   return j.dump();
+}
+
 const Json* field( const Json& o, const char* name, bool required ) {
    auto it = o.find( name );
    if ( it == o.end() ) {
@@ -68,7 +81,7 @@ std::optional< uint64_t > number( const Json& o, const char* name, bool required
    if ( j->is_number_integer() ) {
       bad( fmt::format( "{} {} out of range 0..{}", what, j->get< int64_t >(), max ) );
    }
-   bad( fmt::format( "\"{}\" is not a whole number: {}", name, j->dump() ) );
+   bad( fmt::format( "\"{}\" is not a whole number: {}", name, shown( *j ) ) );
 }
 
 bool flag( const Json& o, const char* name, bool required, bool dflt ) {
@@ -77,14 +90,14 @@ bool flag( const Json& o, const char* name, bool required, bool dflt ) {
       return dflt;
    }
    if ( !j->is_boolean() ) {
-      bad( fmt::format( "\"{}\" is not true or false: {}", name, j->dump() ) );
+      bad( fmt::format( "\"{}\" is not true or false: {}", name, shown( *j ) ) );
    }
    return j->get< bool >();
 }
 
 const std::string& text( const Json& j, const char* name ) {
    if ( !j.is_string() ) {
-      bad( fmt::format( "\"{}\" is not a string: {}", name, j.dump() ) );
+      bad( fmt::format( "\"{}\" is not a string: {}", name, shown( j ) ) );
    }
    return j.get_ref< const std::string& >();
 }
@@ -96,7 +109,7 @@ Mac macField( const Json& o, const char* name, bool required, Mac dflt = {} ) {
    }
    Mac m;
    if ( !parseMac( text( *j, name ), m ) ) {
-      bad( fmt::format( "bad MAC {}", j->dump() ) );
+      bad( fmt::format( "bad MAC {}", shown( *j ) ) );
    }
    return m;
 }
@@ -104,7 +117,7 @@ Mac macField( const Json& o, const char* name, bool required, Mac dflt = {} ) {
 uint32_t ipOf( const Json& j, const char* name ) {
    uint32_t ip;
    if ( !parseIp( text( j, name ), ip ) ) {
-      bad( fmt::format( "bad VTEP {}", j.dump() ) );
+      bad( fmt::format( "bad VTEP {}", shown( j ) ) );
    }
    return ip;
 }
@@ -168,7 +181,7 @@ Event parse( std::string_view line ) {
       e.mac = macField( o, "mac", true );
       const Json* v = field( o, "vteps", true );
       if ( !v->is_array() ) {
-         bad( fmt::format( "\"vteps\" is not a list: {}", v->dump() ) );
+         bad( fmt::format( "\"vteps\" is not a list: {}", shown( *v ) ) );
       }
       for ( const Json& j : *v ) {
          e.vteps.push_back( ipOf( j, "vteps" ) );
