@@ -2,7 +2,7 @@
 PRESET ?= debug
 JOBS   ?= $(shell nproc)
 
-.PHONY: setup build test demo soak soak-system bench bench-pipeline clean faults reliability
+.PHONY: setup build test demo soak soak-system bench bench-pipeline clean faults reliability test-asan test-tsan fuzz ci
 
 setup:
 	@scripts/setup
@@ -61,3 +61,27 @@ bench-pipeline:
 
 clean:
 	rm -rf build
+
+# ---- sanitizers and fuzzing (what .ci/run runs after `make test`)
+
+# The whole suite under AddressSanitizer + UndefinedBehaviorSanitizer.
+test-asan: setup
+	cmake --preset asan
+	cmake --build --preset asan -j $(JOBS)
+	ctest --preset asan
+
+# The Lumen, exchange and import suites under ThreadSanitizer (the tsan
+# presets build and run only those three binaries).
+test-tsan: setup
+	cmake --preset tsan
+	cmake --build --preset tsan -j $(JOBS)
+	ctest --preset tsan
+
+# Every libFuzzer target for FUZZ_SECONDS (default 60) each; clang build.
+FUZZ_SECONDS ?= 60
+fuzz: setup
+	FUZZ_SECONDS=$(FUZZ_SECONDS) FUZZ_JOBS=$(JOBS) scripts/fuzz
+
+# What CI runs, in order.
+ci:
+	.ci/run

@@ -51,7 +51,7 @@ class Host {
    Wire::IpAddr vtepAddr_;
    Keel::Seqno32 seqNo_;
    uint8_t preference_ = defaultPreference;
-   uint8_t pad_[ 3 ] = {};
+   [[maybe_unused]] uint8_t pad_[ 3 ] = {};   // layout only: never read
 };
 
 Mox::String valueToStrep( const Host& v );

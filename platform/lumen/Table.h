@@ -210,6 +210,7 @@ class Reader {
    bool readFeed( std::vector< Key >& keys );    // false: lapped
    void seed();                                  // the replica from the mounted table
    void seedByInsertion( const internal::SlotArray& from );
+   static bool placedAsProbed( const internal::SlotArray& t );   // seed()'s copy is usable
    void clearReplica();
    bool deliveredState( const Key& k, Record& out ) const;
    bool sharedState( const Key& k, Record& out ) const;   // false: absent

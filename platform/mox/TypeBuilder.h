@@ -124,6 +124,8 @@ class TypeBuilder {
                            std::invoke( set, self( o ), *static_cast< const V* >( arg ) );
                            return int( genericDone );
                         }
+                     } else {
+                        (void)set;   // read-only: captured only to keep one lambda
                      }
                      return int( genericNotAllowed );
                   } );

@@ -43,14 +43,23 @@ struct Bad {
 
 // Input echoed in a reason: JSON-escaped and ASCII only, so that no byte of
 // it can forge a line of the log (a newline, an escape sequence), and cut
-// short, so that a huge value does not become a huge log line.
+// short, so that a huge value does not become a huge log line. A list or an
+// object shows only as [...] or {...}: writing one out recurses once per
+// level of nesting, and a line can nest deeper than the stack is.
 constexpr size_t shownBytes = 64;
 
 std::string shown( const Json& j ) {
+   if ( j.is_array() ) {
+      return "[...]";
+   }
+   if ( j.is_object() ) {
+      return "{...}";
+   }
    std::string s = j.dump( -1, ' ', true, Json::error_handler_t::replace );
    if ( s.size() > shownBytes ) {
+      const size_t whole = s.size();
       s.resize( shownBytes );
-      s += fmt::format( "... ({} bytes)", j.dump( -1, ' ', true, Json::error_handler_t::replace ).size() );
+      s += fmt::format( "... ({} bytes)", whole );
    }
    return s;
 }

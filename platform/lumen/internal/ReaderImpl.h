@@ -148,6 +148,15 @@ void Reader< Record >::seed() {
    }
    copy.liveCountIs( live );
    copy.tombstoneCountAdd( int( tombstones ) );
+   // A slot-for-slot copy is only as good as the placement it copies: a key
+   // that damage left where its probe never reaches (or twice on one probe),
+   // or too few empty slots to end a probe, would give a replica that walks
+   // an entry its lookups cannot find and never removes it. Such a
+   // generation is seeded by key instead.
+   if ( live + tombstones > copy.slotCount() - copy.slotCount() / 8 || !placedAsProbed( copy ) ) {
+      seedByInsertion( from );
+      return;
+   }
    replica_.table_ = std::move( copy );
 
    std::vector< Key > moved;
@@ -173,8 +182,30 @@ void Reader< Record >::seed() {
    }
 }
 
-// The slow way, for a generation of an unexpected size or a copy the writer
-// lapped: one insert per live slot, which never keeps a key twice.
+// True when a probe for each live slot's key, from the key's home, meets no
+// empty slot and no other copy of the key before it reaches that slot.
+template< class Record >
+bool Reader< Record >::placedAsProbed( const internal::SlotArray& t ) {
+   const uint32_t n = t.slotCount();
+   auto state = [ & ]( uint32_t i ) { return t.word( i ).load( std::memory_order_relaxed ) & 3; };
+   for ( uint32_t i = 0; i < n; ++i ) {
+      if ( state( i ) != internal::slotLive ) {
+         continue;
+      }
+      const Key k = Ops::recordAt( t, i ).key();
+      for ( uint32_t j = t.home( k.hash() ); j != i; j = j + 1 == n ? 0 : j + 1 ) {
+         const uint32_t s = state( j );
+         if ( s == internal::slotEmpty || ( s == internal::slotLive && Ops::recordAt( t, j ).key() == k ) ) {
+            return false;
+         }
+      }
+   }
+   return true;
+}
+
+// The slow way, for a generation of an unexpected size, a copy the writer
+// lapped, or damaged placement: one insert per live slot, which never keeps
+// a key twice.
 template< class Record >
 void Reader< Record >::seedByInsertion( const internal::SlotArray& from ) {
    clearReplica();

@@ -81,16 +81,20 @@ struct SlotOps {
          Record r = defaultValue;
          r.keyIs( k );
          return r;
+      } else if constexpr ( std::is_aggregate_v< Record > ) {
+         (void)defaultValue;
+         // An aggregate built from its key alone: the other fields take
+         // their defaults, which is the point. Braces, not parentheses:
+         // not every compiler builds an aggregate from ( key ).
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+         return Record{ k };
+#pragma GCC diagnostic pop
       } else {
          static_assert( std::is_constructible_v< Record, const Key& >,
                         "slotFor() needs Record( key ) or Record::keyIs( key )" );
          (void)defaultValue;
-         // An aggregate built from its key alone: the other fields take
-         // their defaults, which is the point.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
          return Record( k );
-#pragma GCC diagnostic pop
       }
    }
 

@@ -16,6 +16,7 @@
 #include <fstream>
 #include <functional>
 #include <random>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -269,6 +270,57 @@ TEST_F( LumenCorruption, RandomBytesNeverCrashAReader ) {
       }
    }
    EXPECT_GT( reported, 100 ) << "random headers were accepted";
+}
+
+// Damaged placement: entries moved where no probe for their keys reaches
+// (past an empty slot), and a key copied into a second slot. The reader's
+// delivered state still agrees with itself: it walks what it counts, finds
+// every key it walks, holds each key once, and holds the moved ones.
+TEST_F( LumenCorruption, MisplacedEntriesLeaveTheDeliveredStateConsistent ) {
+   std::vector< uint32_t > moved;
+   editFile( data(), [ & ]( uint8_t* p, size_t ) {
+      const auto* h = reinterpret_cast< const li::DataHeader* >( p );
+      auto slot = [ & ]( uint32_t i ) { return p + sizeof( li::DataHeader ) + size_t( i ) * h->slotSize; };
+      auto state = [ & ]( uint32_t i ) { return *reinterpret_cast< uint32_t* >( slot( i ) ) & 3; };
+      auto keyAt = [ & ]( uint32_t i ) {
+         HostRec r;
+         std::memcpy( &r, slot( i ) + h->recordOffset, sizeof r );
+         return r.k.number();
+      };
+      // Each of the first three live slots moves to the empty slot half the
+      // table away and leaves an empty slot behind.
+      for ( uint32_t i = 0; i < h->slotCount && moved.size() < 3; ++i ) {
+         const uint32_t j = ( i + h->slotCount / 2 ) % h->slotCount;
+         if ( state( i ) == 1 && state( j ) == 0 ) {
+            moved.push_back( keyAt( i ) );
+            std::memcpy( slot( j ), slot( i ), h->slotSize );
+            *reinterpret_cast< uint32_t* >( slot( i ) ) = 0;
+         }
+      }
+      // And one more live entry copied into another empty slot.
+      for ( uint32_t i = 0, copied = 0; i < h->slotCount && !copied; ++i ) {
+         const uint32_t j = ( i + h->slotCount / 3 ) % h->slotCount;
+         if ( state( i ) == 1 && state( j ) == 0 ) {
+            std::memcpy( slot( j ), slot( i ), h->slotSize );
+            copied = 1;
+         }
+      }
+   } );
+   ASSERT_EQ( moved.size(), 3u );
+   Lumen::Reader< HostRec > reader( "/lumen/bad" );
+   reader.dispatch();
+   std::set< uint32_t > walked;
+   for ( auto e = reader.next(); e; e = reader.next( e->second ) ) {
+      EXPECT_TRUE( reader.contains( e->first.key() ) ) << "key " << e->first.k.number();
+      EXPECT_TRUE( walked.insert( e->first.k.number() ).second ) << "key " << e->first.k.number() << " twice";
+      ASSERT_LE( walked.size(), 40u );
+   }
+   EXPECT_EQ( walked.size(), reader.count() );
+   EXPECT_EQ( walked.size(), 40u );
+   for ( uint32_t n : moved ) {
+      EXPECT_TRUE( reader.contains( MacKey::of( n ) ) ) << "key " << n;
+      EXPECT_EQ( reader.lookup( MacKey::of( n ) ), HostRec::of( n, n ) ) << "key " << n;
+   }
 }
 
 // A slot stuck busy under a live writer ends every read path in the

@@ -131,6 +131,20 @@ TEST( EventParser, NoEventFieldNamesAPath ) {
    EXPECT_EQ( tableWritten( e.op ), "evpn/capability" );
 }
 
+// A refusal quotes the offending value; a list or an object only by its
+// kind, since a line can nest deeper than writing it out could recurse.
+TEST( EventParser, DeeplyNestedValuesAreRefusedWithoutWritingThemOut ) {
+   const size_t depth = 200000;
+   const std::string nested = std::string( depth, '[' ) + std::string( depth, ']' );
+   EXPECT_EQ( reason( R"({"op":)" + nested + "}" ), "\"op\" is not a string: [...]" );
+   EXPECT_EQ( reason( R"({"op":"mac","vni":1,"mac":)" + nested + R"(,"vtep":"1.2.3.4","seqNo":1})" ),
+              "\"mac\" is not a string: [...]" );
+   EXPECT_EQ( reason( R"({"op":"multiPath","vni":1,"mac":"02:00:00:00:00:01","vteps":[)" + nested + "]}" ),
+              "\"vteps\" is not a string: [...]" );
+   EXPECT_EQ( reason( R"({"op":"controllerdb","enabled":{"a":{"b":1}}})" ), "\"enabled\" is not true or false: {...}" );
+   EXPECT_EQ( reason( R"({"op":"vni","vni":[1]})" ), "\"vni\" is not a whole number: [...]" );
+}
+
 TEST( EventParser, WrittenEventsReadBackTheSame ) {
    const char* lines[] = {
       R"({"op":"mac","vni":10,"mac":"02:00:00:00:00:01","vtep":"192.0.2.1","seqNo":3,"preference":7})",
