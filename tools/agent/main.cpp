@@ -47,6 +47,9 @@ int main( int argc, char** argv ) {
    app.add_option( "--control", o.control, "control socket (default: $ORBEVPN_AGENT_CONTROL or <root>/orbevpn-agent.ctl)" );
    app.add_option( "--metrics-listen", o.metricsListen, "serve /metrics over HTTP at ADDR:PORT (loopback)" );
    app.add_flag( "--metrics-any-address", o.metricsAnyAddress, "allow a --metrics-listen address that is not loopback" );
+   app.add_option( "--table-max-entries", o.tableMaxEntries,
+                   "cap every shared table the agent writes at N records (default: Lumen's maximum)" )
+      ->check( CLI::Range( 1u, 1u << 30 ) );
    app.add_option( "--status-period", o.statusPeriodMs, "status period in ms (steady = two quiet periods)" )
       ->capture_default_str()
       ->check( CLI::Range( 10u, 60000u ) );
