@@ -393,6 +393,7 @@ void Agent::reconcile() {
          lastActivity_ = Clock::now();
          // Its start passed every VNI.
          pendingVnis_.clear();
+         machinesPending_ = false;
       }
    } catch ( const Lumen::TableFullException& x ) {
       // The export machine's start (which exports everything) did not

@@ -83,7 +83,6 @@ void Agent::retryPasses( const char* why ) {
    retrying_ = true;
    if ( machinesPending_ ) {
       // Making the machines exports every VNI.
-      machinesPending_ = false;
       ++counts_.passRetries;
       reconcile();
       if ( !machinesPending_ ) {
