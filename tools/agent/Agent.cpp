@@ -413,6 +413,9 @@ void Agent::reconcile() {
 }
 
 void Agent::dropMachines() {
+   // Nothing is exported now; the next start passes every VNI.
+   pendingVnis_.clear();
+   machinesPending_ = false;
    if ( !tx_ && !rx_ ) {
       return;
    }
@@ -424,9 +427,6 @@ void Agent::dropMachines() {
    }
    tx_ = nullptr;
    rx_ = nullptr;
-   // Nothing is exported now; the next start passes every VNI.
-   pendingVnis_.clear();
-   machinesPending_ = false;
    ++counts_.cleanups;
    lastActivity_ = Clock::now();
 }

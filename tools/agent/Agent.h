@@ -114,7 +114,7 @@ class Agent {
    void passInterrupted( std::optional< uint32_t > vni, const std::exception& x,
                          const char* where );
    void retryPasses( const char* why );
-   bool rerunPass( uint32_t vni );
+   void rerunPass( uint32_t vni );
    void roomFreed();
    void retryOnTick( Clock::time_point now );
    static constexpr uint32_t retryFirstMs = 100, retryMaxMs = 5000;

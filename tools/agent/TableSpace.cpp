@@ -11,6 +11,7 @@
 // it completes the export of the VNI, whatever part of it had gone out.
 #include "tools/agent/Agent.h"
 
+#include "platform/lumen/CorruptionDetectedException.h"
 #include "platform/values/EthAddr.h"
 #include "platform/values/Vni.h"
 
@@ -62,7 +63,7 @@ void Agent::passInterrupted( std::optional< uint32_t > vni, const std::exception
 // the bridge id), and the pass of its flood list's machine, which a
 // machine that is already initialised does not re-run by itself. A VNI the
 // controller no longer has is swept instead.
-bool Agent::rerunPass( uint32_t vni ) {
+void Agent::rerunPass( uint32_t vni ) {
    const Mox::String name( fmt::format( "{}", vni ) );
    plugin_->invoke( tx_, "handleVniFdbStatus", &name );
    const Vxlan::Vni key( vni );
@@ -73,7 +74,6 @@ bool Agent::rerunPass( uint32_t vni ) {
          plugin_->invoke( list, "handleInitialized" );
       }
    }
-   return true;
 }
 
 void Agent::retryPasses( const char* why ) {
@@ -103,6 +103,13 @@ void Agent::retryPasses( const char* why ) {
          try {
             rerunPass( v );
          } catch ( const Lumen::TableFullException& ) {
+            continue;
+         } catch ( const Fable::CorruptionDetectedException& ) {
+            throw;   // the table's handler stops the agent
+         } catch ( const std::exception& x ) {
+            // Not a matter of room: waiting would not help.
+            std::fprintf( stderr, "orbevpn-agent: VNI %u: its export pass failed: %s\n", v, x.what() );
+            pendingVnis_.erase( v );
             continue;
          }
          pendingVnis_.erase( v );
