@@ -154,7 +154,7 @@ class Agent {
    bool machinesPending_ = false;   // creating the export machine itself hit a full table
    bool retrying_ = false, retryQueued_ = false;
    uint32_t retryDelayMs_ = retryFirstMs;
-   Clock::time_point nextRetryAt_;
+   Clock::time_point nextRetryAt_, lastRetryAt_;
 
    Counts counts_;
    Phases phases_;

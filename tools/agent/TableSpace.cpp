@@ -81,6 +81,7 @@ void Agent::retryPasses( const char* why ) {
       return;
    }
    retrying_ = true;
+   lastRetryAt_ = Clock::now();
    if ( machinesPending_ ) {
       // Making the machines exports every VNI.
       ++counts_.passRetries;
@@ -130,9 +131,16 @@ void Agent::retryPasses( const char* why ) {
 }
 
 // A record left one of our tables: a waiting pass may fit now. Not from
-// inside the table's notification: on the loop's next round, once.
+// inside the table's notification: on the loop's next round, once, and no
+// sooner than retryFirstMs after the last round of passes (each rewrites
+// its VNI's records, so churn on a full table must not run them per event).
 void Agent::roomFreed() {
    if ( retrying_ || retryQueued_ || ( pendingVnis_.empty() && !machinesPending_ ) ) {
+      return;
+   }
+   const auto soonest = lastRetryAt_ + std::chrono::milliseconds( retryFirstMs );
+   if ( Clock::now() < soonest ) {
+      nextRetryAt_ = std::min( nextRetryAt_, soonest );   // the tick runs it
       return;
    }
    retryQueued_ = true;
