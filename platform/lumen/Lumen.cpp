@@ -1,6 +1,8 @@
-// Process-wide Lumen settings: the root folder and the atomics check.
+// Process-wide Lumen settings: the root folder, the default maximum
+// capacity and the atomics check.
 #include "platform/lumen/Options.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <mutex>
@@ -29,6 +31,18 @@ std::string root() {
       return env;
    }
    return "/dev/shm";
+}
+
+namespace {
+std::atomic< uint32_t > maxCapacityDefaultValue{ 1u << 24 };
+}
+
+void maxCapacityDefaultIs( uint32_t entries ) {
+   maxCapacityDefaultValue.store( std::max( entries, 1u ), std::memory_order_relaxed );
+}
+
+uint32_t maxCapacityDefault() {
+   return maxCapacityDefaultValue.load( std::memory_order_relaxed );
 }
 
 bool hardwareSupportsAtomics() {

@@ -42,9 +42,15 @@ enum class MountStatus : uint8_t {
 
 const char* mountStatusName( MountStatus s );
 
+// The maxCapacity a table gets when its Options leave it alone: 1 << 24
+// unless set here (at start-up, before tables are made; a program that caps
+// its tables, or a test that fills one, sets it once).
+void maxCapacityDefaultIs( uint32_t entries );
+uint32_t maxCapacityDefault();
+
 struct Options {
    uint32_t initialCapacity = 1024;   // entries the first generation holds
-   uint32_t maxCapacity = 1u << 24;   // growth stops here: a new key then fails
+   uint32_t maxCapacity = maxCapacityDefault();   // growth stops here: a new key then fails
    uint32_t feedCapacity = 4096;      // change-feed ring entries
    // Who may read the table: the writer's user, and members of `group` (the
    // writer's effective group when unset). The control and data files get
@@ -71,10 +77,20 @@ struct RecordTraits {
    static constexpr const char* name = R::lumenTypeName;
 };
 
-// A write of a new key when the table holds maxCapacity entries.
+// A write of a new key when the table holds maxCapacity entries, and (as
+// OutOfSpaceException) when it must grow but its root has no room left.
+// The table is left as it was before the write; nothing is announced.
 class TableFullException : public Mox::Exception {
  public:
    using Mox::Exception::Exception;
+};
+
+// The root's filesystem (or the process) has no memory for a table's new
+// segment: ENOSPC, EDQUOT, EFBIG or ENOMEM when it is sized or mapped. The
+// message names the file and the cause ("No space left on device").
+class OutOfSpaceException : public TableFullException {
+ public:
+   using TableFullException::TableFullException;
 };
 
 // A table's file that this process may not use: one it has no permission

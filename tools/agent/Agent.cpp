@@ -54,11 +54,14 @@ class Agent::RemovalWatch : public Mox::PtrInterface::NotifieeConst {
 
  public:
    using Gone = std::function< bool( const void* key ) >;
-   RemovalWatch( const Mox::PtrInterface* table, Mox::AttributeId id, Gone gone, uint64_t* count )
-         : NotifieeConst( table ), id_( id ), gone_( std::move( gone ) ), count_( count ) {}
+   RemovalWatch( const Mox::PtrInterface* table, Mox::AttributeId id, Gone gone, uint64_t* count,
+                 Agent* agent )
+         : NotifieeConst( table ), id_( id ), gone_( std::move( gone ) ), count_( count ),
+           agent_( agent ) {}
    void onAttribute( Mox::AttributeId id, const void* key ) override {
       if ( id == id_ && key && count_ && gone_( key ) ) {
          ++*count_;
+         agent_->roomFreed();
       }
    }
    void detach() { count_ = nullptr; }
@@ -67,12 +70,13 @@ class Agent::RemovalWatch : public Mox::PtrInterface::NotifieeConst {
    Mox::AttributeId id_;
    Gone gone_;
    uint64_t* count_;
+   Agent* agent_;
 };
 
 void Agent::watchRemovals() {
    auto watch = [ this ]( const Mox::PtrInterface* t, const char* attr, RemovalWatch::Gone gone, uint64_t* n ) {
       Mox::Ptr< Mox::PtrInterface::NotifieeConst > w(
-         new RemovalWatch( t, t->fwkType()->attributeId( attr ), std::move( gone ), n ) );
+         new RemovalWatch( t, t->fwkType()->attributeId( attr ), std::move( gone ), n, this ) );
       w->isRegisteredNotifieeIs( true );
       w->hasNotificationActiveIs( true );
       removalWatches_.push_back( w );
@@ -92,6 +96,9 @@ void Agent::watchRemovals() {
 
 Agent::Agent( Options o ) : o_( std::move( o ) ) {
    Boundary::checkPrefix( o_.prefix );
+   if ( o_.tableMaxEntries != 0 ) {
+      Lumen::maxCapacityDefaultIs( o_.tableMaxEntries );
+   }
    tty_ = ::isatty( 2 );
    plugin_ = &PluginHost::load();
    if ( !o_.recordEvents.empty() ) {
@@ -192,7 +199,12 @@ void Agent::mountTables() {
 
 void Agent::watchReader( int fd, std::function< void() > dispatch ) {
    loop_.add( fd, [ this, dispatch ]( uint32_t ) {
-      dispatch();
+      try {
+         dispatch();
+      } catch ( const Lumen::TableFullException& x ) {
+         // What the import changed made an export pass write to a full table.
+         passInterrupted( std::nullopt, x, "after an import change" );
+      }
       lastActivity_ = Clock::now();
    } );
 }
@@ -367,23 +379,45 @@ void Agent::reconcile() {
    }
    // Import first: the export then starts knowing what the EVPN side
    // provided, and never exports (to withdraw at once) an echo of it.
-   if ( !rx_ ) {
-      Mox::Ptr< const OrbEvpn::HostTable > h = evpnHost_;
-      Mox::Ptr< const OrbEvpn::FloodTable > f = evpnFlood_;
-      Mox::Ptr< VxlanController::VniStatusDirV2 > dir = model_.evpnDir();
-      rx_ = plugin_->create( "VxlanController::OrbEvpnRxSm", { &h, &f, &dir } );
-      lastActivity_ = Clock::now();
-   }
-   if ( !tx_ ) {
-      Mox::Ptr< const Mox::Dir > vniDir = model_.vniDir();
-      Mox::Ptr< const VxlanController::VniStatusDirV2 > evpnDir = model_.evpnDir();
-      tx_ = plugin_->create( "OrbEvpn::OrbEvpnTxSm", { &vniDir, &evpnDir, &brIds_, &hostOut_, &floodOut_ } );
-      ++counts_.machineStarts;
-      lastActivity_ = Clock::now();
+   try {
+      if ( !rx_ ) {
+         Mox::Ptr< const OrbEvpn::HostTable > h = evpnHost_;
+         Mox::Ptr< const OrbEvpn::FloodTable > f = evpnFlood_;
+         Mox::Ptr< VxlanController::VniStatusDirV2 > dir = model_.evpnDir();
+         rx_ = plugin_->create( "VxlanController::OrbEvpnRxSm", { &h, &f, &dir } );
+         lastActivity_ = Clock::now();
+      }
+      if ( !tx_ ) {
+         Mox::Ptr< const Mox::Dir > vniDir = model_.vniDir();
+         Mox::Ptr< const VxlanController::VniStatusDirV2 > evpnDir = model_.evpnDir();
+         tx_ = plugin_->create( "OrbEvpn::OrbEvpnTxSm", { &vniDir, &evpnDir, &brIds_, &hostOut_, &floodOut_ } );
+         ++counts_.machineStarts;
+         lastActivity_ = Clock::now();
+         // Its start passed every VNI.
+         pendingVnis_.clear();
+         machinesPending_ = false;
+      }
+   } catch ( const Lumen::TableFullException& x ) {
+      // The export machine's start (which exports everything) did not
+      // finish: it is made again, and so passes every VNI, when room frees.
+      // What it wrote stays, for that start to take over.
+      if ( !machinesPending_ ) {
+         std::fprintf( stderr, "orbevpn-agent: starting the export machines: %s; again when room frees\n",
+                       x.what() );
+      }
+      ++counts_.tableFull;
+      if ( pendingVnis_.empty() && !machinesPending_ ) {
+         retryDelayMs_ = retryFirstMs;
+         nextRetryAt_ = Clock::now() + std::chrono::milliseconds( retryDelayMs_ );
+      }
+      machinesPending_ = true;
    }
 }
 
 void Agent::dropMachines() {
+   // Nothing is exported now; the next start passes every VNI.
+   pendingVnis_.clear();
+   machinesPending_ = false;
    if ( !tx_ && !rx_ ) {
       return;
    }
@@ -455,7 +489,15 @@ void Agent::apply( const Event& e ) {
    if ( record_.is_open() ) {
       record_ << eventJson( e ) << '\n';
    }
-   model_.apply( e );
+   try {
+      model_.apply( e );
+   } catch ( const Lumen::TableFullException& x ) {
+      std::optional< uint32_t > vni;
+      if ( e.op >= Event::Op::vni && e.op <= Event::Op::multiPathDel ) {
+         vni = e.vni;
+      }
+      passInterrupted( vni, x, fmt::format( "{} event", opName( e.op ) ).c_str() );
+   }
    ++counts_.events;
    lastActivity_ = Clock::now();
    if ( e.op == Event::Op::synced ) {
@@ -478,6 +520,7 @@ void Agent::onTick() {
       lastEvents_ = counts_.events;
       lastRateAt_ = now;
    }
+   retryOnTick( now );
    if ( !snapshotEnded_ && msBetween( modelStart_, now ) > o_.syncTimeout * 1000 ) {
       endOfSnapshot( "--sync-timeout passed" );
    }
@@ -539,6 +582,11 @@ bool Agent::steadyNow( std::string& why ) {
    }
    if ( capabilityIn_->dispatchPending() ) {
       why = "the reader of evpn/capability has a dispatch pending";
+      return false;
+   }
+   if ( !pendingVnis_.empty() || machinesPending_ ) {
+      why = machinesPending_ ? "the export machines wait for room in a full table"
+                             : fmt::format( "{} VNIs wait for room in a full table", pendingVnis_.size() );
       return false;
    }
    if ( stableTicks_ < 2 ) {

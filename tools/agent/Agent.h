@@ -34,6 +34,7 @@
 #include <fstream>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 
 namespace Agent {
@@ -64,6 +65,7 @@ struct Options {
    uint32_t statusPeriodMs = 200;
    size_t maxLineBytes = Input::defaultMaxLine;   // longer input lines are skipped
    ControlLimits controlLimits;
+   uint32_t tableMaxEntries = 0;      // 0: Lumen's default maximum capacity
 };
 
 class Agent {
@@ -108,6 +110,19 @@ class Agent {
    std::vector< Metric > metrics() const;
    void watchReader( int fd, std::function< void() > dispatch );
 
+   // A full table (TableSpace.cpp). A write that a full export table
+   // refuses interrupts the pass of one VNI (or, from the import or a
+   // start of the machines, of any): the event's other effects stay, the
+   // VNI waits in pendingVnis_, and its pass runs again when a removal
+   // frees room or the retry timer (doubling up to retryMaxMs) fires.
+   void passInterrupted( std::optional< uint32_t > vni, const std::exception& x,
+                         const char* where );
+   void retryPasses( const char* why );
+   void rerunPass( uint32_t vni );
+   void roomFreed();
+   void retryOnTick( Clock::time_point now );
+   static constexpr uint32_t retryFirstMs = 100, retryMaxMs = 5000;
+
    Options o_;
    const Clock::time_point start_ = Clock::now();
    EventLoop loop_;
@@ -138,6 +153,12 @@ class Agent {
    std::unique_ptr< MetricsHttp > http_;
    std::ofstream record_;
    int signalFd_ = -1, tickTimer_ = -1, syncTimer_ = -1;
+
+   std::set< uint32_t > pendingVnis_;
+   bool machinesPending_ = false;   // creating the export machine itself hit a full table
+   bool retrying_ = false, retryQueued_ = false;
+   uint32_t retryDelayMs_ = retryFirstMs;
+   Clock::time_point nextRetryAt_, lastRetryAt_;
 
    Counts counts_;
    Phases phases_;

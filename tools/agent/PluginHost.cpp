@@ -79,13 +79,30 @@ Mox::Ptr< Mox::PtrInterface > PluginHost::create( std::string_view typeName,
 }
 
 void PluginHost::invoke( const Mox::Ptr< Mox::PtrInterface >& object, std::string_view name ) const {
+   invoke( object, name, nullptr );
+}
+
+void PluginHost::invoke( const Mox::Ptr< Mox::PtrInterface >& object, std::string_view name,
+                         const void* key ) const {
    const Mox::Type* t = object->fwkType();
    const Mox::AttributeId id = t->attributeId( name );
    Mox::GenericValue r;
-   const int rc = t->genericIfAttributeOp( r, object.ptr(), id, Mox::genericOpInvoke );
+   const int rc = t->genericIfAttributeOp( r, object.ptr(), id, Mox::genericOpInvoke, key );
    if ( rc != Mox::genericDone ) {
       throw std::runtime_error( fmt::format( "{}: invoking {} failed ({})", t->name(), name, rc ) );
    }
+}
+
+Mox::Ptr< Mox::PtrInterface > PluginHost::child( const Mox::Ptr< Mox::PtrInterface >& object,
+                                                 std::string_view name, const void* key ) const {
+   const Mox::Type* t = object->fwkType();
+   const Mox::AttributeId id = t->attributeId( name );
+   Mox::GenericValue r;
+   const int rc = t->genericIfAttributeOp( r, object.ptr(), id, Mox::genericOpGet, key );
+   if ( rc != Mox::genericDone ) {
+      throw std::runtime_error( fmt::format( "{}: looking up {} failed ({})", t->name(), name, rc ) );
+   }
+   return r.get< Mox::Ptr< Mox::PtrInterface > >();
 }
 
 }  // namespace Agent

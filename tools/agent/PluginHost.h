@@ -27,6 +27,13 @@ class PluginHost {
                                          std::vector< const void* > args ) const;
    // Invokes the no-argument operation `name` of `object`.
    void invoke( const Mox::Ptr< Mox::PtrInterface >& object, std::string_view name ) const;
+   // Invokes the per-key form of operation `name` with `key` (a pointer to
+   // a value of the operation's argument type).
+   void invoke( const Mox::Ptr< Mox::PtrInterface >& object, std::string_view name,
+                const void* key ) const;
+   // The entry at `key` of the collection `name` of `object` (null if none).
+   Mox::Ptr< Mox::PtrInterface > child( const Mox::Ptr< Mox::PtrInterface >& object,
+                                        std::string_view name, const void* key ) const;
 
  private:
    PluginHost() = default;

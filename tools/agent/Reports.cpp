@@ -61,7 +61,11 @@ Json Agent::statusJsonCore() const {
             { "badLines", counts_.badLines },
             { "refused", counts_.refused },
             { "eventsPerSecond", eventsPerSecond_ },
-            { "machines", tx_ ? "running" : paused_ ? "cleaned up on demand" : "not running" } };
+            { "machines", tx_ ? "running" : paused_ ? "cleaned up on demand" : "not running" },
+            // VNIs whose export a full table interrupted, waiting for room.
+            { "pendingVnis", Json( std::vector< uint32_t >( pendingVnis_.begin(), pendingVnis_.end() ) ) },
+            { "machinesPending", machinesPending_ },
+            { "tableFull", counts_.tableFull } };
    if ( ovsdb_ ) {
       s[ "ovsdb" ] = { { "up", ovsdb_->up() }, { "sessions", ovsdb_->sessions() }, { "badRows", counts_.badRows } };
    }
@@ -79,7 +83,12 @@ Json Agent::countersJson() const {
               { "removed",
                 { { "hosts", counts_.removedHosts },
                   { "flood", counts_.removedFlood },
-                  { "brIds", counts_.removedBrIds } } } };
+                  { "brIds", counts_.removedBrIds } } },
+              { "tableFull",
+                { { "interrupted", counts_.tableFull },
+                  { "passRetries", counts_.passRetries },
+                  { "passesRecovered", counts_.passesRecovered },
+                  { "pendingVnis", pendingVnis_.size() } } } };
    Json tables = Json::object();
    for ( const auto& [ name, value ] : Mox::counters() ) {
       tables[ name ] = value;
@@ -117,6 +126,8 @@ std::vector< Metric > Agent::metrics() const {
       { "bad_lines_total", "counter", "Input lines skipped as malformed or out of range.", double( counts_.badLines ), "" },
       { "refused_total", "counter", "Input lines refused: they would write a table another process owns.", double( counts_.refused ), "" },
       { "cleanups_total", "counter", "Times the export and import were cleaned up and stopped.", double( counts_.cleanups ), "" },
+      { "table_full_total", "counter", "Export passes a full shared table interrupted.", double( counts_.tableFull ), "" },
+      { "pending_vnis", "gauge", "VNIs whose export pass waits for room in a full table.", double( pendingVnis_.size() ), "" },
       { "steady", "gauge", "1 when input, readers and feeds are all quiet.", steady_ ? 1.0 : 0.0, "" },
       { "integration_mode", "gauge", "The integration flag the agent publishes.", model_.config()->orbEvpnIntegrationMode() ? 1.0 : 0.0, "" },
       { "vnis", "gauge", "VNIs in the controller model.", double( model_.vnis() ), "" },

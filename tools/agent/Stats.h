@@ -33,6 +33,10 @@ struct Counts {
    // Records that left the agent's shared tables (the tables' own "...Del"
    // counters count every attempt, also of keys that were not there).
    uint64_t removedHosts = 0, removedFlood = 0, removedBrIds = 0;
+   // A shared table full (its maximum reached, or no room in the Lumen
+   // root) interrupted a VNI's export pass: times it happened, re-runs of
+   // such passes, and VNIs whose re-run then completed.
+   uint64_t tableFull = 0, passRetries = 0, passesRecovered = 0;
 };
 
 // Milliseconds each phase of the way to steady state took. Takeover: the

@@ -62,6 +62,9 @@ int main( int argc, char** argv ) {
    app.add_option( "--sweep", sweep, "how the export's stale-record sweeps find a VNI's records: index or walk" )
       ->capture_default_str()
       ->check( CLI::IsMember( { "index", "walk" } ) );
+   app.add_option( "--table-max-entries", o.tableMaxEntries,
+                   "cap every shared table the agent writes at N records (default: Lumen's maximum)" )
+      ->check( CLI::Range( 1u, 1u << 30 ) );
    app.add_option( "--status-period", o.statusPeriodMs, "status period in ms (steady = two quiet periods)" )
       ->capture_default_str()
       ->check( CLI::Range( 10u, 60000u ) );

@@ -333,6 +333,21 @@ int reserve( int fd, size_t size ) {
    return ::posix_fallocate( fd, 0, off_t( size ) );
 }
 
+namespace {
+
+bool outOfSpace( int err ) {
+   return err == ENOSPC || err == EDQUOT || err == EFBIG || err == ENOMEM;
+}
+
+}  // namespace
+
+void raiseSizeError( const std::string& name, int err ) {
+   if ( outOfSpace( err ) ) {
+      MOX_THROW( OutOfSpaceException, "Lumen cannot size {}: {}", name, std::strerror( err ) );
+   }
+   MOX_THROW( Mox::Exception, "Lumen cannot size {}: {}", name, std::strerror( err ) );
+}
+
 // A mapping needs no descriptor, so no path out of a caller leaks it.
 Mapping mapClosing( int fd, size_t size, bool writable ) {
    int prot = writable ? PROT_READ | PROT_WRITE : PROT_READ;
@@ -340,6 +355,10 @@ Mapping mapClosing( int fd, size_t size, bool writable ) {
    int err = errno;
    ::close( fd );
    if ( addr == MAP_FAILED ) {
+      if ( err == ENOMEM ) {
+         MOX_THROW( OutOfSpaceException, "Lumen mmap of {} bytes failed: {}", size,
+                    std::strerror( err ) );
+      }
       MOX_THROW( Mox::Exception, "Lumen mmap of {} bytes failed: {}", size, std::strerror( err ) );
    }
    Mapping map( addr, size );

@@ -85,6 +85,9 @@ std::string groupText( gid_t gid );
 std::string errnoText();
 // Sizes a new segment and reserves its pages. Returns 0 or an errno value.
 int reserve( int fd, size_t size );
+// Throws for reserve()'s failure `err` on file `name`: OutOfSpaceException
+// when the root or the process has no room, else Mox::Exception.
+[[noreturn]] void raiseSizeError( const std::string& name, int err );
 // Maps fd and closes it, whether or not the mapping succeeds.
 Mapping mapClosing( int fd, size_t size, bool writable );
 size_t fileSize( int fd );
@@ -110,7 +113,7 @@ bool createComplete( const std::string& name, size_t size, const FileAccess& acc
    file.require();
    if ( int err = reserve( file.fd(), size ) ) {
       ::unlink( tmp.c_str() );
-      MOX_THROW( Mox::Exception, "Lumen cannot size {}: {}", tmp, std::strerror( err ) );
+      raiseSizeError( tmp, err );
    }
    try {
       Mapping map = mapClosing( file.release(), size, true );

@@ -160,6 +160,9 @@ SlotArray SlotArray::createAnonymous( const RecordLayout& layout, uint32_t capac
    size_t size = dataSize( layout, slots );
    void* addr = ::mmap( nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0 );
    if ( addr == MAP_FAILED ) {
+      if ( errno == ENOMEM ) {
+         MOX_THROW( OutOfSpaceException, "Lumen cannot allocate {} bytes: {}", size, errnoText() );
+      }
       MOX_THROW( Mox::Exception, "Lumen cannot allocate {} bytes: {}", size, errnoText() );
    }
    Mapping map( addr, size );
@@ -179,7 +182,7 @@ SlotArray SlotArray::createFile( const std::string& root, const std::string& pat
    file.require();
    if ( int err = reserve( file.fd(), size ) ) {
       ::unlink( name.c_str() );
-      MOX_THROW( Mox::Exception, "Lumen cannot size {}: {}", name, std::strerror( err ) );
+      raiseSizeError( name, err );
    }
    Mapping map;
    try {

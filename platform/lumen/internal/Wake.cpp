@@ -123,7 +123,7 @@ Mapping openWakeForWriter( const std::string& name, const FileAccess& access,
       file.require();
       if ( int err = reserve( file.fd(), wakeSegmentSize ) ) {
          ::unlink( name.c_str() );
-         MOX_THROW( Mox::Exception, "Lumen cannot size {}: {}", name, std::strerror( err ) );
+         raiseSizeError( name, err );
       }
       Mapping map = mapWake( file.release(), ::geteuid(), identity );
       if ( !map ) {

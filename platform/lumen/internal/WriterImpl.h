@@ -204,7 +204,12 @@ void Writer< Record >::insertNew( const Record& r, const Key& k, uint32_t slot )
       rebuild( uint32_t(
          std::min< uint64_t >( uint64_t( table_.capacity() ) * 2, options_.maxCapacity ) ) );
    } else if ( uint32_t target = shrinkTarget(); target < table_.capacity() ) {
-      rebuild( target );
+      try {
+         rebuild( target );
+      } catch ( const OutOfSpaceException& ) {
+         // Shrinking is housekeeping: the key fits where it is, so a root
+         // too full for the smaller segment must not refuse it.
+      }
    }
    if ( table_.generation() != generation ) {
       slot = Ops::find( table_, k, path_, corruptionHandler_ ).slot;

@@ -3,13 +3,16 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sched.h>
+#include <unistd.h>
 #include <sys/mount.h>
 
 #include <filesystem>
 #include <map>
 #include <random>
 #include <string>
+#include <vector>
 
 using namespace LumenTest;
 
@@ -147,8 +150,11 @@ TEST( LumenWriter, FullTableChurnedWithNewKeysLosesNothing ) {
    table.sanityCheck();
 }
 
-// A full filesystem fails creation or growth with an error naming the cause,
-// never SIGBUS. Needs a private 1 MB tmpfs in a mount namespace, else skipped.
+// A full filesystem fails creation or growth with OutOfSpaceException (a
+// TableFullException) naming the cause, never SIGBUS; the table stays whole
+// for its readers, and a write that needs no new segment still succeeds,
+// even when the table would like to shrink. Needs a private 1 MB tmpfs in a
+// mount namespace, else skipped.
 TEST( LumenWriter, FullFilesystemFailsCreationOrGrowthCleanlyNeverWithSigbus ) {
    char dir[] = "/tmp/lumen-fullfs-XXXXXX";
    ASSERT_TRUE( ::mkdtemp( dir ) );
@@ -159,31 +165,69 @@ TEST( LumenWriter, FullFilesystemFailsCreationOrGrowthCleanlyNeverWithSigbus ) {
          return 77;
       }
       Lumen::rootIs( dir );
-      auto noSpace = []( const Mox::Exception& e ) {
+      auto noSpace = []( const Lumen::OutOfSpaceException& e ) {
          return std::string( e.what() ).find( "No space left on device" ) != std::string::npos;
       };
       Lumen::Writer< HostRec > table( HostRec{}, { 1024, 1u << 20, 256 } );
       table.attach( "/lumen/grows" );
+      Lumen::Reader< HostRec > reader( "/lumen/grows" );
       uint32_t n = 0;
       try {
          for ( ; n < 100000; ++n ) {
             table.write( HostRec::of( n, n ) );
          }
          return 3;   // every page was had: the filesystem was not full
-      } catch ( const Mox::Exception& e ) {
+      } catch ( const Lumen::OutOfSpaceException& e ) {
          if ( !noSpace( e ) ) {
             return 4;
          }
+      } catch ( const std::exception& ) {
+         return 4;
       }
       if ( table.count() != n || table.contains( MacKey::of( n ) ) ) {
          return 5;
       }
       table.sanityCheck();
+      reader.dispatch();
+      if ( reader.count() != n ) {
+         return 8;
+      }
+      for ( uint32_t i = 0; i < n; ++i ) {
+         if ( reader.lookupShared( MacKey::of( i ) ) != HostRec::of( i, i ) ) {
+            return 9;
+         }
+      }
+      // Take the last pages, then empty the table down to where it would
+      // shrink: a new key must still go in without a new segment.
+      {
+         std::string filler = std::string( dir ) + "/filler";
+         int fd = ::open( filler.c_str(), O_CREAT | O_WRONLY, 0600 );
+         std::vector< char > page( 4096, 'x' );
+         while ( fd >= 0 && ::write( fd, page.data(), page.size() ) > 0 ) {
+         }
+         ::close( fd );
+      }
+      for ( uint32_t i = 0; i < n; ++i ) {
+         if ( i % 64 != 0 ) {
+            table.remove( MacKey::of( i ) );
+         }
+      }
+      try {
+         table.write( HostRec::of( n + 1, 1 ) );
+      } catch ( const std::exception& ) {
+         return 10;
+      }
+      if ( !table.contains( MacKey::of( n + 1 ) ) ) {
+         return 11;
+      }
+      table.sanityCheck();
       Lumen::Writer< HostRec > big( HostRec{}, { 100000, 100000, 256 } );
       try {
          big.attach( "/lumen/big" );
-      } catch ( const Mox::Exception& e ) {
+      } catch ( const Lumen::OutOfSpaceException& e ) {
          return noSpace( e ) ? 0 : 6;
+      } catch ( const std::exception& ) {
+         return 6;
       }
       return 7;
    } );
@@ -192,7 +236,28 @@ TEST( LumenWriter, FullFilesystemFailsCreationOrGrowthCleanlyNeverWithSigbus ) {
    if ( status == 77 ) {
       GTEST_SKIP() << "no private tmpfs mount here";
    }
+   // 4/6: not OutOfSpaceException; 8/9: a reader saw a record lost; 10/11: a
+   // write needing no new segment was refused.
    EXPECT_EQ( status, 0 ) << "128 + 7 is SIGBUS";
+}
+
+// A table made without its own maxCapacity takes the process-wide default.
+TEST( LumenWriter, MaxCapacityDefaultCapsTablesThatSetNone ) {
+   LumenRoot root;
+   Lumen::maxCapacityDefaultIs( 16 );
+   Lumen::Writer< HostRec > table;
+   Lumen::maxCapacityDefaultIs( 1u << 24 );
+   table.attach( "/lumen/capped" );
+   for ( uint32_t n = 0; n < 16; ++n ) {
+      table.write( HostRec::of( n, n ) );
+   }
+   EXPECT_EQ( whatOf< Lumen::TableFullException >( [ & ] { table.write( HostRec::of( 16, 1 ) ); } ),
+              "Lumen table full (occupancy:16 tableSize:16) /lumen/capped" );
+   EXPECT_EQ( table.count(), 16u );
+   table.remove( MacKey::of( 0 ) );
+   table.write( HostRec::of( 16, 1 ) );   // a freed slot takes the new key
+   EXPECT_TRUE( table.contains( MacKey::of( 16 ) ) );
+   table.sanityCheck();
 }
 
 // An uncommitted slotFor() image follows later writes and removals of its key.
