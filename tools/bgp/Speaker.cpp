@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace OrbEvpn::Bgp {
@@ -75,7 +76,21 @@ Speaker::Speaker( SpeakerOptions options, std::ostream& log )
       exportFloodOf_[ e->first.vni().value() ].insert( e->first.key() );
    }
 
-   startDaemon();
+   // A gobgpd an earlier run of ours left behind still holds the sessions
+   // and our routes: taken over, nothing is withdrawn.
+   if ( daemon_.adopt() ) {
+      log_ << fmt::format( "orbevpn-bgp: adopting the running gobgpd {}\n", daemon_.pid() );
+      try {
+         connect();
+      } catch ( const std::exception& e ) {
+         log_ << "orbevpn-bgp: the running gobgpd cannot be taken over (" << e.what() << "); starting another\n";
+         client_.reset();
+         daemon_.stop();
+      }
+   }
+   if ( !client_ ) {
+      startDaemon();
+   }
    EvpnCapabilityRecord cap;
    cap.evpnEnabled = 1;
    capabilityOut_.write( cap );
@@ -110,10 +125,36 @@ void Speaker::connect() {
                                              daemon_.logPath() ) );
    }
    GlobalConfig g{ options_.asn, options_.routerId, options_.listenPort, options_.restartTime };
-   client_->startBgp( g );
-   reconcileRib();
-   for ( const NeighborConfig& n : options_.neighbors ) {
-      client_->addPeer( n, g );
+   if ( daemon_.adopted() ) {
+      // Kept only while it runs with our settings; its peers are made to
+      // match ours without touching the sessions that stay.
+      GlobalConfig running = client_->global();
+      if ( running.asn != g.asn || running.routerId != g.routerId || running.listenPort != g.listenPort ) {
+         throw GobgpError( fmt::format( "it runs as AS {} router id {} port {}", running.asn, running.routerId,
+                                        running.listenPort ) );
+      }
+      reconcileRib();
+      std::set< std::string > have;
+      for ( const std::string& a : client_->peerAddresses() ) {
+         bool wanted = std::any_of( options_.neighbors.begin(), options_.neighbors.end(),
+                                    [ &a ]( const NeighborConfig& n ) { return n.address == a; } );
+         if ( wanted ) {
+            have.insert( a );
+         } else {
+            client_->deletePeer( a );
+         }
+      }
+      for ( const NeighborConfig& n : options_.neighbors ) {
+         if ( !have.count( n.address ) ) {
+            client_->addPeer( n, g );
+         }
+      }
+   } else {
+      client_->startBgp( g );
+      reconcileRib();
+      for ( const NeighborConfig& n : options_.neighbors ) {
+         client_->addPeer( n, g );
+      }
    }
    ImportSelection::Touched discarded;
    selection_.clear( discarded );
