@@ -156,6 +156,25 @@ void GobgpClient::addPath( const apipb::Path& p ) {
    check( stub_->AddPath( c.get(), req, &resp ), "AddPath" );
 }
 
+void GobgpClient::addPaths( const std::vector< apipb::Path >& paths ) {
+   if ( paths.empty() ) {
+      return;
+   }
+   apipb::AddPathStreamRequest req;
+   req.set_table_type( apipb::GLOBAL );
+   for ( const auto& p : paths ) {
+      *req.add_paths() = p;
+   }
+   google::protobuf::Empty resp;
+   // Each type-2 route costs the daemon a look at its whole EVPN table, so a
+   // batch into a large table takes long.
+   auto c = context( callTimeout + std::chrono::milliseconds( 500 ) * paths.size() );
+   auto writer = stub_->AddPathStream( c.get(), &resp );
+   writer->Write( req );   // a refusal shows in Finish()
+   writer->WritesDone();
+   check( writer->Finish(), "AddPathStream" );
+}
+
 void GobgpClient::deletePath( const apipb::Path& p ) {
    apipb::DeletePathRequest req;
    req.set_table_type( apipb::GLOBAL );

@@ -62,6 +62,9 @@ class GobgpClient {
    void deletePeer( const std::string& address );
    void addPeer( const NeighborConfig& n, const GlobalConfig& g );
    void addPath( const apipb::Path& p );
+   // Adds them all in one AddPathStream message: the daemon checks them all
+   // before it takes any, so on an error (a refusal of one) none is added.
+   void addPaths( const std::vector< apipb::Path >& paths );
    void deletePath( const apipb::Path& p );
    // Every EVPN path this daemon originated (added through the API).
    std::vector< apipb::Path > localEvpnPaths();

@@ -338,6 +338,7 @@ void Speaker::syncExport() {
       syncHost( k );
       dirtyHosts_.erase( dirtyHosts_.begin() );
    }
+   flushHosts();
    while ( !dirtyFlood_.empty() ) {
       VniVtepPair k = *dirtyFlood_.begin();
       syncFlood( k );
@@ -348,6 +349,10 @@ void Speaker::syncExport() {
 
 void Speaker::syncHost( const MacVniPair& k ) {
    auto want = wantHost( k );
+   if ( pendingMacs_.count( k.macAddr() ) ) {
+      // Whatever happens to this MAC next sees the batch's routes in place.
+      flushHosts();
+   }
    auto have = advertisedHosts_.find( k );
    if ( !want ) {
       refusedHosts_.erase( k );
@@ -361,6 +366,50 @@ void Speaker::syncHost( const MacVniPair& k ) {
    if ( have != advertisedHosts_.end() && have->second == *want ) {
       return;
    }
+   pendingHosts_.emplace_back( k, *want );
+   pendingMacs_.insert( k.macAddr() );
+   if ( pendingHosts_.size() >= options_.addBatch ) {
+      flushHosts();
+   }
+}
+
+void Speaker::flushHosts() {
+   if ( pendingHosts_.empty() ) {
+      return;
+   }
+   std::vector< std::pair< MacVniPair, MacRoute > > batch;
+   batch.swap( pendingHosts_ );
+   pendingMacs_.clear();
+   if ( batch.size() > 1 ) {
+      std::vector< apipb::Path > paths;
+      paths.reserve( batch.size() );
+      for ( const auto& [ k, want ] : batch ) {
+         paths.push_back( pathOf( want ) );
+      }
+      try {
+         client_->addPaths( paths );
+         for ( const auto& [ k, want ] : batch ) {
+            refusedHosts_.erase( k );
+            advertisedHosts_[ k ] = want;
+            ++stats_.routesAdded;
+         }
+         return;
+      } catch ( const GobgpError& e ) {
+         if ( std::string( e.what() ).find( "MAC mobility" ) == std::string::npos ) {
+            throw;
+         }
+         // None of them went in; one at a time tells the refused ones.
+      }
+   }
+   for ( const auto& [ k, want ] : batch ) {
+      addHost( k, want );
+   }
+}
+
+// One route alone, handling gobgpd's MAC-mobility refusal.
+void Speaker::addHost( const MacVniPair& k, const MacRoute& wantRoute ) {
+   std::optional< MacRoute > want = wantRoute;
+   auto have = advertisedHosts_.find( k );
    try {
       client_->addPath( pathOf( *want ) );
    } catch ( const GobgpError& e ) {
