@@ -81,10 +81,15 @@ bool Daemon::adopt() {
    // A pid reused by some other process must not be taken for ours: it has
    // to be a gobgpd serving our socket, and owned by us.
    auto args = cmdlineOf( pid_t( pid ) );
-   bool ours = !args.empty() && args[ 0 ] == options_.program &&
-               std::find( args.begin(), args.end(), "--api-hosts=unix://" + socketPath_ ) != args.end();
+   bool ours = std::find( args.begin(), args.end(), "--api-hosts=unix://" + socketPath_ ) != args.end();
    struct stat st{};
    if ( !ours || ::stat( fmt::format( "/proc/{}", pid ).c_str(), &st ) != 0 || st.st_uid != ::geteuid() ) {
+      return false;
+   }
+   if ( args[ 0 ] != options_.program ) {
+      // Ours, but another program than we are told to run: it goes, or it
+      // would hold the BGP port against the one we start.
+      ::kill( pid_t( pid ), SIGKILL );
       return false;
    }
    int fd = int( ::syscall( SYS_pidfd_open, pid_t( pid ), 0 ) );
