@@ -2,13 +2,15 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
+#include <poll.h>
 #include <stdexcept>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -45,6 +47,65 @@ Daemon::~Daemon() { stop(); }
 
 std::string Daemon::logPath() const { return options_.stateDir + "/gobgpd.log"; }
 
+std::string Daemon::pidPath() const { return options_.stateDir + "/gobgpd.pid"; }
+
+namespace {
+
+// The daemon's command line, NUL-separated arguments as one string each.
+std::vector< std::string > cmdlineOf( pid_t pid ) {
+   std::ifstream in( fmt::format( "/proc/{}/cmdline", pid ), std::ios::binary );
+   std::vector< std::string > out;
+   std::string arg;
+   while ( std::getline( in, arg, '\0' ) ) {
+      out.push_back( arg );
+   }
+   return out;
+}
+
+bool exitedNow( int pidFd ) {
+   pollfd p{ pidFd, POLLIN, 0 };
+   return ::poll( &p, 1, 0 ) > 0;
+}
+
+}  // namespace
+
+bool Daemon::adopt() {
+   if ( pid_ > 0 ) {
+      return false;
+   }
+   std::ifstream in( pidPath() );
+   long pid = 0;
+   if ( !( in >> pid ) || pid <= 1 ) {
+      return false;
+   }
+   // A pid reused by some other process must not be taken for ours: it has
+   // to be a gobgpd serving our socket, and owned by us.
+   auto args = cmdlineOf( pid_t( pid ) );
+   bool ours = std::find( args.begin(), args.end(), "--api-hosts=unix://" + socketPath_ ) != args.end();
+   struct stat st{};
+   if ( !ours || ::stat( fmt::format( "/proc/{}", pid ).c_str(), &st ) != 0 || st.st_uid != ::geteuid() ) {
+      return false;
+   }
+   if ( args[ 0 ] != options_.program ) {
+      // Ours, but another program than we are told to run: it goes, or it
+      // would hold the BGP port against the one we start.
+      ::kill( pid_t( pid ), SIGKILL );
+      return false;
+   }
+   int fd = int( ::syscall( SYS_pidfd_open, pid_t( pid ), 0 ) );
+   if ( fd < 0 ) {
+      return false;
+   }
+   if ( exitedNow( fd ) ) {
+      ::close( fd );
+      return false;
+   }
+   pid_ = pid_t( pid );
+   pidFd_ = fd;
+   adopted_ = true;
+   return true;
+}
+
 void Daemon::start() {
    stop();
    ::unlink( socketPath_.c_str() );
@@ -62,17 +123,15 @@ void Daemon::start() {
    if ( log < 0 ) {
       throw std::runtime_error( fmt::format( "cannot open {}: {}", logPath(), std::strerror( errno ) ) );
    }
-   pid_t parent = ::getpid();
    pid_t pid = ::fork();
    if ( pid < 0 ) {
       ::close( log );
       throw std::runtime_error( fmt::format( "fork: {}", std::strerror( errno ) ) );
    }
    if ( pid == 0 ) {
-      ::prctl( PR_SET_PDEATHSIG, SIGKILL );
-      if ( ::getppid() != parent ) {
-         ::_exit( 127 );
-      }
+      // Its own session: signals meant for our process group (a terminal's
+      // interrupt) do not end it; we do, or it outlives us (see Daemon.h).
+      ::setsid();
       sigset_t none;
       sigemptyset( &none );
       ::sigprocmask( SIG_SETMASK, &none, nullptr );
@@ -88,6 +147,13 @@ void Daemon::start() {
    ::close( log );
    pid_ = pid;
    pidFd_ = int( ::syscall( SYS_pidfd_open, pid, 0 ) );
+   adopted_ = false;
+   std::string tmp = pidPath() + ".new";
+   {
+      std::ofstream out( tmp, std::ios::trunc );
+      out << pid << "\n";
+   }
+   std::filesystem::rename( tmp, pidPath() );
 }
 
 void Daemon::stop() {
@@ -95,10 +161,20 @@ void Daemon::stop() {
       return;
    }
    ::kill( pid_, SIGKILL );
-   int status = 0;
-   while ( ::waitpid( pid_, &status, 0 ) < 0 && errno == EINTR ) {
+   if ( adopted_ ) {
+      // Not our child: its end shows on the pidfd (a SIGKILL is not
+      // refused; the wait is bounded all the same).
+      for ( int i = 0; i < 100 && pidFd_ >= 0 && !exitedNow( pidFd_ ); ++i ) {
+         ::usleep( 20000 );
+      }
+   } else {
+      int status = 0;
+      while ( ::waitpid( pid_, &status, 0 ) < 0 && errno == EINTR ) {
+      }
    }
+   ::unlink( pidPath().c_str() );
    pid_ = -1;
+   adopted_ = false;
    if ( pidFd_ >= 0 ) {
       ::close( pidFd_ );
       pidFd_ = -1;
@@ -110,8 +186,12 @@ bool Daemon::reapIfExited( int* status ) {
       return false;
    }
    int st = 0;
-   pid_t r = ::waitpid( pid_, &st, WNOHANG );
-   if ( r != pid_ ) {
+   if ( adopted_ ) {
+      if ( pidFd_ < 0 || !exitedNow( pidFd_ ) ) {
+         return false;
+      }
+      adopted_ = false;
+   } else if ( ::waitpid( pid_, &st, WNOHANG ) != pid_ ) {
       return false;
    }
    if ( status ) {

@@ -80,6 +80,39 @@ void GobgpClient::startBgp( const GlobalConfig& g ) {
    check( stub_->StartBgp( c.get(), req, &resp ), "StartBgp" );
 }
 
+GlobalConfig GobgpClient::global() {
+   apipb::GetBgpRequest req;
+   apipb::GetBgpResponse resp;
+   auto c = context( callTimeout );
+   check( stub_->GetBgp( c.get(), req, &resp ), "GetBgp" );
+   GlobalConfig g;
+   g.asn = resp.global().asn();
+   g.routerId = resp.global().router_id();
+   g.listenPort = resp.global().listen_port();
+   return g;
+}
+
+std::vector< std::string > GobgpClient::peerAddresses() {
+   apipb::ListPeerRequest req;
+   auto c = context( callTimeout );
+   auto reader = stub_->ListPeer( c.get(), req );
+   std::vector< std::string > out;
+   apipb::ListPeerResponse resp;
+   while ( reader->Read( &resp ) ) {
+      out.push_back( resp.peer().conf().neighbor_address() );
+   }
+   check( reader->Finish(), "ListPeer" );
+   return out;
+}
+
+void GobgpClient::deletePeer( const std::string& address ) {
+   apipb::DeletePeerRequest req;
+   req.set_address( address );
+   google::protobuf::Empty resp;
+   auto c = context( callTimeout );
+   check( stub_->DeletePeer( c.get(), req, &resp ), "DeletePeer" );
+}
+
 void GobgpClient::addPeer( const NeighborConfig& n, const GlobalConfig& g ) {
    apipb::AddPeerRequest req;
    apipb::Peer* peer = req.mutable_peer();
@@ -92,8 +125,19 @@ void GobgpClient::addPeer( const NeighborConfig& n, const GlobalConfig& g ) {
       peer->mutable_ebgp_multihop()->set_enabled( true );
       peer->mutable_ebgp_multihop()->set_multihop_ttl( 255 );
    }
+   // Every session starts as a restart: the peer may still hold routes of
+   // an earlier run of ours (or of an earlier gobgpd), and only the Restart
+   // State bit and the per-family Forwarding State bit (which gobgpd sets
+   // exactly when it is told it restarts) make it keep them until our
+   // End-of-RIB instead of dropping them as the session comes up. Our RIB is
+   // complete before any peer is added, so the End-of-RIB that ends the
+   // deferral carries every route we want; a peer with nothing of ours just
+   // sees a full table. gobgpd holds back updates until the peers' End-of-RIB
+   // or the deferral time, whichever comes first.
    peer->mutable_graceful_restart()->set_enabled( true );
    peer->mutable_graceful_restart()->set_restart_time( g.restartTime );
+   peer->mutable_graceful_restart()->set_local_restarting( true );
+   peer->mutable_graceful_restart()->set_deferral_time( g.deferralTime );
    apipb::AfiSafi* afi = peer->add_afi_safis();
    *afi->mutable_config()->mutable_family() = evpnFamily();
    afi->mutable_config()->set_enabled( true );
@@ -110,6 +154,25 @@ void GobgpClient::addPath( const apipb::Path& p ) {
    apipb::AddPathResponse resp;
    auto c = context( callTimeout );
    check( stub_->AddPath( c.get(), req, &resp ), "AddPath" );
+}
+
+void GobgpClient::addPaths( const std::vector< apipb::Path >& paths ) {
+   if ( paths.empty() ) {
+      return;
+   }
+   apipb::AddPathStreamRequest req;
+   req.set_table_type( apipb::GLOBAL );
+   for ( const auto& p : paths ) {
+      *req.add_paths() = p;
+   }
+   google::protobuf::Empty resp;
+   // Each type-2 route costs the daemon a look at its whole EVPN table, so a
+   // batch into a large table takes long.
+   auto c = context( callTimeout + std::chrono::milliseconds( 500 ) * paths.size() );
+   auto writer = stub_->AddPathStream( c.get(), &resp );
+   writer->Write( req );   // a refusal shows in Finish()
+   writer->WritesDone();
+   check( writer->Finish(), "AddPathStream" );
 }
 
 void GobgpClient::deletePath( const apipb::Path& p ) {

@@ -41,6 +41,7 @@ struct GlobalConfig {
    std::string routerId;
    int32_t listenPort = 179;
    uint32_t restartTime = 120;   // graceful restart, seconds
+   uint32_t deferralTime = 10;   // how long a restart waits for the peers' End-of-RIB, seconds
 };
 
 class GobgpClient {
@@ -54,8 +55,16 @@ class GobgpClient {
    bool waitReady( std::chrono::milliseconds timeout );
 
    void startBgp( const GlobalConfig& g );
+   // The running global settings (asn 0 before StartBgp).
+   GlobalConfig global();
+   // The configured peers' addresses.
+   std::vector< std::string > peerAddresses();
+   void deletePeer( const std::string& address );
    void addPeer( const NeighborConfig& n, const GlobalConfig& g );
    void addPath( const apipb::Path& p );
+   // Adds them all in one AddPathStream message: the daemon checks them all
+   // before it takes any, so on an error (a refusal of one) none is added.
+   void addPaths( const std::vector< apipb::Path >& paths );
    void deletePath( const apipb::Path& p );
    // Every EVPN path this daemon originated (added through the API).
    std::vector< apipb::Path > localEvpnPaths();

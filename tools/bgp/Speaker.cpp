@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace OrbEvpn::Bgp {
@@ -75,7 +76,21 @@ Speaker::Speaker( SpeakerOptions options, std::ostream& log )
       exportFloodOf_[ e->first.vni().value() ].insert( e->first.key() );
    }
 
-   startDaemon();
+   // A gobgpd an earlier run of ours left behind still holds the sessions
+   // and our routes: taken over, nothing is withdrawn.
+   if ( daemon_.adopt() ) {
+      log_ << fmt::format( "orbevpn-bgp: adopting the running gobgpd {}\n", daemon_.pid() );
+      try {
+         connect();
+      } catch ( const std::exception& e ) {
+         log_ << "orbevpn-bgp: the running gobgpd cannot be taken over (" << e.what() << "); starting another\n";
+         client_.reset();
+         daemon_.stop();
+      }
+   }
+   if ( !client_ ) {
+      startDaemon();
+   }
    EvpnCapabilityRecord cap;
    cap.evpnEnabled = 1;
    capabilityOut_.write( cap );
@@ -110,10 +125,36 @@ void Speaker::connect() {
                                              daemon_.logPath() ) );
    }
    GlobalConfig g{ options_.asn, options_.routerId, options_.listenPort, options_.restartTime };
-   client_->startBgp( g );
-   reconcileRib();
-   for ( const NeighborConfig& n : options_.neighbors ) {
-      client_->addPeer( n, g );
+   if ( daemon_.adopted() ) {
+      // Kept only while it runs with our settings; its peers are made to
+      // match ours without touching the sessions that stay.
+      GlobalConfig running = client_->global();
+      if ( running.asn != g.asn || running.routerId != g.routerId || running.listenPort != g.listenPort ) {
+         throw GobgpError( fmt::format( "it runs as AS {} router id {} port {}", running.asn, running.routerId,
+                                        running.listenPort ) );
+      }
+      reconcileRib();
+      std::set< std::string > have;
+      for ( const std::string& a : client_->peerAddresses() ) {
+         bool wanted = std::any_of( options_.neighbors.begin(), options_.neighbors.end(),
+                                    [ &a ]( const NeighborConfig& n ) { return n.address == a; } );
+         if ( wanted ) {
+            have.insert( a );
+         } else {
+            client_->deletePeer( a );
+         }
+      }
+      for ( const NeighborConfig& n : options_.neighbors ) {
+         if ( !have.count( n.address ) ) {
+            client_->addPeer( n, g );
+         }
+      }
+   } else {
+      client_->startBgp( g );
+      reconcileRib();
+      for ( const NeighborConfig& n : options_.neighbors ) {
+         client_->addPeer( n, g );
+      }
    }
    ImportSelection::Touched discarded;
    selection_.clear( discarded );
@@ -297,6 +338,7 @@ void Speaker::syncExport() {
       syncHost( k );
       dirtyHosts_.erase( dirtyHosts_.begin() );
    }
+   flushHosts();
    while ( !dirtyFlood_.empty() ) {
       VniVtepPair k = *dirtyFlood_.begin();
       syncFlood( k );
@@ -307,6 +349,10 @@ void Speaker::syncExport() {
 
 void Speaker::syncHost( const MacVniPair& k ) {
    auto want = wantHost( k );
+   if ( pendingMacs_.count( k.macAddr() ) ) {
+      // Whatever happens to this MAC next sees the batch's routes in place.
+      flushHosts();
+   }
    auto have = advertisedHosts_.find( k );
    if ( !want ) {
       refusedHosts_.erase( k );
@@ -320,6 +366,50 @@ void Speaker::syncHost( const MacVniPair& k ) {
    if ( have != advertisedHosts_.end() && have->second == *want ) {
       return;
    }
+   pendingHosts_.emplace_back( k, *want );
+   pendingMacs_.insert( k.macAddr() );
+   if ( pendingHosts_.size() >= options_.addBatch ) {
+      flushHosts();
+   }
+}
+
+void Speaker::flushHosts() {
+   if ( pendingHosts_.empty() ) {
+      return;
+   }
+   std::vector< std::pair< MacVniPair, MacRoute > > batch;
+   batch.swap( pendingHosts_ );
+   pendingMacs_.clear();
+   if ( batch.size() > 1 ) {
+      std::vector< apipb::Path > paths;
+      paths.reserve( batch.size() );
+      for ( const auto& [ k, want ] : batch ) {
+         paths.push_back( pathOf( want ) );
+      }
+      try {
+         client_->addPaths( paths );
+         for ( const auto& [ k, want ] : batch ) {
+            refusedHosts_.erase( k );
+            advertisedHosts_[ k ] = want;
+            ++stats_.routesAdded;
+         }
+         return;
+      } catch ( const GobgpError& e ) {
+         if ( std::string( e.what() ).find( "MAC mobility" ) == std::string::npos ) {
+            throw;
+         }
+         // None of them went in; one at a time tells the refused ones.
+      }
+   }
+   for ( const auto& [ k, want ] : batch ) {
+      addHost( k, want );
+   }
+}
+
+// One route alone, handling gobgpd's MAC-mobility refusal.
+void Speaker::addHost( const MacVniPair& k, const MacRoute& wantRoute ) {
+   std::optional< MacRoute > want = wantRoute;
+   auto have = advertisedHosts_.find( k );
    try {
       client_->addPath( pathOf( *want ) );
    } catch ( const GobgpError& e ) {

@@ -17,6 +17,11 @@
 // import hold time has passed (peers need a moment to send their routes
 // again); then what no route supports is removed.
 //
+// Type-2 routes go to gobgpd in batches (AddPathStream): for each one it
+// looks through its whole EVPN table (its MAC-mobility check), and a batch
+// saves the rest of a call's cost. A refused batch is redone one route at a
+// time.
+//
 // gobgpd's MAC mobility check refuses a route whose sequence number is
 // below that of any best route for the same MAC, in any VNI. A host whose
 // own earlier route is the obstacle is withdrawn and advertised again; one
@@ -61,6 +66,7 @@ struct SpeakerOptions {
    int importHoldMs = 10000;
    int retryMs = 2000;
    int maxRestarts = 5;          // daemon restarts within a minute before giving up
+   size_t addBatch = 128;        // type-2 routes per AddPathStream message
 };
 
 struct SpeakerStats {
@@ -102,6 +108,8 @@ class Speaker {
    void markAllDirty();
    void syncExport();
    void syncHost( const MacVniPair& k );
+   void addHost( const MacVniPair& k, const MacRoute& want );
+   void flushHosts();
    void syncFlood( const VniVtepPair& k );
    std::optional< MacRoute > wantHost( const MacVniPair& k );
    std::optional< FloodRoute > wantFlood( const VniVtepPair& k );
@@ -140,6 +148,11 @@ class Speaker {
    std::set< uint32_t > dirtyVnis_;
    bool allDirty_ = false;
    std::set< MacVniPair > refusedHosts_;
+   // Type-2 routes waiting for one AddPathStream message; at most one per
+   // MAC, so that the daemon's MAC-mobility check (against its table, not
+   // the rest of the batch) decides as it would one route at a time.
+   std::vector< std::pair< MacVniPair, MacRoute > > pendingHosts_;
+   std::set< Wire::EthAddr > pendingMacs_;
    Clock::time_point nextRetry_{};
 
    ImportSelection selection_;

@@ -4,7 +4,8 @@
 // One thread: poll() over the table readers, the route-event queue, the
 // child's pidfd and a signalfd. SIGINT and SIGTERM end the loop; the child
 // is then stopped and the tables are left as they are (the capability
-// included), for the next run to take over.
+// included), for the next run to take over. Killed instead, it leaves the
+// child running with its sessions, and the next run takes that over.
 #include "tools/bgp/Speaker.h"
 
 #include "platform/lumen/Options.h"
@@ -75,7 +76,8 @@ int main( int argc, char** argv ) {
    app.add_option( "--gobgpd", options.daemon.program, "the gobgpd program" )
       ->default_val( options.daemon.program );
    app.add_option( "--state-dir", options.daemon.stateDir,
-                   "folder for the API socket (in a 0700 subfolder), the RD index and gobgpd.log" )
+                   "folder for the API socket (in a 0700 subfolder), the RD index, gobgpd.log and gobgpd.pid "
+                   "(a gobgpd a killed run left is taken over from there)" )
       ->default_val( options.daemon.stateDir );
    app.add_option( "--listen-port", options.listenPort, "BGP port to listen on (0: do not listen)" )
       ->default_val( options.listenPort )

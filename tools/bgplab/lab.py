@@ -340,6 +340,20 @@ class Lab:
         d = self.vtysh_json("show bgp neighbors %s" % addr)
         return d.get(addr, {}).get("bgpState") == "Established"
 
+    def frr_graceful_restart(self, addr=OURS_ADDR):
+        """FRR's graceful-restart view of the session with `addr`: its
+        `gracefulRestartInfo`, the capability entries about graceful restart,
+        and "preserved": whether the peer's last OPEN set the forwarding-state
+        bit for l2vpn evpn (FRR keeps the family's routes over the peer's
+        restart only then; it lists the family as "not preserved" otherwise,
+        and a family without a tuple not at all)."""
+        d = self.vtysh_json("show bgp neighbors %s" % addr).get(addr, {})
+        caps = {k: v for k, v in d.get("neighborCapabilities", {}).items()
+                if "race" in k or "estart" in k or "ByPeer" in k}
+        by_peer = json.dumps(caps).lower()
+        preserved = "evpn" in by_peer and "not preserved" not in by_peer and "preserved" in by_peer
+        return {"info": d.get("gracefulRestartInfo"), "capabilities": caps, "preserved": preserved}
+
     def frr_evpn_routes(self, peer=OURS_ADDR):
         """The EVPN routes FRR's bgpd holds from `peer`, best or not, as a set
         of (RD, prefix, next hops, extended communities): the RD, the route

@@ -1,0 +1,180 @@
+// orbevpn-bgp's Speaker in-process, against a real gobgpd child (no peers,
+// no BGP listener) and Lumen writers standing in for the agent's tables.
+#include "tools/bgp/Speaker.h"
+
+#include "tests/support/LumenRoot.h"
+#include "tools/bgp/GobgpPaths.h"
+#include "tools/common/Boundary.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <poll.h>
+#include <sstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+namespace B = OrbEvpn::Boundary;
+using OrbEvpn::BrIdListRecord;
+using OrbEvpn::FloodEntry;
+using OrbEvpn::Host;
+using OrbEvpn::MacVniPair;
+using OrbEvpn::OrbEvpnConfigRecord;
+using OrbEvpn::VniVtepPair;
+using namespace OrbEvpn::Bgp;
+
+const std::string prefix = "/orbevpn";
+const char* gobgpd = "/usr/bin/gobgpd";
+
+Host hostOf( uint32_t vni, uint32_t i, uint32_t seq, uint8_t vtep = 1 ) {
+   Host h( MacVniPair( Wire::EthAddr( 0x02, 0, 0, 0, uint8_t( i >> 8 ), uint8_t( i ) ), Vxlan::Vni( vni ) ) );
+   h.vtepAddrIs( Wire::IpAddr::fromOctets( 198, 18, 1, vtep ) );
+   h.seqNoIs( Keel::Seqno32( seq ) );
+   return h;
+}
+
+class AgentTables {
+ public:
+   AgentTables() {
+      host.attach( B::pathOf( prefix, B::exportHost ) );
+      flood.attach( B::pathOf( prefix, B::exportFlood ) );
+      brIds.attach( B::pathOf( prefix, B::brIdList ) );
+      config.attach( B::pathOf( prefix, B::config ) );
+      OrbEvpnConfigRecord r;
+      r.orbEvpnIntegrationMode = true;
+      config.write( r );
+   }
+   void list( uint32_t vni ) { brIds.write( BrIdListRecord( Bridging::BridgeId( Vxlan::Vni( vni ) ), true ) ); }
+
+   Lumen::Writer< Host > host;
+   Lumen::Writer< FloodEntry > flood;
+   Lumen::Writer< BrIdListRecord > brIds;
+   Lumen::Writer< OrbEvpnConfigRecord > config;
+};
+
+// Running, not merely unreaped (an orphan waits for whoever reaps it).
+bool running( pid_t pid ) {
+   std::ifstream in( "/proc/" + std::to_string( pid ) + "/stat" );
+   std::string text;
+   std::getline( in, text );
+   auto close = text.rfind( ')' );
+   return close != std::string::npos && close + 2 < text.size() && text[ close + 2 ] != 'Z';
+}
+
+// Steps the speaker until `done` holds or ten seconds pass.
+template < typename Done >
+bool stepUntil( Speaker& s, Done done ) {
+   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds( 10 );
+   while ( !done() && std::chrono::steady_clock::now() < deadline ) {
+      std::vector< pollfd > fds;
+      for ( int fd : s.fds() ) fds.push_back( { fd, POLLIN, 0 } );
+      ::poll( fds.data(), fds.size(), 50 );
+      s.step();
+   }
+   return done();
+}
+
+class SpeakerTest : public ::testing::Test {
+ protected:
+   void SetUp() override {
+      if ( ::access( gobgpd, X_OK ) != 0 ) {
+         GTEST_SKIP() << gobgpd << " is not installed (package gobgpd)";
+      }
+      char tmpl[] = "/tmp/orbevpn-bgp-test-XXXXXX";
+      ASSERT_NE( ::mkdtemp( tmpl ), nullptr );
+      stateDir = tmpl;
+   }
+   void TearDown() override {
+      if ( !stateDir.empty() ) {
+         std::error_code ec;
+         std::filesystem::remove_all( stateDir, ec );
+      }
+   }
+   SpeakerOptions options() const {
+      SpeakerOptions o;
+      o.asn = 65001;
+      o.routerId = "198.18.0.1";
+      o.prefix = prefix;
+      o.listenPort = -1;   // no BGP listener: nothing of this test reaches a network
+      o.daemon.program = gobgpd;
+      o.daemon.stateDir = stateDir + "/state";
+      o.importHoldMs = 0;
+      o.addBatch = 16;
+      return o;
+   }
+
+   LumenRoot root;   // first: every table below lives in it
+   AgentTables agent;
+   std::string stateDir;
+   std::ostringstream log;
+};
+
+// gobgpd refuses a MAC's route whose sequence number is below that of the
+// MAC's route in another VNI. Sent in batches, whose routes the daemon
+// checks against its table only, the lower one must still be refused, as it
+// is one route at a time, and go in once the higher one is gone.
+TEST_F( SpeakerTest, MacMobilityHoldsAcrossBatches ) {
+   agent.list( 100 );
+   agent.list( 200 );
+   for ( uint32_t i = 0; i < 40; ++i ) agent.host.write( hostOf( 100, i, 1 ) );
+   agent.host.write( hostOf( 100, 7, 5 ) );   // MAC 7: seq 5 in VNI 100 ...
+   agent.host.write( hostOf( 200, 7, 3 ) );   // ... and seq 3 in VNI 200, in the same batch
+   Speaker s( options(), log );
+   ASSERT_TRUE( stepUntil( s, [ & ] { return s.advertised() == 40; } ) ) << s.advertised() << "\n" << log.str();
+   EXPECT_EQ( s.refusedNow(), 1u );
+   EXPECT_EQ( s.stats().refused, 1u );
+   EXPECT_NE( log.str().find( "refuses 02:00:00:00:00:07 vni 200" ), std::string::npos ) << log.str();
+
+   agent.host.remove( MacVniPair( hostOf( 100, 7, 5 ).macAddr(), Vxlan::Vni( 100 ) ) );
+   EXPECT_TRUE( stepUntil( s, [ & ] { return s.refusedNow() == 0 && s.advertised() == 40; } ) )
+      << s.refusedNow() << " refused, " << s.advertised() << " advertised\n" << log.str();
+}
+
+// A killed orbevpn-bgp leaves its gobgpd running, with its sessions and our
+// routes; the next one over the same state folder takes it over and finds
+// every route in place: it adds none and withdraws none.
+TEST_F( SpeakerTest, NextRunTakesOverTheDaemonOfAKilledOne ) {
+   agent.list( 100 );
+   for ( uint32_t i = 0; i < 20; ++i ) agent.host.write( hostOf( 100, i, 1 ) );
+   agent.flood.write( FloodEntry( VniVtepPair( Vxlan::Vni( 100 ), Wire::IpAddr::fromOctets( 198, 18, 0, 1 ) ) ) );
+
+   pid_t child = ::fork();
+   ASSERT_GE( child, 0 );
+   if ( child == 0 ) {
+      std::ostringstream childLog;
+      Speaker first( options(), childLog );
+      bool done = stepUntil( first, [ & ] { return first.advertised() == 21; } );
+      ::raise( done ? SIGKILL : SIGABRT );   // killed: no destructor stops the daemon
+      ::_exit( 1 );
+   }
+   int status = 0;
+   ASSERT_EQ( ::waitpid( child, &status, 0 ), child );
+   ASSERT_TRUE( WIFSIGNALED( status ) && WTERMSIG( status ) == SIGKILL ) << "the first run did not advertise all";
+
+   pid_t firstDaemon = 0;
+   std::ifstream( options().daemon.stateDir + "/gobgpd.pid" ) >> firstDaemon;
+   ASSERT_GT( firstDaemon, 1 );
+   ASSERT_TRUE( running( firstDaemon ) ) << "gobgpd did not outlive the killed run";
+   {
+      Speaker second( options(), log );
+      EXPECT_NE( log.str().find( "adopting the running gobgpd" ), std::string::npos ) << log.str();
+      EXPECT_EQ( second.stats().routesAdded, 0u );   // all were in place at the reconcile
+      EXPECT_TRUE( stepUntil( second, [ & ] { return second.advertised() == 21; } ) ) << log.str();
+      EXPECT_EQ( second.stats().routesAdded, 0u );
+      EXPECT_EQ( second.stats().routesWithdrawn, 0u );
+      EXPECT_EQ( second.stats().daemonRestarts, 0u );
+   }
+   // The second run stopped the daemon it took over; one it did not take
+   // over is ended here, not left behind.
+   if ( running( firstDaemon ) ) {
+      ADD_FAILURE() << "the first run's gobgpd outlived the second run";
+      ::kill( firstDaemon, SIGKILL );
+   }
+}
+
+}  // namespace
