@@ -267,6 +267,10 @@ class Reader {
    MountStatus reportedStatus_ = MountStatus::unmounted;
    std::deque< Event > pending_;   // gathered, not yet delivered
    bool dispatching_ = false;
+   // A resync queued enough to leave megabytes of freed heap behind once
+   // delivered: handed back to the system then, or a reader lapped once
+   // under load keeps the memory of its largest catch-up for good.
+   bool trimAfterDelivery_ = false;
 };
 
 }  // namespace Lumen

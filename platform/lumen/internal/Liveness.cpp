@@ -121,8 +121,17 @@ bool writerIdle( uint32_t pid, uint32_t tid ) {
 
 }  // namespace
 
+namespace {
+std::atomic< uint64_t > busySlotReadCount{ 0 };
+}
+
+uint64_t busySlotReads() {
+   return busySlotReadCount.load( std::memory_order_relaxed );
+}
+
 uint32_t readBusySlot( const StuckContext& ctx, const std::atomic< uint32_t >& word, uint32_t slot,
                        void* out, const void* record, size_t size ) {
+   busySlotReadCount.fetch_add( 1, std::memory_order_relaxed );
    auto since = std::chrono::steady_clock::now();
    uint32_t lastSeen = word.load( std::memory_order_relaxed );
    int64_t writerCpuSince = -1;

@@ -5,6 +5,8 @@
 
 #include "platform/lumen/internal/SlotOps.h"
 
+#include <malloc.h>
+
 #include <numeric>
 
 namespace Lumen {
@@ -661,6 +663,10 @@ void Reader< Record >::resync( Changes& changes ) {
    internal::forEachScattered( uint32_t( changes.events.size() ),
                                [ & ]( uint32_t i ) { pending_.push_back( changes.events[ i ] ); } );
    pending_.push_back( { Event::quiescedFalse, {}, {}, false, default_ } );
+   // The pass's map and the queued events come to about a hundred bytes a
+   // changed key, all freed by the end of delivery but kept by the heap.
+   constexpr size_t trimAbove = 16384;
+   trimAfterDelivery_ = trimAfterDelivery_ || changes.events.size() > trimAbove;
 }
 
 template< class Record >
@@ -785,6 +791,11 @@ void Reader< Record >::dispatch() {
    deliver();
    gather();
    deliver();
+   if ( trimAfterDelivery_ && pending_.empty() ) {
+      trimAfterDelivery_ = false;
+      pending_.shrink_to_fit();
+      ::malloc_trim( 0 );
+   }
 }
 
 }  // namespace Lumen

@@ -354,6 +354,9 @@ inline constexpr std::chrono::milliseconds slotStuckLimit{ 10 };
 inline constexpr std::chrono::milliseconds slotStuckHardLimit{ 1000 };
 uint32_t readBusySlot( const StuckContext& ctx, const std::atomic< uint32_t >& word, uint32_t slot,
                        void* out, const void* record, size_t size );
+// How many times this process's readers found a slot busy or changed under
+// their copy, i.e. caught its writer mid-change (readBusySlot() calls).
+uint64_t busySlotReads();
 
 // A Reader's wake-up path. fd() is a datagram socket, the same one for the
 // reader's whole life; once the table's

@@ -17,6 +17,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <thread>
@@ -32,6 +33,12 @@
 namespace Lumen::internal {
 
 inline constexpr uint32_t noSlot = ~0u;
+
+// Runs inside store()'s write window, with the slot busy and half the record
+// copied; null in use. Tests set it to hold the window open, so that a reader
+// in another process overlaps a change often enough to show whether it
+// could ever take a half-written record for a whole one.
+inline std::atomic< void ( * )() > storeWindowHook{ nullptr };
 
 
 // Hint bits: generation tag (24) | position in hash space (33). Slot i of
@@ -132,7 +139,17 @@ struct SlotOps {
       uint32_t version = word.load( std::memory_order_relaxed ) >> 2;
       word.store( ( version + 1 ) << 2 | slotBusy, std::memory_order_relaxed );
       std::atomic_thread_fence( std::memory_order_release );
-      if ( r ) {
+      if ( auto hook = storeWindowHook.load( std::memory_order_relaxed ) ) [[unlikely]] {
+         constexpr size_t half = sizeof( Record ) / 2;
+         if ( r ) {
+            std::memcpy( t.record( i ), static_cast< const void* >( r ), half );
+         }
+         hook();
+         if ( r ) {
+            std::memcpy( t.record( i ) + half, reinterpret_cast< const uint8_t* >( r ) + half,
+                         sizeof( Record ) - half );
+         }
+      } else if ( r ) {
          std::memcpy( t.record( i ), static_cast< const void* >( r ), sizeof( Record ) );
       }
       word.store( ( version + 2 ) << 2 | state, std::memory_order_release );
