@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -68,12 +69,18 @@ std::string ask( std::string_view line, bool& connected ) {
    return reply;
 }
 
+std::string fuzzRoot;
+
 void stopAgent() {
    // The agent's run() ends on SIGTERM through its signalfd; its thread
    // holds the signal blocked, so only that thread sees it.
    ::pthread_kill( agentThread.native_handle(), SIGTERM );
    agentThread.join();
    capability.reset();
+   // The tables the agent leaves, its socket and the event file: nothing of
+   // a fuzzing run stays in shared memory.
+   std::error_code ignored;
+   std::filesystem::remove_all( fuzzRoot, ignored );
 }
 
 }  // namespace
@@ -82,6 +89,7 @@ extern "C" int LLVMFuzzerInitialize( int*, char*** ) {
    char dir[] = "/dev/shm/orbevpn-fuzz-control-XXXXXX";
    Fuzz::check( ::mkdtemp( dir ) != nullptr, "mkdtemp failed" );
    const std::string root = dir;
+   fuzzRoot = root;
    Lumen::rootIs( root );
    controlPath = root + "/ctl";
    const std::string events = root + "/events.jsonl";
