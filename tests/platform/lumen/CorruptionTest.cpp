@@ -29,9 +29,7 @@ class LumenCorruption : public ::testing::Test {
    void SetUp() override {
       Lumen::Writer< HostRec > writer( HostRec{}, { 64, 1024, 64 } );
       writer.attach( "/lumen/good" );
-      for ( uint32_t n = 0; n < 40; ++n ) {
-         writer.write( HostRec::of( n, n ) );
-      }
+      fill( writer, 40 );
       copyTable( root, "lumen.good", "lumen.bad" );
    }
    std::string data() const { return root.file( "lumen.bad@1" ); }
@@ -135,9 +133,7 @@ TEST_F( LumenCorruption, AFileTruncatedUnderAReaderIsReportedNotFatal ) {
    // 224 KB of data segment, most of which a truncation to two pages takes away.
    Lumen::Writer< HostRec > big( HostRec{}, { 4096, 1u << 16, 64 } );
    big.attach( "/lumen/big" );
-   for ( uint32_t n = 0; n < 3000; ++n ) {
-      big.write( HostRec::of( n, n ) );
-   }
+   fill( big, 3000 );
    struct Case {
       std::string table;
       uint32_t keys;
@@ -410,9 +406,7 @@ TEST( LumenStuckSlot, AHealthyWriterThreadOfABusyProcessIsNeverReportedStuck ) {
 TEST_F( LumenCorruption, AHeaderDamagedUnderAReaderDropsTheTableUntilItIsMadeAnew ) {
    auto writer = std::make_unique< Lumen::Writer< HostRec > >();
    writer->attach( "/lumen/live" );
-   for ( uint32_t n = 0; n < 10; ++n ) {
-      writer->write( HostRec::of( n, n ) );
-   }
+   fill( *writer, 10 );
    Lumen::Reader< HostRec > reader( "/lumen/live" );
    std::vector< MacKey > removed;
    std::vector< Lumen::MountStatus > statuses;

@@ -471,9 +471,7 @@ TEST( LumenCrossProcess, AKeyThatComesAndGoesBetweenDispatchesIsNeverReported ) 
    pid_t child = startChild( [ & ] {
       Lumen::Writer< HostRec > writer;
       writer.attach( "/lumen/transient" );
-      for ( uint32_t n = 0; n < 5; ++n ) {
-         writer.write( HostRec::of( n, 1 ) );
-      }
+      fill( writer, 5, 1 );
       toParent.signal();
       toChild.wait();
       writer.write( HostRec::of( 100, 1 ) );

@@ -19,6 +19,7 @@
 #include <filesystem>
 #include <map>
 #include <numeric>
+#include <optional>
 
 namespace LumenTest {
 
@@ -97,6 +98,14 @@ struct SlabRec {
    }
    MacKey key() const { return k; }
 };
+
+// Writes HostRec::of( n, counter ) for every n below `count`; the counter is n unless given.
+template< class W >
+void fill( W& writer, uint32_t count, std::optional< uint32_t > counter = {} ) {
+   for ( uint32_t n = 0; n < count; ++n ) {
+      writer.write( HostRec::of( n, counter.value_or( n ) ) );
+   }
+}
 
 // Copies every file of table `from` to table `to` ("lumen.a" -> "lumen.b").
 inline void copyTable( const LumenRoot& root, const std::string& from, const std::string& to ) {

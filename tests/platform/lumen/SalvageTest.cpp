@@ -21,9 +21,7 @@ class LumenSalvage : public ::testing::Test {
    void leaveTable( const std::string& path ) {
       Lumen::Writer< HostRec > writer;
       writer.attach( path );
-      for ( uint32_t n = 0; n < 10; ++n ) {
-         writer.write( HostRec::of( n, n ) );
-      }
+      fill( writer, 10 );
    }
    // Marks the first `n` live slots busy.
    void markBusy( const std::string& file, uint32_t n ) {

@@ -262,9 +262,7 @@ TEST( LumenFiles, FilesGetTheConfiguredModesAndGroup ) {
       options.group = 4242;
       Lumen::Writer< HostRec > writer( HostRec{}, options );
       writer.attach( "/lumen/modes" );
-      for ( uint32_t n = 0; n < 5000; ++n ) {   // grows: new generations get them too
-         writer.write( HostRec::of( n, n ) );
-      }
+      fill( writer, 5000 );   // grows: new generations get them too
       std::string data = newestDataFile( root, "lumen.modes" );
       EXPECT_NE( data, root.file( "lumen.modes@2" ) ) << "the table never grew";
       for ( const auto& [ name, mode ] : { std::pair{ root.file( "lumen.modes" ), 0600u },

@@ -93,9 +93,7 @@ TEST( LumenWake, DamageToTheWakeSegmentOrFeedHeadDoesNotSilenceMappedReaders ) {
       LumenRoot root;
       Lumen::Writer< HostRec > writer;
       writer.attach( "/lumen/damage" );
-      for ( uint32_t n = 0; n < 20; ++n ) {
-         writer.write( HostRec::of( n, 1 ) );
-      }
+      fill( writer, 20, 1 );
       WokenReaders readers( "/lumen/damage", 3 );
       writer.write( HostRec::of( 100, 1 ) );
       readers.allSee( { 100 } );

@@ -78,9 +78,7 @@ TEST( LumenWriter, FullTableRefusesNewKeyAndChangesNothing ) {
    LumenRoot root;
    Lumen::Writer< HostRec > table( HostRec{}, { 4, 8, 64 } );
    table.attach( "/lumen/full" );
-   for ( uint32_t n = 0; n < 8; ++n ) {
-      table.write( HostRec::of( n, n ) );
-   }
+   fill( table, 8 );
    Lumen::Reader< HostRec > reader( "/lumen/full" );
    reader.dispatch();
    std::vector< MacKey > notified;
@@ -248,9 +246,7 @@ TEST( LumenWriter, MaxCapacityDefaultCapsTablesThatSetNone ) {
    Lumen::Writer< HostRec > table;
    Lumen::maxCapacityDefaultIs( 1u << 24 );
    table.attach( "/lumen/capped" );
-   for ( uint32_t n = 0; n < 16; ++n ) {
-      table.write( HostRec::of( n, n ) );
-   }
+   fill( table, 16 );
    EXPECT_EQ( whatOf< Lumen::TableFullException >( [ & ] { table.write( HostRec::of( 16, 1 ) ); } ),
               "Lumen table full (occupancy:16 tableSize:16) /lumen/capped" );
    EXPECT_EQ( table.count(), 16u );
@@ -284,9 +280,7 @@ TEST( LumenWriter, TakeoverSizesTheCopyByLiveSlotsNotByTheCount ) {
    {
       Lumen::Writer< HostRec > writer( HostRec{}, { 64, 1u << 20, 64 } );
       writer.attach( "/lumen/lagging" );
-      for ( uint32_t n = 0; n < 129; ++n ) {
-         writer.write( HostRec::of( n, n ) );
-      }
+      fill( writer, 129 );
    }
    editFile( root.file( fmt::format( "lumen.lagging@{}", generationOf( root, "lumen.lagging" ) ) ),
              []( uint8_t* p, size_t ) {
@@ -305,9 +299,7 @@ TEST( LumenWriter, OpenTablesKeepTheirRootWhenItChanges ) {
    writer.attach( "/lumen/moving" );
    Lumen::Reader< HostRec > reader( "/lumen/moving" );
    LumenRoot second;
-   for ( uint32_t n = 0; n < 300; ++n ) {   // grows through new generations
-      writer.write( HostRec::of( n, n ) );
-   }
+   fill( writer, 300 );   // grows through new generations
    EXPECT_EQ( reader.lookupShared( MacKey::of( 299 ) ), HostRec::of( 299, 299 ) );
    EXPECT_TRUE( std::filesystem::is_empty( second.dir() ) );
    Lumen::Writer< HostRec > other;
