@@ -17,6 +17,8 @@
 // plant files in it or create tables of their own.
 #pragma once
 
+#include "tests/support/ChildProcess.h"
+
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -26,7 +28,6 @@
 #include <grp.h>
 #include <sys/stat.h>
 #include <sys/types.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 class OtherUser {
@@ -61,20 +62,7 @@ class OtherUser {
 
    // Runs `body` as this user in a forked child and waits for it.
    int run( const std::function< int () >& body ) const {
-      pid_t pid = ::fork();
-      if ( pid == 0 ) {
-         if ( !become() ) {
-            ::_exit( switchFailed );
-         }
-         try {
-            ::_exit( body() );
-         } catch ( ... ) {
-            ::_exit( 98 );
-         }
-      }
-      int status = 0;
-      ::waitpid( pid, &status, 0 );
-      return WIFEXITED( status ) ? WEXITSTATUS( status ) : 128 + WTERMSIG( status );
+      return waitChild( startChild( [ & ] { return become() ? body() : switchFailed; } ) );
    }
 
    uid_t uid() const { return uid_; }

@@ -1,12 +1,9 @@
 // A writer table in a child, a reader here: each change is one notification, read back new. Waits are bounded.
 #include "tests/orbevpn/exchange/ExchangeTestSupport.h"
+#include "tests/support/ChildProcess.h"
 
-#include <poll.h>
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -57,11 +54,10 @@ TYPED_TEST( ExchangeCrossProcess, AReaderHereSeesEveryChangeOfAWriterInAChild ) 
    ::signal( SIGPIPE, SIG_IGN );
    int up[ 2 ], down[ 2 ];
    ASSERT_EQ( ::pipe( up ) | ::pipe( down ), 0 );
-   const pid_t pid = ::fork();
-   if ( pid == 0 ) {
+   const pid_t pid = startChild( [ & ] {   // leaves with _exit: no destructors, no gtest output
       ::close( up[ 0 ] ), ::close( down[ 1 ] );
-      ::_exit( writerChild< S >( down[ 0 ], up[ 1 ] ) );   // no destructors, no gtest output
-   }
+      return writerChild< S >( down[ 0 ], up[ 1 ] );
+   } );
    ASSERT_GT( pid, 0 );
    ::close( up[ 1 ] ), ::close( down[ 0 ] );
    struct Reap {
@@ -93,24 +89,14 @@ TYPED_TEST( ExchangeCrossProcess, AReaderHereSeesEveryChangeOfAWriterInAChild ) 
    };
    const Counts before = counts< S >();
 
-   auto dispatchUntil = [ & ]( auto done, int timeoutMs = 5000 ) {
-      const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds( timeoutMs );
-      while ( !done() && std::chrono::steady_clock::now() < deadline ) {
-         pollfd p{ t->fd(), POLLIN, 0 };
-         ::poll( &p, 1, 10 );
-         t->dispatch();
-      }
-      return done();
-   };
    // Sends a command, waits for it to be done, then for `n` notifications; returns them.
    auto stepSeen = [ & ]( Command c, size_t n ) {
       char ack = 0;
       EXPECT_EQ( ::write( down[ 1 ], &c, sizeof c ), ssize_t( sizeof c ) );
-      pollfd p{ up[ 0 ], POLLIN, 0 };
-      EXPECT_TRUE( ::poll( &p, 1, 5000 ) > 0 && ::read( up[ 0 ], &ack, 1 ) == 1 && ack == c.op )
+      EXPECT_TRUE( readable( up[ 0 ], 5000 ) && ::read( up[ 0 ], &ack, 1 ) == 1 && ack == c.op )
          << "the writer did not do " << c.op;
       const size_t from = seen.size();
-      EXPECT_TRUE( dispatchUntil( [ & ] { return seen.size() >= from + n; } ) )
+      EXPECT_TRUE( dispatchUntil( *t, [ & ] { return seen.size() >= from + n; } ) )
          << "saw " << seen.size() - from << " of " << n << " notifications";
       return std::vector< Seen >( seen.begin() + long( from ), seen.end() );
    };
@@ -119,7 +105,7 @@ TYPED_TEST( ExchangeCrossProcess, AReaderHereSeesEveryChangeOfAWriterInAChild ) 
       EXPECT_THAT( stepSeen( c, want.size() ), UnorderedElementsAreArray( want ) );
    };
    step( { 'a' }, {} );
-   ASSERT_TRUE( dispatchUntil( [ & ] { return control->mountStatus() == Lumen::MountStatus::mounted; } ) )
+   ASSERT_TRUE( dispatchUntil( *t, [ & ] { return control->mountStatus() == Lumen::MountStatus::mounted; } ) )
       << Lumen::mountStatusName( control->mountStatus() );
    // Meeting a writer means a full rescan, framed by quiesce on and off.
    EXPECT_TRUE( !quiesced.empty() && quiesced.front() && !quiesced.back() && !control->quiesced() );
@@ -146,14 +132,12 @@ TYPED_TEST( ExchangeCrossProcess, AReaderHereSeesEveryChangeOfAWriterInAChild ) 
    // What the writer leaves behind stays readable after it is gone.
    step( { 'w', 4 }, { { S::key( 4 ), true, S::entry( 4 ), 1 } } );
    step( { 'q' }, {} );
-   EXPECT_TRUE( dispatchUntil( [ & ] { return control->mountStatus() == Lumen::MountStatus::writerGone; } ) )
+   EXPECT_TRUE( dispatchUntil( *t, [ & ] { return control->mountStatus() == Lumen::MountStatus::writerGone; } ) )
       << Lumen::mountStatusName( control->mountStatus() );
    EXPECT_EQ( S::get( *t, S::key( 4 ) ), S::entry( 4 ) );
-   int status = -1;
-   EXPECT_EQ( ::waitpid( std::exchange( child.pid, 0 ), &status, 0 ), pid );
-   EXPECT_TRUE( WIFEXITED( status ) && WEXITSTATUS( status ) == 0 ) << status;
+   EXPECT_EQ( waitChild( std::exchange( child.pid, 0 ) ), 0 );
    // No late or repeated deliveries; the reader counts only what it delivered.
-   dispatchUntil( [] { return false; }, 300 );
+   dispatchUntil( *t, [] { return false; }, 300 );
    const uint64_t told = rewriteChanges ? 8 : 7;
    EXPECT_EQ( seen.size(), told );
    EXPECT_EQ( counts< S >( before ), ( Counts{ 0, 0, told } ) );

@@ -1,12 +1,8 @@
 // HostTable and FloodTable in one process (a full table is not covered: too large to fill here).
-#include "platform/lumen/internal/Format.h"
 #include "tests/orbevpn/exchange/ExchangeTestSupport.h"
+#include "tests/platform/lumen/LumenTestSupport.h"
 #include "tests/support/LeakCheck.h"
 #include "tests/support/TraceCapture.h"
-
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -39,19 +35,12 @@ TYPED_TEST_SUITE( ExchangeTableTest, Sides );
 
 // Sets every slot word of the current data segment to all ones: each slot reads as left mid-update.
 void scribbleOverSlots( const LumenRoot& root, const std::string& flat ) {
-   uint64_t gen = 0;
-   const int cfd = ::open( root.file( flat ).c_str(), O_RDONLY );
-   ASSERT_EQ( ::pread( cfd, &gen, 8, offsetof( Lumen::internal::ControlHeader, generation ) ), 8 );
-   ::close( cfd );
-   const int fd = ::open( root.file( flat + "@" + std::to_string( gen ) ).c_str(), O_RDWR );
-   const off_t end = ::lseek( fd, 0, SEEK_END );
-   const size_t header = sizeof( Lumen::internal::DataHeader ), size = size_t( end );
-   ASSERT_GT( end, off_t( header ) );
-   void* p = ::mmap( nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0 );
-   ASSERT_NE( p, MAP_FAILED );
-   std::memset( static_cast< uint8_t* >( p ) + header, 0xff, size - header );
-   ::munmap( p, size );
-   ::close( fd );
+   const std::string data = fmt::format( "{}@{}", flat, LumenTest::generationOf( root, flat ) );
+   LumenTest::editFile( root.file( data ), []( uint8_t* p, size_t size ) {
+      const size_t header = sizeof( Lumen::internal::DataHeader );
+      ASSERT_GT( size, header );
+      std::memset( p + header, 0xff, size - header );
+   } );
 }
 
 }  // namespace

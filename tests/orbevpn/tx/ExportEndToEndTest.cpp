@@ -1,11 +1,10 @@
 // Export as the EVPN agent's reader-role tables see it: one change's road, and start-up over leftover state.
 #include "orbevpn/rx/OrbEvpnRxSm.h"
 #include "tests/orbevpn/tx/TxTestSupport.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/LumenRoot.h"
 
 #include <poll.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <functional>
@@ -81,21 +80,19 @@ TEST_F( Export, TheRoadOfOneChange ) {
 }
 
 TEST_F( Export, StartUpOverStateAnotherProcessLeftInSharedMemory ) {
-   const pid_t pid = ::fork();
-   if ( pid == 0 ) {   // an earlier exporter, which dies holding its tables
-      attach();
-      for ( uint32_t v : { 10u, 30u } ) {
-         brIds->brIdListIs( brId( v ), true );
-         floods->floodEntryIs( FloodEntry( flood( v, vtepA ) ) );
-      }
-      floods->floodEntryIs( FloodEntry( flood( 10, vtepB ) ) );   // no longer listed: swept
-      hosts->hostIs( host( mac1, 10, vtepA, 1 ) );   // still learnt: kept, updated
-      hosts->hostIs( host( mac2, 10, vtepB, 1 ) );   // forgotten: swept
-      hosts->hostIs( host( mac1, 30, vtepA, 1 ) );   // vanished VNI: swept
-      ::_exit( 0 );
-   }
-   int status = -1;
-   ASSERT_TRUE( pid > 0 && ::waitpid( pid, &status, 0 ) == pid && WIFEXITED( status ) && WEXITSTATUS( status ) == 0 );
+   ASSERT_EQ( waitChild( startChild( [ & ] {   // an earlier exporter, which dies holding its tables
+                 attach();
+                 for ( uint32_t v : { 10u, 30u } ) {
+                    brIds->brIdListIs( brId( v ), true );
+                    floods->floodEntryIs( FloodEntry( flood( v, vtepA ) ) );
+                 }
+                 floods->floodEntryIs( FloodEntry( flood( 10, vtepB ) ) );   // no longer listed: swept
+                 hosts->hostIs( host( mac1, 10, vtepA, 1 ) );   // still learnt: kept, updated
+                 hosts->hostIs( host( mac2, 10, vtepB, 1 ) );   // forgotten: swept
+                 hosts->hostIs( host( mac1, 30, vtepA, 1 ) );   // vanished VNI: swept
+                 return 0;
+              } ) ),
+              0 );
    attach();   // the new writers take the leftovers over
    ASSERT_EQ( hostList().size(), 3u );
    auto s = addVni( 10 );

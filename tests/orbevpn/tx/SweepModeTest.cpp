@@ -4,10 +4,8 @@
 // the same trace lines, and the index always lists exactly the records the walk finds.
 #include "orbevpn/tx/SweepMode.h"
 #include "tests/orbevpn/tx/TxTestSupport.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/LumenRoot.h"
-
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <map>
 #include <random>
@@ -88,22 +86,19 @@ class Scenario : public TxFixture {
       for ( auto& h : hs ) h = randomHost();
       std::vector< VniVtepPair > fs( 30 );
       for ( auto& f : fs ) f = randomFlood();
-      const pid_t pid = ::fork();
-      if ( pid == 0 ) {
-         top->entityPtrIs( dir );
-         dir->entityPtrIs( hosts ), dir->entityPtrIs( floods ), dir->entityPtrIs( brIds );
-         hosts->hostKeysOfVni( Vni( 1 ) );   // its own index, which dies with it
-         for ( const Host& h : hs ) {
-            hosts->hostIs( h );
-            brIds->brIdListIs( brId( h.key().vni().value() ), true );
-         }
-         for ( const VniVtepPair& f : fs ) floods->floodEntryIs( FloodEntry( f ) );
-         for ( size_t i = 0; i < hs.size(); i += 7 ) hosts->hostDel( hs[ i ].key() );
-         ::_exit( 0 );
-      }
-      int status = -1;
-      ASSERT_TRUE( pid > 0 && ::waitpid( pid, &status, 0 ) == pid && WIFEXITED( status ) &&
-                   WEXITSTATUS( status ) == 0 );
+      ASSERT_EQ( waitChild( startChild( [ & ] {
+                    top->entityPtrIs( dir );
+                    dir->entityPtrIs( hosts ), dir->entityPtrIs( floods ), dir->entityPtrIs( brIds );
+                    hosts->hostKeysOfVni( Vni( 1 ) );   // its own index, which dies with it
+                    for ( const Host& h : hs ) {
+                       hosts->hostIs( h );
+                       brIds->brIdListIs( brId( h.key().vni().value() ), true );
+                    }
+                    for ( const VniVtepPair& f : fs ) floods->floodEntryIs( FloodEntry( f ) );
+                    for ( size_t i = 0; i < hs.size(); i += 7 ) hosts->hostDel( hs[ i ].key() );
+                    return 0;
+                 } ) ),
+                 0 );
    }
 
    // Before attaching, in process memory: merged into the shared tables at the takeover, after an index

@@ -1,17 +1,16 @@
 // Shared pieces of the Lumen tests: records that can tell a torn copy from a
-// whole one, a forked-child runner and raw access to a table's files.
+// whole one and raw access to a table's files (forked children: ChildProcess.h).
 #pragma once
 
 #include "platform/lumen/Table.h"
 #include "platform/lumen/internal/Wake.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/LumenRoot.h"
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -140,63 +139,6 @@ void editFile( const std::string& name, Edit edit ) {
    ASSERT_NE( p, MAP_FAILED ) << name;
    edit( static_cast< uint8_t* >( p ), size );
    ::munmap( p, size );
-}
-
-// Runs `body` in a forked child; waitChild() gives its exit code (or 128 + signal).
-inline pid_t startChild( const std::function< int () >& body ) {
-   pid_t pid = ::fork();
-   if ( pid == 0 ) {
-      try {
-         ::_exit( body() );
-      } catch ( ... ) {
-         ::_exit( 98 );
-      }
-   }
-   return pid;
-}
-
-inline int waitChild( pid_t pid ) {
-   int status = 0;
-   ::waitpid( pid, &status, 0 );
-   return WIFEXITED( status ) ? WEXITSTATUS( status ) : 128 + WTERMSIG( status );
-}
-
-inline bool readable( int fd, int timeoutMs ) {
-   pollfd p{ fd, POLLIN, 0 };
-   return ::poll( &p, 1, timeoutMs ) == 1;
-}
-
-// A one-way signal to or from forked children; wait() gives up after 30 s.
-struct Pipe {
-   int fds[ 2 ];
-   Pipe() { EXPECT_EQ( ::pipe( fds ), 0 ); }
-   ~Pipe() { ::close( fds[ 0 ] ), ::close( fds[ 1 ] ); }
-   Pipe( const Pipe& ) = delete;
-   Pipe& operator=( const Pipe& ) = delete;
-   void signal() { EXPECT_EQ( ::write( fds[ 1 ], "x", 1 ), 1 ); }
-   bool wait() {
-      char c;
-      return readable( fds[ 0 ], 30000 ) && ::read( fds[ 0 ], &c, 1 ) == 1;
-   }
-};
-
-// Polls `done` every millisecond for up to `ms`.
-template< class Done >
-bool waitFor( Done done, int ms = 5000 ) {
-   for ( int i = 0; i < ms && !done(); ++i ) {
-      ::usleep( 1000 );
-   }
-   return done();
-}
-
-// Polls the reader's fd and dispatches until `done` or about five seconds.
-template< class R, class Done >
-bool dispatchUntil( Lumen::Reader< R >& reader, Done done ) {
-   for ( int waited = 0; !done() && waited < 5000; waited += 10 ) {
-      readable( reader.fd(), 10 );
-      reader.dispatch();
-   }
-   return done();
 }
 
 // An int-sized value shared with forked children; release with munmap.

@@ -42,23 +42,15 @@ TEST( LumenReadOnlyMappingDeathTest, AWriteThroughAReadersMappingFaults ) {
    LumenRoot root;
    // The writer in a child, so that every mapping of the table in this
    // process is the reader's.
-   int ready[ 2 ], done[ 2 ];
-   ASSERT_EQ( ::pipe( ready ), 0 );
-   ASSERT_EQ( ::pipe( done ), 0 );
-   const pid_t writer = ::fork();
-   if ( writer == 0 ) {
-      {
-         Lumen::Writer< HostRec > w;
-         w.attach( "/lumen/readonly" );
-         for ( uint32_t n = 0; n < 100; ++n ) w.write( HostRec::of( n, 1 ) );
-         char c = 'r';
-         (void)!::write( ready[ 1 ], &c, 1 );
-         (void)!::read( done[ 0 ], &c, 1 );
-      }
-      ::_exit( 0 );
-   }
-   char c;
-   ASSERT_EQ( ::read( ready[ 0 ], &c, 1 ), 1 );
+   Pipe ready, done;
+   const pid_t writer = startChild( [ & ] {
+      Lumen::Writer< HostRec > w;
+      w.attach( "/lumen/readonly" );
+      fill( w, 100, 1 );
+      ready.signal();
+      return done.wait() ? 0 : 1;
+   } );
+   ASSERT_TRUE( ready.wait() );
    {
       Lumen::Reader< HostRec > reader( "/lumen/readonly" );
       ASSERT_EQ( reader.lookupShared( MacKey::of( 7 ) ), HostRec::of( 7, 1 ) );
@@ -85,9 +77,6 @@ TEST( LumenReadOnlyMappingDeathTest, AWriteThroughAReadersMappingFaults ) {
       EXPECT_TRUE( sawData );
       EXPECT_EQ( reader.lookupShared( MacKey::of( 7 ) ), HostRec::of( 7, 1 ) );
    }
-   ASSERT_EQ( ::write( done[ 1 ], "x", 1 ), 1 );
-   int status = 0;
-   ASSERT_EQ( ::waitpid( writer, &status, 0 ), writer );
-   EXPECT_EQ( status, 0 );
-   for ( int fd : { ready[ 0 ], ready[ 1 ], done[ 0 ], done[ 1 ] } ) ::close( fd );
+   done.signal();
+   EXPECT_EQ( waitChild( writer ), 0 );
 }

@@ -3,6 +3,7 @@
 // writer; notifications, refusals and the local (unattached) behaviour.
 #include "platform/model/OrbBrIdList.h"
 #include "platform/mox/Dir.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/LeakCheck.h"
 #include "tests/support/LumenRoot.h"
 #include "tests/support/NotifieeRecorder.h"
@@ -10,11 +11,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <poll.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
 #include <map>
 #include <set>
 
@@ -34,37 +30,21 @@ std::set< uint32_t > vnisOf( const OrbBrIdList& l ) {
    return s;
 }
 
-// Dispatches `l` until `done` holds or five seconds pass.
-template< class F >
-bool dispatchUntil( OrbBrIdList& l, F done ) {
-   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds( 5 );
-   while ( !done() && std::chrono::steady_clock::now() < deadline ) {
-      pollfd p{ l.fd(), POLLIN, 0 };
-      ::poll( &p, 1, 10 );
-      l.dispatch();
-   }
-   return done();
-}
-
 TEST( OrbBrIdList, AListLeftByAWriterInAnotherProcessIsReadAndTakenOver ) {
    LumenRoot root;
    LeakCheck leaks;
    // The child writes and dies without detaching, as a crashed agent would.
-   const pid_t pid = ::fork();
-   if ( pid == 0 ) {
-      auto top = Mox::Dir::DirIs( "lists" );
-      auto list = OrbBrIdList::OrbBrIdListIs( "brIdList" );
-      top->entityPtrIs( list );
-      for ( uint32_t v : { 5u, 7u, 9u } ) {
-         list->brIdListIs( BridgeId( Vni( v ) ), true );
-      }
-      list->brIdListDel( BridgeId( Vni( 9 ) ) );
-      ::_exit( list->path() == "lists/brIdList" ? 0 : 1 );
-   }
-   ASSERT_GT( pid, 0 );
-   int status = -1;
-   ASSERT_EQ( ::waitpid( pid, &status, 0 ), pid );
-   ASSERT_TRUE( WIFEXITED( status ) && WEXITSTATUS( status ) == 0 ) << status;
+   ASSERT_EQ( waitChild( startChild( [] {
+                 auto top = Mox::Dir::DirIs( "lists" );
+                 auto list = OrbBrIdList::OrbBrIdListIs( "brIdList" );
+                 top->entityPtrIs( list );
+                 for ( uint32_t v : { 5u, 7u, 9u } ) {
+                    list->brIdListIs( BridgeId( Vni( v ) ), true );
+                 }
+                 list->brIdListDel( BridgeId( Vni( 9 ) ) );
+                 return list->path() == "lists/brIdList" ? 0 : 1;
+              } ) ),
+              0 );
 
    auto reader = OrbBrIdList::OrbBrIdListReaderIs( "brIdList", "/lists/brIdList" );
    EXPECT_EQ( reader->role(), OrbEvpn::BrIdListRole::reader );

@@ -79,8 +79,8 @@ TEST_F( LumenTool, LsListsEveryTableWithItsTypeCountAndWriter ) {
    floods.write( flood( 11, 9 ) );
 
    // A writer that is killed: its table stays, its writer shows as gone.
-   LumenTest::Pipe ready;
-   pid_t dead = LumenTest::startChild( [ & ] {
+   Pipe ready;
+   pid_t dead = startChild( [ & ] {
       Lumen::Writer< OrbEvpn::BrIdListRecord > ids;
       ids.attach( "/t/brIdList" );
       ids.write( OrbEvpn::BrIdListRecord( Bridging::BridgeId( Vxlan::Vni( 10 ) ), true ) );
@@ -90,7 +90,7 @@ TEST_F( LumenTool, LsListsEveryTableWithItsTypeCountAndWriter ) {
    } );
    ASSERT_TRUE( ready.wait() );
    ::kill( dead, SIGKILL );
-   EXPECT_EQ( LumenTest::waitChild( dead ), 128 + SIGKILL );
+   EXPECT_EQ( waitChild( dead ), 128 + SIGKILL );
 
    // What is not a table is left out: a stranger's file, a socket.
    std::ofstream( root.file( "stranger.file" ) ) << "not a table";
