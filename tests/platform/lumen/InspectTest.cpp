@@ -44,7 +44,7 @@ TEST_F( LumenInspect, ReportsWhatTheWriterMadeAndWhetherItLives ) {
    EXPECT_EQ( census->headerCount, 9u );
    EXPECT_EQ( census->live + census->tombstones + census->empty, census->slotCount );
 
-   // A killed writer's table is covered through the lumen tool's ls.
+   // Detached, the writer is gone (killed while attached: LumenTool.LsListsEveryTableWithItsTypeCountAndWriter).
    writer.detach();
    info = Lumen::inspect( "/lumen/hosts" );
    EXPECT_FALSE( info->writerAlive );
