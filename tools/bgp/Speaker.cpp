@@ -102,6 +102,11 @@ Speaker::~Speaker() {
    daemon_.stop();
 }
 
+pid_t Speaker::handOver() {
+   client_.reset();
+   return daemon_.release();
+}
+
 // A daemon that keeps dying is not restarted for ever.
 void Speaker::startDaemon() {
    auto now = Clock::now();

@@ -97,6 +97,11 @@ class Speaker {
    // Milliseconds until step() has timed work (at most retryMs).
    int msUntilDue( Clock::time_point now ) const;
 
+   // Lets gobgpd go on with its sessions and our routes after us, for the
+   // next run to adopt (Daemon.h); returns its pid (-1 if none ran). The
+   // speaker does nothing more after it.
+   pid_t handOver();
+
    const SpeakerStats& stats() const { return stats_; }
    size_t advertised() const { return advertisedHosts_.size() + advertisedFlood_.size(); }
    size_t refusedNow() const { return refusedHosts_.size(); }

@@ -2,22 +2,30 @@
 // gobgpd child that it configures over gRPC on a private Unix socket.
 //
 // One thread: poll() over the table readers, the route-event queue, the
-// child's pidfd and a signalfd. SIGINT and SIGTERM end the loop; the child
-// is then stopped and the tables are left as they are (the capability
-// included), for the next run to take over. Killed instead, it leaves the
-// child running with its sessions, and the next run takes that over.
+// child's pidfd and a signalfd. SIGINT and SIGTERM end the loop and hand
+// the child over: it goes on with its sessions and our routes, and the
+// next run over the same state directory takes it over and reconciles, so
+// that a restart withdraws nothing; the keeper forked at the start
+// (Keeper.h) stops it if no run has taken it over within the handover
+// window. A killed run leaves it the same way. With a window of 0, SIGINT
+// and SIGTERM stop the child at once, withdrawing our routes. The tables
+// are left as they are (the capability included), for the next run.
+#include "tools/bgp/Keeper.h"
 #include "tools/bgp/Speaker.h"
 
 #include "platform/lumen/Options.h"
 
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <optional>
 #include <poll.h>
 #include <sys/signalfd.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
@@ -76,8 +84,9 @@ int main( int argc, char** argv ) {
    app.add_option( "--gobgpd", options.daemon.program, "the gobgpd program" )
       ->default_val( options.daemon.program );
    app.add_option( "--state-dir", options.daemon.stateDir,
-                   "folder for the API socket (in a 0700 subfolder), the RD index, gobgpd.log and gobgpd.pid "
-                   "(a gobgpd a killed run left is taken over from there)" )
+                   "folder for the API socket (in a 0700 subfolder), the RD index, gobgpd.log, gobgpd.pid and "
+                   "the lock that lets one run at a time use it (the gobgpd an earlier run left is taken over "
+                   "from there)" )
       ->default_val( options.daemon.stateDir );
    app.add_option( "--listen-port", options.listenPort, "BGP port to listen on (0: do not listen)" )
       ->default_val( options.listenPort )
@@ -87,6 +96,12 @@ int main( int argc, char** argv ) {
    app.add_option( "--restart-time", options.restartTime, "graceful restart time announced to peers, seconds" )
       ->default_val( options.restartTime )
       ->check( CLI::Range( 1u, 4095u ) );
+   std::optional< uint32_t > handoverSeconds;
+   app.add_option( "--handover-seconds", handoverSeconds,
+                   "after SIGTERM or SIGINT (or a kill), how long gobgpd goes on with its sessions and our routes "
+                   "for the next run over the same --state-dir to take over before it is stopped (default: "
+                   "--restart-time; 0: stop it at once, withdrawing our routes)" )
+      ->check( CLI::Range( 0u, 86400u ) );
    app.add_option( "--import-hold-ms", options.importHoldMs,
                    "after a (re)start, keep imported entries this long for peers to confirm them" )
       ->default_val( options.importHoldMs );
@@ -100,6 +115,28 @@ int main( int argc, char** argv ) {
    } catch ( const std::exception& e ) {
       std::cerr << "orbevpn-bgp: " << e.what() << "\n";
       return 2;
+   }
+
+   // Forked before any thread and any descriptor of the speaker's: the
+   // keeper holds nothing a successor needs.
+   std::chrono::milliseconds window( uint64_t( handoverSeconds.value_or( options.restartTime ) ) * 1000 );
+   try {
+      options.daemon.ownerToken = OrbEvpn::Bgp::newOwnerToken();
+      int self = int( ::syscall( SYS_pidfd_open, ::getpid(), 0 ) );
+      if ( self < 0 ) {
+         throw std::runtime_error( std::string( "pidfd_open: " ) + std::strerror( errno ) );
+      }
+      OrbEvpn::Bgp::KeeperOptions k;
+      k.stateDir = options.daemon.stateDir;
+      k.program = options.daemon.program;
+      k.ownerToken = options.daemon.ownerToken;
+      k.ownerPidFd = self;
+      k.window = window;
+      OrbEvpn::Bgp::spawnKeeper( k );
+      ::close( self );
+   } catch ( const std::exception& e ) {
+      std::cerr << "orbevpn-bgp: cannot start the keeper: " << e.what() << "\n";
+      return 1;
    }
 
    int sfd = signalFd();
@@ -120,6 +157,7 @@ int main( int argc, char** argv ) {
    }
 
    int rc = 0;
+   bool handOver = false;   // on an error the daemon stops with us
    for ( ;; ) {
       std::vector< pollfd > pfds{ { sfd, POLLIN, 0 } };
       for ( int fd : speaker->fds() ) {
@@ -133,6 +171,7 @@ int main( int argc, char** argv ) {
          break;
       }
       if ( n > 0 && ( pfds[ 0 ].revents & POLLIN ) ) {
+         handOver = window.count() > 0;
          break;
       }
       try {
@@ -147,6 +186,14 @@ int main( int argc, char** argv ) {
    std::cerr << "orbevpn-bgp: " << s.routesAdded << " routes added, " << s.routesWithdrawn << " withdrawn, "
              << s.refused << " refused, " << s.importEvents << " route events (" << s.importIgnored
              << " ignored), " << s.daemonRestarts << " daemon restarts\n";
+   if ( handOver ) {
+      pid_t pid = speaker->handOver();
+      if ( pid > 0 ) {
+         std::cerr << "orbevpn-bgp: leaving gobgpd " << pid << " with its sessions and routes to the next run over "
+                   << options.daemon.stateDir << "; it is stopped if none takes it over within "
+                   << window.count() / 1000 << " s\n";
+      }
+   }
    speaker.reset();
    ::close( sfd );
    return rc;

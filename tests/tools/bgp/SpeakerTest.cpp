@@ -6,6 +6,7 @@
 #include "tools/bgp/GobgpPaths.h"
 #include "tools/common/Boundary.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -175,6 +176,33 @@ TEST_F( SpeakerTest, NextRunTakesOverTheDaemonOfAKilledOne ) {
       ADD_FAILURE() << "the first run's gobgpd outlived the second run";
       ::kill( firstDaemon, SIGKILL );
    }
+}
+
+// SIGTERM (a restart) hands the daemon over instead of stopping it: the
+// next run adopts it with every route in place, withdrawing none.
+TEST_F( SpeakerTest, HandedOverDaemonGoesToTheNextRunWithItsRoutes ) {
+   agent.list( 100 );
+   for ( uint32_t i = 0; i < 20; ++i ) agent.host.write( hostOf( 100, i, 1 ) );
+   agent.flood.write( FloodEntry( VniVtepPair( Vxlan::Vni( 100 ), Wire::IpAddr::fromOctets( 198, 18, 0, 1 ) ) ) );
+   pid_t daemon = -1;
+   {
+      Speaker first( options(), log );
+      ASSERT_TRUE( stepUntil( first, [ & ] { return first.advertised() == 21; } ) ) << log.str();
+      daemon = first.handOver();
+      first.step();   // nothing left to do, and nothing fails
+   }
+   ASSERT_GT( daemon, 1 );
+   ASSERT_TRUE( running( daemon ) ) << "the handed-over gobgpd did not outlive its run";
+   {
+      Speaker second( options(), log );
+      EXPECT_NE( log.str().find( fmt::format( "adopting the running gobgpd {}", daemon ) ), std::string::npos )
+         << log.str();
+      EXPECT_TRUE( stepUntil( second, [ & ] { return second.advertised() == 21; } ) ) << log.str();
+      EXPECT_EQ( second.stats().routesAdded, 0u );
+      EXPECT_EQ( second.stats().routesWithdrawn, 0u );
+   }
+   EXPECT_FALSE( running( daemon ) ) << "the second run did not stop the daemon it took over";
+   ::waitpid( daemon, nullptr, 0 );   // our child: the first run forked it
 }
 
 }  // namespace
