@@ -438,12 +438,12 @@ class OurStack:
         self.feed = EventFeed()
         self.runs = 0
 
-    def start_bgp(self):
+    def start_bgp(self, extra_args=()):
         self.runs += 1
         cmd = [self.bgp_bin, "--asn", str(OURS_ASN), "--router-id", OURS_ADDR,
                "--neighbor", "%s,%d" % (FRR_ADDR, FRR_ASN), "--rt-scheme", "asn:vni",
                "--root", self.root, "--gobgpd", self.gobgpd, "--state-dir", self.state,
-               "--log-level", "info"] + self.extra_bgp_args
+               "--log-level", "info"] + self.extra_bgp_args + list(extra_args)
         self.bgp = self.lab.start("orbevpn-bgp-%d" % self.runs, cmd, self.lab.ns_ours)
         return self.bgp
 
