@@ -177,6 +177,10 @@ void Speaker::reconcileRib() {
    ++stats_.reconciles;
    advertisedHosts_.clear();
    advertisedFlood_.clear();
+   pendingHosts_.clear();
+   pendingMacs_.clear();
+   pendingFlood_.clear();
+   std::vector< apipb::Path > foreign;
    for ( const apipb::Path& p : client_->localEvpnPaths() ) {
       auto lp = learntOf( p );
       bool kept = false;
@@ -188,9 +192,13 @@ void Speaker::reconcileRib() {
          kept = advertisedFlood_.emplace( k, *lp->flood ).second;
       }
       if ( !kept ) {
-         client_->deletePath( p );   // not one of ours as we make them
-         ++stats_.routesWithdrawn;
+         foreign.push_back( withdrawalOf( p ) );   // not one of ours as we make them
       }
+   }
+   for ( size_t i = 0; i < foreign.size(); i += options_.addBatch ) {
+      size_t n = std::min( options_.addBatch, foreign.size() - i );
+      sendPaths( std::vector< apipb::Path >( foreign.begin() + long( i ), foreign.begin() + long( i + n ) ) );
+      stats_.routesWithdrawn += n;
    }
    markAllDirty();
    syncExport();
@@ -349,6 +357,7 @@ void Speaker::syncExport() {
       syncFlood( k );
       dirtyFlood_.erase( dirtyFlood_.begin() );
    }
+   flushFlood();
    rdIndex_.flush();
 }
 
@@ -362,41 +371,61 @@ void Speaker::syncHost( const MacVniPair& k ) {
    if ( !want ) {
       refusedHosts_.erase( k );
       if ( have != advertisedHosts_.end() ) {
-         client_->deletePath( pathOf( have->second ) );
-         advertisedHosts_.erase( have );
-         ++stats_.routesWithdrawn;
+         queueHost( k, std::nullopt );
       }
       return;
    }
    if ( have != advertisedHosts_.end() && have->second == *want ) {
       return;
    }
-   pendingHosts_.emplace_back( k, *want );
+   queueHost( k, *want );
+}
+
+void Speaker::queueHost( const MacVniPair& k, const std::optional< MacRoute >& want ) {
+   pendingHosts_.emplace_back( k, want );
    pendingMacs_.insert( k.macAddr() );
    if ( pendingHosts_.size() >= options_.addBatch ) {
       flushHosts();
    }
 }
 
+apipb::Path Speaker::hostPathOf( const MacVniPair& k, const std::optional< MacRoute >& want ) const {
+   return want ? pathOf( *want ) : withdrawalOf( pathOf( advertisedHosts_.at( k ) ) );
+}
+
+void Speaker::hostSent( const MacVniPair& k, const std::optional< MacRoute >& want ) {
+   if ( want ) {
+      refusedHosts_.erase( k );
+      advertisedHosts_[ k ] = *want;
+      ++stats_.routesAdded;
+   } else {
+      advertisedHosts_.erase( k );
+      ++stats_.routesWithdrawn;
+   }
+}
+
+void Speaker::sendPaths( const std::vector< apipb::Path >& paths ) {
+   ++stats_.pathMessages;
+   client_->sendPaths( paths );
+}
+
 void Speaker::flushHosts() {
    if ( pendingHosts_.empty() ) {
       return;
    }
-   std::vector< std::pair< MacVniPair, MacRoute > > batch;
+   std::vector< std::pair< MacVniPair, std::optional< MacRoute > > > batch;
    batch.swap( pendingHosts_ );
    pendingMacs_.clear();
    if ( batch.size() > 1 ) {
       std::vector< apipb::Path > paths;
       paths.reserve( batch.size() );
       for ( const auto& [ k, want ] : batch ) {
-         paths.push_back( pathOf( want ) );
+         paths.push_back( hostPathOf( k, want ) );
       }
       try {
-         client_->addPaths( paths );
+         sendPaths( paths );
          for ( const auto& [ k, want ] : batch ) {
-            refusedHosts_.erase( k );
-            advertisedHosts_[ k ] = want;
-            ++stats_.routesAdded;
+            hostSent( k, want );
          }
          return;
       } catch ( const GobgpError& e ) {
@@ -407,30 +436,32 @@ void Speaker::flushHosts() {
       }
    }
    for ( const auto& [ k, want ] : batch ) {
-      addHost( k, want );
+      if ( want ) {
+         addHost( k, *want );
+      } else {
+         sendPaths( { hostPathOf( k, want ) } );
+         hostSent( k, want );
+      }
    }
 }
 
 // One route alone, handling gobgpd's MAC-mobility refusal.
-void Speaker::addHost( const MacVniPair& k, const MacRoute& wantRoute ) {
-   std::optional< MacRoute > want = wantRoute;
-   auto have = advertisedHosts_.find( k );
+void Speaker::addHost( const MacVniPair& k, const MacRoute& want ) {
    try {
-      client_->addPath( pathOf( *want ) );
+      sendPaths( { pathOf( want ) } );
    } catch ( const GobgpError& e ) {
       std::string what = e.what();
       if ( what.find( "MAC mobility" ) == std::string::npos ) {
          throw;
       }
       bool retried = false;
-      if ( have != advertisedHosts_.end() && have->second.sequence > want->sequence ) {
+      auto have = advertisedHosts_.find( k );
+      if ( have != advertisedHosts_.end() && have->second.sequence > want.sequence ) {
          // Our own earlier route is what blocks a lower sequence number.
-         client_->deletePath( pathOf( have->second ) );
-         advertisedHosts_.erase( have );
-         have = advertisedHosts_.end();
-         ++stats_.routesWithdrawn;
+         sendPaths( { hostPathOf( k, std::nullopt ) } );
+         hostSent( k, std::nullopt );
          try {
-            client_->addPath( pathOf( *want ) );
+            sendPaths( { pathOf( want ) } );
             retried = true;
          } catch ( const GobgpError& ) {
          }
@@ -448,9 +479,7 @@ void Speaker::addHost( const MacVniPair& k, const MacRoute& wantRoute ) {
          return;
       }
    }
-   refusedHosts_.erase( k );
-   advertisedHosts_[ k ] = *want;
-   ++stats_.routesAdded;
+   hostSent( k, want );
 }
 
 void Speaker::syncFlood( const VniVtepPair& k ) {
@@ -458,18 +487,37 @@ void Speaker::syncFlood( const VniVtepPair& k ) {
    auto have = advertisedFlood_.find( k );
    if ( !want ) {
       if ( have != advertisedFlood_.end() ) {
-         client_->deletePath( pathOf( have->second ) );
-         advertisedFlood_.erase( have );
+         pendingFlood_.emplace_back( k, std::nullopt );
+      }
+   } else if ( have == advertisedFlood_.end() || !( have->second == *want ) ) {
+      pendingFlood_.emplace_back( k, *want );
+   }
+   if ( pendingFlood_.size() >= options_.addBatch ) {
+      flushFlood();
+   }
+}
+
+void Speaker::flushFlood() {
+   if ( pendingFlood_.empty() ) {
+      return;
+   }
+   std::vector< std::pair< VniVtepPair, std::optional< FloodRoute > > > batch;
+   batch.swap( pendingFlood_ );
+   std::vector< apipb::Path > paths;
+   paths.reserve( batch.size() );
+   for ( const auto& [ k, want ] : batch ) {
+      paths.push_back( want ? pathOf( *want ) : withdrawalOf( pathOf( advertisedFlood_.at( k ) ) ) );
+   }
+   sendPaths( paths );
+   for ( const auto& [ k, want ] : batch ) {
+      if ( want ) {
+         advertisedFlood_[ k ] = *want;
+         ++stats_.routesAdded;
+      } else {
+         advertisedFlood_.erase( k );
          ++stats_.routesWithdrawn;
       }
-      return;
    }
-   if ( have != advertisedFlood_.end() && have->second == *want ) {
-      return;
-   }
-   client_->addPath( pathOf( *want ) );
-   advertisedFlood_[ k ] = *want;
-   ++stats_.routesAdded;
 }
 
 void Speaker::takeImport() {

@@ -13,7 +13,9 @@ with advertise-all-vni over a VXLAN device in a bridge. The checks:
      becomes FRR's remote VTEP);
   2. a MAC added on FRR's bridge reaches our import mirror (VniStatusV2);
   3. FRR's own type-3 route reaches our import flood list;
-  4. a MAC move with a higher sequence number wins on both sides;
+  4. a MAC move with a higher sequence number wins on both sides, and a MAC
+     the controller forgets after it moved to FRR has our route withdrawn
+     (gobgpd would refuse that below FRR's sequence number);
   5. killing (SIGKILL) and restarting orbevpn-agent, then orbevpn-bgp, leaves
      FRR with the same routes, and withdraws none meanwhile (orbevpn-bgp's
      gobgpd outlives it and is taken over by the next one);
@@ -47,6 +49,7 @@ VTEP1, VTEP2, VTEP3 = "198.18.0.11", "198.18.0.12", "198.18.0.13"
 M_LEARNT = "02:00:00:00:01:01"    # learnt by the controller, then moved by it
 M_FRR = "02:00:00:00:02:02"       # added on FRR's bridge
 M_MOVER = "02:00:00:00:03:03"     # learnt by the controller, moves to FRR, moves back
+M_GONE = "02:00:00:00:04:04"      # learnt by the controller, moves to FRR, forgotten by the controller
 
 
 class CheckFailed(Exception):
@@ -174,6 +177,25 @@ def run_ours(args, lab, say):
     c.expect("%s gone from our import once FRR withdrew it" % M_MOVER,
              lambda: (M_MOVER not in stack.imported(VNI)[0], stack.imported(VNI)[0]))
     c.done("a MAC move with a higher sequence number wins on both sides")
+
+    # Moved to FRR, then forgotten by the controller: our route goes,
+    # although FRR's for the MAC has a higher sequence number, and without
+    # a restart of gobgpd (which drops the session).
+    stack.feed.send({"op": "mac", "vni": VNI, "mac": M_GONE, "vtep": VTEP1, "seqNo": 1})
+    c.expect("%s in FRR (VTEP %s, seq 1)" % (M_GONE, VTEP1), c.frr_mac_is(M_GONE, VTEP1, 1))
+    lab.frr_fdb_add(VNI, M_GONE, "dynamic", verb="replace")
+    c.expect("%s behind %s in our import" % (M_GONE, L.FRR_ADDR),
+             lambda: (stack.imported(VNI)[0].get(M_GONE, (None,))[0] == L.FRR_ADDR, stack.imported(VNI)[0]))
+    stack.feed.send({"op": "macDel", "vni": VNI, "mac": M_GONE})
+
+    def our_routes_for(mac):
+        return sorted(r for r in lab.frr_evpn_routes() if mac in r[1])
+    c.expect("our route for %s withdrawn at FRR" % M_GONE, lambda: (not our_routes_for(M_GONE), our_routes_for(M_GONE)))
+    if "restarting it" in stack.bgp.log_tail():
+        raise CheckFailed("orbevpn-bgp restarted gobgpd\n%s" % stack.bgp.log_tail())
+    c.expect("%s still local in FRR" % M_GONE,
+             lambda: (lab.frr_macs(VNI).get(M_GONE, {}).get("type") == "local", lab.frr_macs(VNI).get(M_GONE)))
+    c.done("a MAC forgotten after it moved to FRR has our route withdrawn, below FRR's sequence number")
     c.show("FRR: show evpn mac vni %d" % VNI, lab.vtysh("show evpn mac vni %d" % VNI))
 
     # 5. restarts

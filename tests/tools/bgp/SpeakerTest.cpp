@@ -3,6 +3,7 @@
 #include "tools/bgp/Speaker.h"
 
 #include "tests/support/LumenRoot.h"
+#include "tools/bgp/GobgpClient.h"
 #include "tools/bgp/GobgpPaths.h"
 #include "tools/common/Boundary.h"
 
@@ -13,6 +14,8 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <set>
 #include <poll.h>
 #include <sstream>
 #include <sys/wait.h>
@@ -134,6 +137,75 @@ TEST_F( SpeakerTest, MacMobilityHoldsAcrossBatches ) {
    agent.host.remove( MacVniPair( hostOf( 100, 7, 5 ).macAddr(), Vxlan::Vni( 100 ) ) );
    EXPECT_TRUE( stepUntil( s, [ & ] { return s.refusedNow() == 0 && s.advertised() == 40; } ) )
       << s.refusedNow() << " refused, " << s.advertised() << " advertised\n" << log.str();
+}
+
+// gobgpd checks a withdrawal's MAC Mobility sequence number as it does an
+// advertisement's: withdrawing a MAC's route below the sequence number of
+// its route in another VNI (as when a host moved there) was refused, and the
+// refusal restarted the daemon, dropping every session.
+TEST_F( SpeakerTest, RouteIsWithdrawnBelowAHigherSequenceNumberOfItsMac ) {
+   agent.list( 100 );
+   agent.list( 200 );
+   agent.host.write( hostOf( 100, 7, 3 ) );
+   Speaker s( options(), log );
+   ASSERT_TRUE( stepUntil( s, [ & ] { return s.advertised() == 1; } ) ) << log.str();
+   agent.host.write( hostOf( 200, 7, 5 ) );   // moved to VNI 200, above 3
+   ASSERT_TRUE( stepUntil( s, [ & ] { return s.stats().routesAdded == 2; } ) ) << log.str();
+   agent.host.remove( MacVniPair( hostOf( 100, 7, 3 ).macAddr(), Vxlan::Vni( 100 ) ) );
+   EXPECT_TRUE( stepUntil( s, [ & ] { return s.stats().routesWithdrawn == 1; } ) ) << log.str();
+   EXPECT_EQ( s.advertised(), 1u );
+   EXPECT_EQ( s.stats().daemonRestarts, 0u ) << log.str();
+   GobgpClient c( Daemon::socketPathIn( options().daemon.stateDir ) );
+   auto rib = c.localEvpnPaths();
+   ASSERT_EQ( rib.size(), 1u );
+   auto lp = learntOf( rib[ 0 ] );
+   ASSERT_TRUE( lp && lp->mac );
+   EXPECT_EQ( lp->mac->label, 200u );
+}
+
+// Withdrawals travel in the same AddPathStream messages as routes, in
+// order: a pass that removes some hosts and changes others sends a few
+// messages, not one per withdrawal, and leaves gobgpd with what is wanted.
+TEST_F( SpeakerTest, WithdrawalsGoInBatchesWithRoutes ) {
+   agent.list( 100 );
+   for ( uint32_t i = 0; i < 40; ++i ) agent.host.write( hostOf( 100, i, 1 ) );
+   for ( uint8_t v = 1; v <= 20; ++v ) {
+      agent.flood.write( FloodEntry( VniVtepPair( Vxlan::Vni( 100 ), Wire::IpAddr::fromOctets( 198, 18, 0, v ) ) ) );
+   }
+   Speaker s( options(), log );
+   ASSERT_TRUE( stepUntil( s, [ & ] { return s.advertised() == 60; } ) ) << log.str();
+   uint64_t messages = s.stats().pathMessages;
+   for ( uint32_t i = 0; i < 20; ++i ) {
+      agent.host.remove( MacVniPair( hostOf( 100, i, 1 ).macAddr(), Vxlan::Vni( 100 ) ) );
+   }
+   for ( uint32_t i = 20; i < 30; ++i ) agent.host.write( hostOf( 100, i, 2 ) );
+   for ( uint8_t v = 1; v <= 20; v += 2 ) {
+      agent.flood.remove( VniVtepPair( Vxlan::Vni( 100 ), Wire::IpAddr::fromOctets( 198, 18, 0, v ) ) );
+   }
+   ASSERT_TRUE( stepUntil( s, [ & ] { return s.stats().routesWithdrawn == 30 && s.stats().routesAdded == 70; } ) )
+      << s.stats().routesWithdrawn << " withdrawn, " << s.stats().routesAdded << " added\n" << log.str();
+   // 30 type-2 changes in batches of 16, 10 type-3 withdrawals in one.
+   EXPECT_LE( s.stats().pathMessages - messages, 3u );
+   EXPECT_EQ( s.stats().daemonRestarts, 0u );
+
+   GobgpClient c( Daemon::socketPathIn( options().daemon.stateDir ) );
+   std::map< uint32_t, uint32_t > seqOf;   // host index -> sequence number
+   std::set< uint8_t > vteps;
+   for ( const auto& p : c.localEvpnPaths() ) {
+      auto lp = learntOf( p );
+      ASSERT_TRUE( lp );
+      if ( lp->mac ) {
+         seqOf[ lp->mac->mac.bytes()[ 5 ] ] = lp->mac->sequence.value_or( 0 );
+      } else if ( lp->flood ) {
+         vteps.insert( uint8_t( lp->flood->originator.value() & 0xff ) );
+      }
+   }
+   std::map< uint32_t, uint32_t > wantSeq;
+   for ( uint32_t i = 20; i < 40; ++i ) wantSeq[ i ] = i < 30 ? 2 : 1;
+   EXPECT_EQ( seqOf, wantSeq );
+   std::set< uint8_t > wantVteps;
+   for ( uint8_t v = 2; v <= 20; v += 2 ) wantVteps.insert( v );
+   EXPECT_EQ( vteps, wantVteps );
 }
 
 // A killed orbevpn-bgp leaves its gobgpd running, with its sessions and our
