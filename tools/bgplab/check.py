@@ -22,7 +22,9 @@ with advertise-all-vni over a VXLAN device in a bridge. The checks:
   6. stopping orbevpn-bgp with SIGTERM (a restart) and starting it again does
      the same: it hands its gobgpd over instead of stopping it;
   7. SIGTERM with no successor: FRR keeps our routes for the handover window,
-     then they are withdrawn, and neither gobgpd nor its keeper is left.
+     then they are withdrawn, and neither gobgpd nor its keeper is left;
+  8. (between 5 and 6) FRR's bgpd killed and restarted: every route is back
+     both ways afterwards.
 
 --plain checks the lab itself against a bare gobgpd: routes added with the
 gobgp CLI reach FRR's tables and kernel FDB, FRR's routes reach gobgpd's RIB.
@@ -271,6 +273,28 @@ def run_ours(args, lab, say):
              lambda: (stack.imported(VNI)[0].get(M_FRR, (None,))[0] == L.FRR_ADDR
                       and L.FRR_ADDR in stack.imported(VNI)[1], stack.imported(VNI)))
     c.done("our import holds FRR's MAC and VTEP again after the restarts")
+
+    # FRR's bgpd killed (its session just drops) and started again: every
+    # route is back both ways. gobgpd 3.10, as the graceful-restart helper
+    # of a peer that held type-2 routes, dies on a nil pointer in its
+    # MAC-mobility check when the session drops; orbevpn-bgp restarts it,
+    # and its import hold keeps what FRR had sent meanwhile.
+    restarts = stack.bgp.log_tail(400).count("restarting it and reconciling")
+    t0 = time.monotonic()
+    lab.kill_bgpd()
+    time.sleep(2)
+    lab.start_bgpd()
+    L.wait_for("the BGP session after FRR's restart", lambda: lab.frr_session_up(), args.timeout,
+               period=0.3, procs=[stack.bgp, lab.bgpd])
+    c.expect("FRR's routes from us after its restart", unchanged, timeout=args.timeout)
+    c.expect("FRR's MAC and VTEP in our import after its restart",
+             lambda: (stack.imported(VNI)[0].get(M_FRR, (None,))[0] == L.FRR_ADDR
+                      and L.FRR_ADDR in stack.imported(VNI)[1], stack.imported(VNI)))
+    helper_died = stack.bgp.log_tail(400).count("restarting it and reconciling") > restarts
+    say("  gobgpd %s" % ("died when FRR's session dropped, and was restarted" if helper_died
+                         else "survived the drop of FRR's session"))
+    c.done("FRR's bgpd killed and restarted: FRR has our routes and we have FRR's again, %.1f s after the kill"
+           % (time.monotonic() - t0))
 
     # orbevpn-bgp stopped with SIGTERM, as `systemctl restart` does, and
     # started again: it hands its gobgpd over instead of stopping it, so FRR
