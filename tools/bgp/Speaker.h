@@ -42,7 +42,7 @@
 #include "tools/bgp/GobgpClient.h"
 #include "tools/bgp/ImportSelection.h"
 #include "tools/bgp/RdIndex.h"
-#include "tools/common/BoundaryRecords.h"
+#include "tools/common/EvpnSide.h"
 
 #include <chrono>
 #include <map>
@@ -126,7 +126,6 @@ class Speaker {
    std::optional< MacRoute > wantHost( const MacVniPair& k );
    std::optional< FloodRoute > wantFlood( const VniVtepPair& k );
    std::optional< RouteDistinguisher > rdOf( uint32_t vni );
-   bool advertisable( uint32_t vni ) const;
    void takeImport();
    void applyImport( const ImportSelection::Touched& t );
    void endImportHold();
@@ -137,13 +136,7 @@ class Speaker {
    Wire::IpAddr routerId_;
    RdIndex rdIndex_;
 
-   Lumen::Writer< Host > hostOut_;
-   Lumen::Writer< FloodEntry > floodOut_;
-   Lumen::Writer< EvpnCapabilityRecord > capabilityOut_;
-   std::unique_ptr< Lumen::Reader< Host > > exportHost_;
-   std::unique_ptr< Lumen::Reader< FloodEntry > > exportFlood_;
-   std::unique_ptr< Lumen::Reader< BrIdListRecord > > brIdList_;
-   std::unique_ptr< Lumen::Reader< OrbEvpnConfigRecord > > config_;
+   Boundary::EvpnSideTables tables_;
 
    Daemon daemon_;
    std::unique_ptr< GobgpClient > client_;

@@ -13,7 +13,7 @@
 #include "tools/bgp/Keeper.h"
 #include "tools/bgp/Speaker.h"
 
-#include "platform/lumen/Options.h"
+#include "tools/common/ProgramOptions.h"
 
 #include <CLI/CLI.hpp>
 
@@ -29,16 +29,6 @@
 #include <unistd.h>
 
 namespace {
-
-int signalFd() {
-   sigset_t set;
-   sigemptyset( &set );
-   sigaddset( &set, SIGINT );
-   sigaddset( &set, SIGTERM );
-   // Blocked before any thread starts, so every thread inherits it.
-   pthread_sigmask( SIG_BLOCK, &set, nullptr );
-   return signalfd( -1, &set, SFD_CLOEXEC | SFD_NONBLOCK );
-}
 
 OrbEvpn::Bgp::NeighborConfig neighborOf( const std::string& text ) {
    auto comma = text.find( ',' );
@@ -71,7 +61,7 @@ int main( int argc, char** argv ) {
    OrbEvpn::Bgp::SpeakerOptions options;
    std::vector< std::string > neighbors;
    std::string rtScheme = "auto";
-   std::string root;
+   OrbEvpn::Boundary::TableOptions tables;
    options.daemon.stateDir = "/run/orbevpn-bgp";
    app.add_option( "--asn", options.asn, "local AS number" )->required()->check( CLI::Range( 1u, 0xFFFFFFFFu ) );
    app.add_option( "--router-id", options.routerId, "BGP router id (IPv4), also the RD's administrator" )
@@ -79,8 +69,7 @@ int main( int argc, char** argv ) {
    app.add_option( "--neighbor", neighbors, "a BGP peer, ADDR,AS (repeatable)" );
    app.add_option( "--rt-scheme", rtScheme, "route targets per VNI: auto (AS low 16 bits:VNI) or asn:vni" )
       ->default_val( rtScheme );
-   app.add_option( "--prefix", options.prefix, "table path prefix" )->default_val( options.prefix );
-   app.add_option( "--root", root, "Lumen root folder (default: ORBEVPN_LUMEN_ROOT or /dev/shm)" );
+   OrbEvpn::Boundary::addTableOptions( app, tables );
    app.add_option( "--gobgpd", options.daemon.program, "the gobgpd program" )
       ->default_val( options.daemon.program );
    app.add_option( "--state-dir", options.daemon.stateDir,
@@ -107,6 +96,7 @@ int main( int argc, char** argv ) {
       ->default_val( options.importHoldMs );
    CLI11_PARSE( app, argc, argv );
 
+   options.prefix = tables.prefix;
    try {
       options.rtScheme = OrbEvpn::Bgp::rtSchemeOf( rtScheme );
       for ( const auto& n : neighbors ) {
@@ -139,14 +129,12 @@ int main( int argc, char** argv ) {
       return 1;
    }
 
-   int sfd = signalFd();
+   int sfd = OrbEvpn::Boundary::stopSignalFd();
    if ( sfd < 0 ) {
       std::perror( "orbevpn-bgp: signalfd" );
       return 1;
    }
-   if ( !root.empty() ) {
-      Lumen::rootIs( root );
-   }
+   OrbEvpn::Boundary::useTableOptions( tables );
 
    std::optional< OrbEvpn::Bgp::Speaker > speaker;
    try {

@@ -3,6 +3,7 @@
 #include "tools/bgp/Speaker.h"
 
 #include "tests/support/LumenRoot.h"
+#include "tests/tools/common/AgentTables.h"
 #include "tools/bgp/GobgpClient.h"
 #include "tools/bgp/GobgpPaths.h"
 #include "tools/common/Boundary.h"
@@ -24,12 +25,11 @@
 namespace {
 
 namespace B = OrbEvpn::Boundary;
-using OrbEvpn::BrIdListRecord;
 using OrbEvpn::FloodEntry;
 using OrbEvpn::Host;
 using OrbEvpn::MacVniPair;
-using OrbEvpn::OrbEvpnConfigRecord;
 using OrbEvpn::VniVtepPair;
+using OrbEvpn::Testing::AgentTables;
 using namespace OrbEvpn::Bgp;
 
 const std::string prefix = "/orbevpn";
@@ -41,25 +41,6 @@ Host hostOf( uint32_t vni, uint32_t i, uint32_t seq, uint8_t vtep = 1 ) {
    h.seqNoIs( Keel::Seqno32( seq ) );
    return h;
 }
-
-class AgentTables {
- public:
-   AgentTables() {
-      host.attach( B::pathOf( prefix, B::exportHost ) );
-      flood.attach( B::pathOf( prefix, B::exportFlood ) );
-      brIds.attach( B::pathOf( prefix, B::brIdList ) );
-      config.attach( B::pathOf( prefix, B::config ) );
-      OrbEvpnConfigRecord r;
-      r.orbEvpnIntegrationMode = true;
-      config.write( r );
-   }
-   void list( uint32_t vni ) { brIds.write( BrIdListRecord( Bridging::BridgeId( Vxlan::Vni( vni ) ), true ) ); }
-
-   Lumen::Writer< Host > host;
-   Lumen::Writer< FloodEntry > flood;
-   Lumen::Writer< BrIdListRecord > brIds;
-   Lumen::Writer< OrbEvpnConfigRecord > config;
-};
 
 // Running, not merely unreaped (an orphan waits for whoever reaps it).
 bool running( pid_t pid ) {
@@ -89,6 +70,7 @@ class SpeakerTest : public ::testing::Test {
       if ( ::access( gobgpd, X_OK ) != 0 ) {
          GTEST_SKIP() << gobgpd << " is not installed (package gobgpd)";
       }
+      agent.flag( true );
       char tmpl[] = "/tmp/orbevpn-bgp-test-XXXXXX";
       ASSERT_NE( ::mkdtemp( tmpl ), nullptr );
       stateDir = tmpl;
