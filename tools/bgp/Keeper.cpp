@@ -74,7 +74,12 @@ bool waitExited( std::vector< int >& fds, std::chrono::milliseconds limit ) {
 std::string pidsText( const std::vector< int >& fds ) {
    std::string out;
    for ( int fd : fds ) {
-      out += ( out.empty() ? "" : " " ) + std::to_string( pidOfPidFd( fd ) );
+      // Appended piece by piece: GCC 12 at -O3 takes "literal + string" here
+      // for an overlapping copy.
+      if ( !out.empty() ) {
+         out.append( " " );
+      }
+      out.append( std::to_string( pidOfPidFd( fd ) ) );
    }
    return out;
 }
