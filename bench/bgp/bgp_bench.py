@@ -21,6 +21,10 @@ per VNI), in a fresh lab:
           with microsecond timestamps); and until `show evpn mac` (zebra's
           EVPN table, polled through vtysh, a coarse figure) shows the new
           sequence number, on every 10th sample.
+  withdraw the controller forgets all N hosts at once: the time from the
+          first event sent until gobgpd's RIB holds none of their routes
+          and until FRR's bgpd holds none from us but the VNIs' type-3s;
+          withdrawals per second = N over those times.
 Prints one line per size:
   bgp hosts=N vnis=V load_export_s=.. load_gobgp_s=.. load_frr_s=.. gobgp_routes_per_s=..
       frr_routes_per_s=.. latency_fdb_p50_ms=.. latency_fdb_p99_ms=.. ...
@@ -241,9 +245,33 @@ def one_size(args, n, say, res):
                     "latency_fdb_p50_ms": percentile(fdb_ms, 50), "latency_fdb_p99_ms": percentile(fdb_ms, 99),
                     "latency_rib_poll_p50_ms": percentile(rib_ms, 50),
                     "latency_rib_poll_p99_ms": percentile(rib_ms, 99), "rib_samples": len(rib_ms)})
+        withdraw(args, lab, stack, api, hosts, say, res)
         for p in (stack.agent, stack.bgp):
             p.stop()
         return res
+
+
+def withdraw(args, lab, stack, api, hosts, say, res):
+    n = len(hosts)
+    period = max(0.25, min(2.0, n / 50000.0))
+    # Every host has its own destination in gobgpd's RIB and one prefix
+    # received by FRR: both counts drop by N.
+    rib_before = gobgp_local_type2(lab, api) if api else -1
+    frr_before = frr_received(lab)
+    t0 = time.monotonic()
+    stack.feed.send(*({"op": "macDel", "vni": v, "mac": mac} for v, mac in hosts))
+    t_gobgp = None
+    if api:
+        t_gobgp = poll_until("%d routes withdrawn from gobgpd's RIB" % n,
+                             lambda: gobgp_local_type2(lab, api) <= rib_before - n, args.load_timeout, period)
+        res["withdraw_gobgp_s"] = t_gobgp - t0
+        res["gobgp_withdrawals_per_s"] = n / (t_gobgp - t0)
+    t_frr = poll_until("%d routes withdrawn at FRR" % n, lambda: frr_received(lab) <= frr_before - n,
+                       args.load_timeout, period)
+    res["withdraw_frr_s"] = t_frr - t0
+    res["frr_withdrawals_per_s"] = n / (t_frr - t0)
+    say("bgp: %d hosts withdrawn: gobgpd %s, FRR %.2f s" % (
+        n, "%.2f s" % (t_gobgp - t0) if t_gobgp else "n/a", t_frr - t0))
 
 
 def bgpd_receipts(log, sent_wall):

@@ -40,18 +40,30 @@ Daemon::Daemon( DaemonOptions options ) : options_( std::move( options ) ) {
    makePrivateDir( options_.stateDir );
    socketDir_ = options_.stateDir + "/api";
    makePrivateDir( socketDir_ );
-   socketPath_ = socketDir_ + "/gobgpd.sock";
+   socketPath_ = socketPathIn( options_.stateDir );
+   if ( options_.ownerToken == 0 ) {
+      options_.ownerToken = newOwnerToken();
+   }
+   lock_ = InstanceLock::take( options_.stateDir, options_.lockWait );
+   if ( !lock_ ) {
+      throw std::runtime_error( fmt::format( "another orbevpn-bgp runs over {} (it holds {}/lock)",
+                                             options_.stateDir, options_.stateDir ) );
+   }
 }
 
 Daemon::~Daemon() { stop(); }
 
+std::string Daemon::socketPathIn( const std::string& stateDir ) { return stateDir + "/api/gobgpd.sock"; }
+
+std::string Daemon::pidPathIn( const std::string& stateDir ) { return stateDir + "/gobgpd.pid"; }
+
 std::string Daemon::logPath() const { return options_.stateDir + "/gobgpd.log"; }
 
-std::string Daemon::pidPath() const { return options_.stateDir + "/gobgpd.pid"; }
+std::string Daemon::pidPath() const { return pidPathIn( options_.stateDir ); }
 
 namespace {
 
-// The daemon's command line, NUL-separated arguments as one string each.
+// A process's command line, NUL-separated arguments as one string each.
 std::vector< std::string > cmdlineOf( pid_t pid ) {
    std::ifstream in( fmt::format( "/proc/{}/cmdline", pid ), std::ios::binary );
    std::vector< std::string > out;
@@ -62,12 +74,84 @@ std::vector< std::string > cmdlineOf( pid_t pid ) {
    return out;
 }
 
-bool exitedNow( int pidFd ) {
+int pidfdOpen( pid_t pid ) { return int( ::syscall( SYS_pidfd_open, pid, 0 ) ); }
+
+}  // namespace
+
+bool pidFdExited( int pidFd ) {
    pollfd p{ pidFd, POLLIN, 0 };
    return ::poll( &p, 1, 0 ) > 0;
 }
 
+pid_t pidOfPidFd( int pidFd ) {
+   std::ifstream in( fmt::format( "/proc/self/fdinfo/{}", pidFd ) );
+   std::string line;
+   while ( std::getline( in, line ) ) {
+      if ( line.rfind( "Pid:", 0 ) == 0 ) {
+         return pid_t( std::stol( line.substr( 4 ) ) );
+      }
+   }
+   return -1;
+}
+
+namespace {
+
+// A pidfd on `pid` if it is a process of our user with its API on
+// `socketPath` (its program in `program`); -1 otherwise. A pid reused by
+// some other process must not be taken for ours: read after the pidfd is
+// open and before it shows an exit, the command line and owner describe
+// the pidfd's process.
+int openOnSocket( pid_t pid, const std::string& socketPath, std::string& program ) {
+   if ( pid <= 1 ) {
+      return -1;
+   }
+   int fd = pidfdOpen( pid );
+   if ( fd < 0 ) {
+      return -1;
+   }
+   auto args = cmdlineOf( pid );
+   bool onOurSocket = std::find( args.begin(), args.end(), "--api-hosts=unix://" + socketPath ) != args.end();
+   struct stat st{};
+   if ( !onOurSocket || ::stat( fmt::format( "/proc/{}", pid ).c_str(), &st ) != 0 || st.st_uid != ::geteuid() ||
+        pidFdExited( fd ) ) {
+      ::close( fd );
+      return -1;
+   }
+   program = args[ 0 ];
+   return fd;
+}
+
 }  // namespace
+
+int openGobgpd( pid_t pid, const std::string& program, const std::string& socketPath ) {
+   std::string running;
+   int fd = openOnSocket( pid, socketPath, running );
+   if ( fd >= 0 && running != program ) {
+      ::close( fd );
+      return -1;
+   }
+   return fd;
+}
+
+std::vector< int > findGobgpds( const std::string& program, const std::string& socketPath ) {
+   std::vector< int > out;
+   std::error_code ec;
+   for ( const auto& e : std::filesystem::directory_iterator( "/proc", ec ) ) {
+      const std::string name = e.path().filename().string();
+      if ( name.empty() || name.find_first_not_of( "0123456789" ) != std::string::npos ) {
+         continue;
+      }
+      pid_t pid = pid_t( std::stol( name ) );
+      if ( pid == ::getpid() ) {
+         continue;
+      }
+      int fd = openGobgpd( pid, program, socketPath );
+      if ( fd >= 0 ) {
+         out.push_back( fd );
+      }
+   }
+   return out;
+}
 
 bool Daemon::adopt() {
    if ( pid_ > 0 ) {
@@ -78,31 +162,22 @@ bool Daemon::adopt() {
    if ( !( in >> pid ) || pid <= 1 ) {
       return false;
    }
-   // A pid reused by some other process must not be taken for ours: it has
-   // to be a gobgpd serving our socket, and owned by us.
-   auto args = cmdlineOf( pid_t( pid ) );
-   bool ours = std::find( args.begin(), args.end(), "--api-hosts=unix://" + socketPath_ ) != args.end();
-   struct stat st{};
-   if ( !ours || ::stat( fmt::format( "/proc/{}", pid ).c_str(), &st ) != 0 || st.st_uid != ::geteuid() ) {
-      return false;
-   }
-   if ( args[ 0 ] != options_.program ) {
-      // Ours, but another program than we are told to run: it goes, or it
-      // would hold the BGP port against the one we start.
-      ::kill( pid_t( pid ), SIGKILL );
-      return false;
-   }
-   int fd = int( ::syscall( SYS_pidfd_open, pid_t( pid ), 0 ) );
+   std::string running;
+   int fd = openOnSocket( pid_t( pid ), socketPath_, running );
    if ( fd < 0 ) {
       return false;
    }
-   if ( exitedNow( fd ) ) {
+   if ( running != options_.program ) {
+      // Ours, but another program than we are told to run: it goes, or it
+      // would hold the BGP port against the one we start.
+      ::syscall( SYS_pidfd_send_signal, fd, SIGKILL, nullptr, 0 );
       ::close( fd );
       return false;
    }
    pid_ = pid_t( pid );
    pidFd_ = fd;
    adopted_ = true;
+   claimDaemon( options_.stateDir, options_.ownerToken );
    return true;
 }
 
@@ -154,17 +229,22 @@ void Daemon::start() {
       out << pid << "\n";
    }
    std::filesystem::rename( tmp, pidPath() );
+   claimDaemon( options_.stateDir, options_.ownerToken );
 }
 
 void Daemon::stop() {
    if ( pid_ <= 0 ) {
       return;
    }
-   ::kill( pid_, SIGKILL );
+   if ( pidFd_ >= 0 ) {
+      ::syscall( SYS_pidfd_send_signal, pidFd_, SIGKILL, nullptr, 0 );
+   } else {
+      ::kill( pid_, SIGKILL );   // our unreaped child: its pid is not reused
+   }
    if ( adopted_ ) {
       // Not our child: its end shows on the pidfd (a SIGKILL is not
       // refused; the wait is bounded all the same).
-      for ( int i = 0; i < 100 && pidFd_ >= 0 && !exitedNow( pidFd_ ); ++i ) {
+      for ( int i = 0; i < 100 && pidFd_ >= 0 && !pidFdExited( pidFd_ ); ++i ) {
          ::usleep( 20000 );
       }
    } else {
@@ -181,13 +261,24 @@ void Daemon::stop() {
    }
 }
 
+pid_t Daemon::release() {
+   pid_t pid = pid_;
+   pid_ = -1;
+   adopted_ = false;
+   if ( pidFd_ >= 0 ) {
+      ::close( pidFd_ );
+      pidFd_ = -1;
+   }
+   return pid;
+}
+
 bool Daemon::reapIfExited( int* status ) {
    if ( pid_ <= 0 ) {
       return false;
    }
    int st = 0;
    if ( adopted_ ) {
-      if ( pidFd_ < 0 || !exitedNow( pidFd_ ) ) {
+      if ( pidFd_ < 0 || !pidFdExited( pidFd_ ) ) {
          return false;
       }
       adopted_ = false;

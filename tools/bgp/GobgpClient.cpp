@@ -147,16 +147,7 @@ void GobgpClient::addPeer( const NeighborConfig& n, const GlobalConfig& g ) {
    check( stub_->AddPeer( c.get(), req, &resp ), "AddPeer" );
 }
 
-void GobgpClient::addPath( const apipb::Path& p ) {
-   apipb::AddPathRequest req;
-   req.set_table_type( apipb::GLOBAL );
-   *req.mutable_path() = p;
-   apipb::AddPathResponse resp;
-   auto c = context( callTimeout );
-   check( stub_->AddPath( c.get(), req, &resp ), "AddPath" );
-}
-
-void GobgpClient::addPaths( const std::vector< apipb::Path >& paths ) {
+void GobgpClient::sendPaths( const std::vector< apipb::Path >& paths ) {
    if ( paths.empty() ) {
       return;
    }
@@ -173,16 +164,6 @@ void GobgpClient::addPaths( const std::vector< apipb::Path >& paths ) {
    writer->Write( req );   // a refusal shows in Finish()
    writer->WritesDone();
    check( writer->Finish(), "AddPathStream" );
-}
-
-void GobgpClient::deletePath( const apipb::Path& p ) {
-   apipb::DeletePathRequest req;
-   req.set_table_type( apipb::GLOBAL );
-   *req.mutable_family() = p.family();
-   *req.mutable_path() = p;
-   google::protobuf::Empty resp;
-   auto c = context( callTimeout );
-   check( stub_->DeletePath( c.get(), req, &resp ), "DeletePath" );
 }
 
 std::vector< apipb::Path > GobgpClient::localEvpnPaths() {

@@ -61,11 +61,12 @@ class GobgpClient {
    std::vector< std::string > peerAddresses();
    void deletePeer( const std::string& address );
    void addPeer( const NeighborConfig& n, const GlobalConfig& g );
-   void addPath( const apipb::Path& p );
-   // Adds them all in one AddPathStream message: the daemon checks them all
-   // before it takes any, so on an error (a refusal of one) none is added.
-   void addPaths( const std::vector< apipb::Path >& paths );
-   void deletePath( const apipb::Path& p );
+   // Sends them all, advertisements and withdrawals (is_withdraw), in one
+   // AddPathStream message, applied in their order: the daemon checks them
+   // all before it takes any, so on an error (a refusal of one) none is
+   // taken. (Never AddPath: the daemon keeps a UUID for each route added
+   // that way, which a withdrawal through the stream leaves behind.)
+   void sendPaths( const std::vector< apipb::Path >& paths );
    // Every EVPN path this daemon originated (added through the API).
    std::vector< apipb::Path > localEvpnPaths();
 

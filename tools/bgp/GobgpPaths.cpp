@@ -194,6 +194,25 @@ apipb::Path pathOf( const FloodRoute& r ) {
    return p;
 }
 
+apipb::Path withdrawalOf( const apipb::Path& p ) {
+   apipb::Path w = p;
+   w.set_is_withdraw( true );
+   for ( auto& a : *w.mutable_pattrs() ) {
+      apipb::ExtendedCommunitiesAttribute ext;
+      if ( !a.UnpackTo( &ext ) ) {
+         continue;
+      }
+      apipb::ExtendedCommunitiesAttribute kept;
+      for ( const auto& c : ext.communities() ) {
+         if ( !c.Is< apipb::MacMobilityExtended >() ) {
+            *kept.add_communities() = c;
+         }
+      }
+      a.PackFrom( kept );
+   }
+   return w;
+}
+
 std::optional< LearntPath > learntOf( const apipb::Path& p ) {
    if ( p.family().afi() != apipb::Family::AFI_L2VPN || p.family().safi() != apipb::Family::SAFI_EVPN ) {
       return std::nullopt;

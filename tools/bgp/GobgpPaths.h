@@ -28,6 +28,12 @@ apipb::Family evpnFamily();
 
 apipb::Path pathOf( const MacRoute& r );
 apipb::Path pathOf( const FloodRoute& r );
+// The withdrawal of a path: the same NLRI, flagged is_withdraw. It carries
+// no MAC Mobility community: gobgpd checks a withdrawal's sequence number
+// as it does an advertisement's and refuses one at or below that of
+// another route for the MAC, which is just when a host that moved away
+// has its route withdrawn here.
+apipb::Path withdrawalOf( const apipb::Path& p );
 
 // A path as this system sees it.
 struct LearntPath {

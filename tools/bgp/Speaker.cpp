@@ -1,7 +1,6 @@
 #include "tools/bgp/Speaker.h"
 
 #include "tools/bgp/GobgpPaths.h"
-#include "tools/common/Boundary.h"
 
 #include <fmt/format.h>
 
@@ -10,11 +9,7 @@
 
 namespace OrbEvpn::Bgp {
 
-namespace B = OrbEvpn::Boundary;
-
 namespace {
-
-bool vacantHost( const Host& h ) { return h == Host(); }
 
 std::string hostText( const Host& h ) {
    return fmt::format( "{} vni {} vtep {} seq {}", macText( h.macAddr() ), h.vni().value(), ipText( h.vtepAddr() ),
@@ -27,52 +22,43 @@ Speaker::Speaker( SpeakerOptions options, std::ostream& log )
       : options_( std::move( options ) ),
         log_( log ),
         rdIndex_( options_.daemon.stateDir.empty() ? std::string() : options_.daemon.stateDir + "/rd-index" ),
+        tables_( options_.prefix, [ this ]( const std::string& line ) { log_ << "orbevpn-bgp: " << line << "\n"; } ),
         daemon_( options_.daemon ) {
-   B::checkPrefix( options_.prefix );
    auto rid = parseIp( options_.routerId );
    if ( !rid ) {
       throw std::invalid_argument( fmt::format( "bad router id \"{}\"", options_.routerId ) );
    }
    routerId_ = *rid;
-   const std::string& p = options_.prefix;
-   hostOut_.attach( B::pathOf( p, B::evpnHost ) );
-   floodOut_.attach( B::pathOf( p, B::evpnFlood ) );
-   capabilityOut_.attach( B::pathOf( p, B::evpnCapability ) );
-
-   exportHost_ = std::make_unique< Lumen::Reader< Host > >( B::pathOf( p, B::exportHost ), Host(), &vacantHost );
-   exportFlood_ = std::make_unique< Lumen::Reader< FloodEntry > >( B::pathOf( p, B::exportFlood ) );
-   brIdList_ = std::make_unique< Lumen::Reader< BrIdListRecord > >( B::pathOf( p, B::brIdList ) );
-   config_ = std::make_unique< Lumen::Reader< OrbEvpnConfigRecord > >( B::pathOf( p, B::config ) );
-   exportHost_->onKeyIs( [ this ]( const MacVniPair& k ) {
+   tables_.exportHost->onKeyIs( [ this ]( const MacVniPair& k ) {
       auto& keys = exportHostsOf_[ k.vni().value() ];
-      if ( exportHost_->contains( k ) ) {
+      if ( tables_.exportHost->contains( k ) ) {
          keys.insert( k );
       } else {
          keys.erase( k );
       }
       dirtyHosts_.insert( k );
    } );
-   exportFlood_->onKeyIs( [ this ]( const VniVtepPair& k ) {
+   tables_.exportFlood->onKeyIs( [ this ]( const VniVtepPair& k ) {
       auto& keys = exportFloodOf_[ k.vni().value() ];
-      if ( exportFlood_->contains( k ) ) {
+      if ( tables_.exportFlood->contains( k ) ) {
          keys.insert( k );
       } else {
          keys.erase( k );
       }
       dirtyFlood_.insert( k );
    } );
-   brIdList_->onKeyIs( [ this ]( const Bridging::BridgeId& b ) {
+   tables_.brIdList->onKeyIs( [ this ]( const Bridging::BridgeId& b ) {
       if ( b.isVni() ) {
          dirtyVnis_.insert( b.value() & Bridging::BridgeId::localMask );
       }
    } );
-   config_->onKeyIs( [ this ]( const SingletonKey& ) { allDirty_ = true; } );
+   tables_.config->onKeyIs( [ this ]( const SingletonKey& ) { allDirty_ = true; } );
    // The readers report changes from their mount on; what was there at the
    // mount is read here.
-   for ( auto e = exportHost_->next(); e; e = exportHost_->next( e->second ) ) {
+   for ( auto e = tables_.exportHost->next(); e; e = tables_.exportHost->next( e->second ) ) {
       exportHostsOf_[ e->first.vni().value() ].insert( e->first.key() );
    }
-   for ( auto e = exportFlood_->next(); e; e = exportFlood_->next( e->second ) ) {
+   for ( auto e = tables_.exportFlood->next(); e; e = tables_.exportFlood->next( e->second ) ) {
       exportFloodOf_[ e->first.vni().value() ].insert( e->first.key() );
    }
 
@@ -91,15 +77,18 @@ Speaker::Speaker( SpeakerOptions options, std::ostream& log )
    if ( !client_ ) {
       startDaemon();
    }
-   EvpnCapabilityRecord cap;
-   cap.evpnEnabled = 1;
-   capabilityOut_.write( cap );
+   tables_.announce();
 }
 
 Speaker::~Speaker() {
    // The watch thread reads through the client: gone before the daemon.
    client_.reset();
    daemon_.stop();
+}
+
+pid_t Speaker::handOver() {
+   client_.reset();
+   return daemon_.release();
 }
 
 // A daemon that keeps dying is not restarted for ever.
@@ -172,6 +161,10 @@ void Speaker::reconcileRib() {
    ++stats_.reconciles;
    advertisedHosts_.clear();
    advertisedFlood_.clear();
+   pendingHosts_.clear();
+   pendingMacs_.clear();
+   pendingFlood_.clear();
+   std::vector< apipb::Path > foreign;
    for ( const apipb::Path& p : client_->localEvpnPaths() ) {
       auto lp = learntOf( p );
       bool kept = false;
@@ -183,9 +176,13 @@ void Speaker::reconcileRib() {
          kept = advertisedFlood_.emplace( k, *lp->flood ).second;
       }
       if ( !kept ) {
-         client_->deletePath( p );   // not one of ours as we make them
-         ++stats_.routesWithdrawn;
+         foreign.push_back( withdrawalOf( p ) );   // not one of ours as we make them
       }
+   }
+   for ( size_t i = 0; i < foreign.size(); i += options_.addBatch ) {
+      size_t n = std::min( options_.addBatch, foreign.size() - i );
+      sendPaths( std::vector< apipb::Path >( foreign.begin() + long( i ), foreign.begin() + long( i + n ) ) );
+      stats_.routesWithdrawn += n;
    }
    markAllDirty();
    syncExport();
@@ -194,7 +191,7 @@ void Speaker::reconcileRib() {
 void Speaker::markAllDirty() { allDirty_ = true; }
 
 std::vector< int > Speaker::fds() const {
-   std::vector< int > out{ exportHost_->fd(), exportFlood_->fd(), brIdList_->fd(), config_->fd() };
+   std::vector< int > out = tables_.fds();
    if ( client_ ) {
       out.push_back( client_->fd() );
    }
@@ -219,10 +216,7 @@ int Speaker::msUntilDue( Clock::time_point now ) const {
 }
 
 void Speaker::step() {
-   exportHost_->dispatch();
-   exportFlood_->dispatch();
-   brIdList_->dispatch();
-   config_->dispatch();
+   tables_.dispatch();
    if ( daemon_.reapIfExited() ) {
       daemonLost( "gobgpd exited" );
    } else if ( client_ && client_->watchEnded() ) {
@@ -253,11 +247,6 @@ void Speaker::daemonLost( const std::string& why ) {
    startDaemon();
 }
 
-bool Speaker::advertisable( uint32_t vni ) const {
-   bool integration = config_->count() > 0 && config_->lookup( SingletonKey{} ).orbEvpnIntegrationMode != 0;
-   return integration && vni <= Vxlan::Vni::max && brIdList_->contains( Bridging::BridgeId( Vxlan::Vni( vni ) ) );
-}
-
 std::optional< RouteDistinguisher > Speaker::rdOf( uint32_t vni ) {
    auto index = rdIndex_.indexOf( vni );
    if ( !index ) {
@@ -268,7 +257,7 @@ std::optional< RouteDistinguisher > Speaker::rdOf( uint32_t vni ) {
 
 std::optional< MacRoute > Speaker::wantHost( const MacVniPair& k ) {
    uint32_t vni = k.vni().value();
-   if ( !advertisable( vni ) || !exportHost_->contains( k ) ) {
+   if ( !tables_.advertised( vni ) || !tables_.exportHost->contains( k ) ) {
       return std::nullopt;
    }
    auto rd = rdOf( vni );
@@ -276,12 +265,12 @@ std::optional< MacRoute > Speaker::wantHost( const MacVniPair& k ) {
    if ( !rd || !rt ) {
       return std::nullopt;
    }
-   return macRouteOf( exportHost_->lookup( k ), *rd, *rt );
+   return macRouteOf( tables_.exportHost->lookup( k ), *rd, *rt );
 }
 
 std::optional< FloodRoute > Speaker::wantFlood( const VniVtepPair& k ) {
    uint32_t vni = k.vni().value();
-   if ( !advertisable( vni ) || !exportFlood_->contains( k ) ) {
+   if ( !tables_.advertised( vni ) || !tables_.exportFlood->contains( k ) ) {
       return std::nullopt;
    }
    auto rd = rdOf( vni );
@@ -344,6 +333,7 @@ void Speaker::syncExport() {
       syncFlood( k );
       dirtyFlood_.erase( dirtyFlood_.begin() );
    }
+   flushFlood();
    rdIndex_.flush();
 }
 
@@ -357,41 +347,61 @@ void Speaker::syncHost( const MacVniPair& k ) {
    if ( !want ) {
       refusedHosts_.erase( k );
       if ( have != advertisedHosts_.end() ) {
-         client_->deletePath( pathOf( have->second ) );
-         advertisedHosts_.erase( have );
-         ++stats_.routesWithdrawn;
+         queueHost( k, std::nullopt );
       }
       return;
    }
    if ( have != advertisedHosts_.end() && have->second == *want ) {
       return;
    }
-   pendingHosts_.emplace_back( k, *want );
+   queueHost( k, *want );
+}
+
+void Speaker::queueHost( const MacVniPair& k, const std::optional< MacRoute >& want ) {
+   pendingHosts_.emplace_back( k, want );
    pendingMacs_.insert( k.macAddr() );
    if ( pendingHosts_.size() >= options_.addBatch ) {
       flushHosts();
    }
 }
 
+apipb::Path Speaker::hostPathOf( const MacVniPair& k, const std::optional< MacRoute >& want ) const {
+   return want ? pathOf( *want ) : withdrawalOf( pathOf( advertisedHosts_.at( k ) ) );
+}
+
+void Speaker::hostSent( const MacVniPair& k, const std::optional< MacRoute >& want ) {
+   if ( want ) {
+      refusedHosts_.erase( k );
+      advertisedHosts_[ k ] = *want;
+      ++stats_.routesAdded;
+   } else {
+      advertisedHosts_.erase( k );
+      ++stats_.routesWithdrawn;
+   }
+}
+
+void Speaker::sendPaths( const std::vector< apipb::Path >& paths ) {
+   ++stats_.pathMessages;
+   client_->sendPaths( paths );
+}
+
 void Speaker::flushHosts() {
    if ( pendingHosts_.empty() ) {
       return;
    }
-   std::vector< std::pair< MacVniPair, MacRoute > > batch;
+   std::vector< std::pair< MacVniPair, std::optional< MacRoute > > > batch;
    batch.swap( pendingHosts_ );
    pendingMacs_.clear();
    if ( batch.size() > 1 ) {
       std::vector< apipb::Path > paths;
       paths.reserve( batch.size() );
       for ( const auto& [ k, want ] : batch ) {
-         paths.push_back( pathOf( want ) );
+         paths.push_back( hostPathOf( k, want ) );
       }
       try {
-         client_->addPaths( paths );
+         sendPaths( paths );
          for ( const auto& [ k, want ] : batch ) {
-            refusedHosts_.erase( k );
-            advertisedHosts_[ k ] = want;
-            ++stats_.routesAdded;
+            hostSent( k, want );
          }
          return;
       } catch ( const GobgpError& e ) {
@@ -402,30 +412,32 @@ void Speaker::flushHosts() {
       }
    }
    for ( const auto& [ k, want ] : batch ) {
-      addHost( k, want );
+      if ( want ) {
+         addHost( k, *want );
+      } else {
+         sendPaths( { hostPathOf( k, want ) } );
+         hostSent( k, want );
+      }
    }
 }
 
 // One route alone, handling gobgpd's MAC-mobility refusal.
-void Speaker::addHost( const MacVniPair& k, const MacRoute& wantRoute ) {
-   std::optional< MacRoute > want = wantRoute;
-   auto have = advertisedHosts_.find( k );
+void Speaker::addHost( const MacVniPair& k, const MacRoute& want ) {
    try {
-      client_->addPath( pathOf( *want ) );
+      sendPaths( { pathOf( want ) } );
    } catch ( const GobgpError& e ) {
       std::string what = e.what();
       if ( what.find( "MAC mobility" ) == std::string::npos ) {
          throw;
       }
       bool retried = false;
-      if ( have != advertisedHosts_.end() && have->second.sequence > want->sequence ) {
+      auto have = advertisedHosts_.find( k );
+      if ( have != advertisedHosts_.end() && have->second.sequence > want.sequence ) {
          // Our own earlier route is what blocks a lower sequence number.
-         client_->deletePath( pathOf( have->second ) );
-         advertisedHosts_.erase( have );
-         have = advertisedHosts_.end();
-         ++stats_.routesWithdrawn;
+         sendPaths( { hostPathOf( k, std::nullopt ) } );
+         hostSent( k, std::nullopt );
          try {
-            client_->addPath( pathOf( *want ) );
+            sendPaths( { pathOf( want ) } );
             retried = true;
          } catch ( const GobgpError& ) {
          }
@@ -433,7 +445,7 @@ void Speaker::addHost( const MacVniPair& k, const MacRoute& wantRoute ) {
       if ( !retried ) {
          if ( refusedHosts_.insert( k ).second ) {
             ++stats_.refused;
-            Host h = exportHost_->lookup( k );
+            Host h = tables_.exportHost->lookup( k );
             log_ << "orbevpn-bgp: gobgpd refuses " << hostText( h )
                  << ": a route for the MAC with a higher sequence number exists; retrying\n";
             if ( nextRetry_ < Clock::now() ) {
@@ -443,9 +455,7 @@ void Speaker::addHost( const MacVniPair& k, const MacRoute& wantRoute ) {
          return;
       }
    }
-   refusedHosts_.erase( k );
-   advertisedHosts_[ k ] = *want;
-   ++stats_.routesAdded;
+   hostSent( k, want );
 }
 
 void Speaker::syncFlood( const VniVtepPair& k ) {
@@ -453,18 +463,37 @@ void Speaker::syncFlood( const VniVtepPair& k ) {
    auto have = advertisedFlood_.find( k );
    if ( !want ) {
       if ( have != advertisedFlood_.end() ) {
-         client_->deletePath( pathOf( have->second ) );
-         advertisedFlood_.erase( have );
+         pendingFlood_.emplace_back( k, std::nullopt );
+      }
+   } else if ( have == advertisedFlood_.end() || !( have->second == *want ) ) {
+      pendingFlood_.emplace_back( k, *want );
+   }
+   if ( pendingFlood_.size() >= options_.addBatch ) {
+      flushFlood();
+   }
+}
+
+void Speaker::flushFlood() {
+   if ( pendingFlood_.empty() ) {
+      return;
+   }
+   std::vector< std::pair< VniVtepPair, std::optional< FloodRoute > > > batch;
+   batch.swap( pendingFlood_ );
+   std::vector< apipb::Path > paths;
+   paths.reserve( batch.size() );
+   for ( const auto& [ k, want ] : batch ) {
+      paths.push_back( want ? pathOf( *want ) : withdrawalOf( pathOf( advertisedFlood_.at( k ) ) ) );
+   }
+   sendPaths( paths );
+   for ( const auto& [ k, want ] : batch ) {
+      if ( want ) {
+         advertisedFlood_[ k ] = *want;
+         ++stats_.routesAdded;
+      } else {
+         advertisedFlood_.erase( k );
          ++stats_.routesWithdrawn;
       }
-      return;
    }
-   if ( have != advertisedFlood_.end() && have->second == *want ) {
-      return;
-   }
-   client_->addPath( pathOf( *want ) );
-   advertisedFlood_[ k ] = *want;
-   ++stats_.routesAdded;
 }
 
 void Speaker::takeImport() {
@@ -504,20 +533,20 @@ void Speaker::applyImport( const ImportSelection::Touched& t ) {
    for ( const MacVniPair& k : t.hosts ) {
       auto w = selection_.winner( k );
       if ( w ) {
-         if ( !( hostOut_.lookup( k ) == *w ) ) {
-            hostOut_.write( *w );
+         if ( !( tables_.hostOut.lookup( k ) == *w ) ) {
+            tables_.hostOut.write( *w );
          }
-      } else if ( !importHeld_ && hostOut_.contains( k ) ) {
-         hostOut_.remove( k );
+      } else if ( !importHeld_ && tables_.hostOut.contains( k ) ) {
+         tables_.hostOut.remove( k );
       }
    }
    for ( const VniVtepPair& k : t.flood ) {
       if ( selection_.floodPresent( k ) ) {
-         if ( !floodOut_.contains( k ) ) {
-            floodOut_.write( FloodEntry( k ) );
+         if ( !tables_.floodOut.contains( k ) ) {
+            tables_.floodOut.write( FloodEntry( k ) );
          }
-      } else if ( !importHeld_ && floodOut_.contains( k ) ) {
-         floodOut_.remove( k );
+      } else if ( !importHeld_ && tables_.floodOut.contains( k ) ) {
+         tables_.floodOut.remove( k );
       }
    }
 }
@@ -527,22 +556,22 @@ void Speaker::applyImport( const ImportSelection::Touched& t ) {
 void Speaker::endImportHold() {
    importHeld_ = false;
    std::vector< MacVniPair > staleHosts;
-   for ( auto e = hostOut_.next(); e; e = hostOut_.next( e->second ) ) {
+   for ( auto e = tables_.hostOut.next(); e; e = tables_.hostOut.next( e->second ) ) {
       if ( !selection_.winner( e->first.key() ) ) {
          staleHosts.push_back( e->first.key() );
       }
    }
    for ( const auto& k : staleHosts ) {
-      hostOut_.remove( k );
+      tables_.hostOut.remove( k );
    }
    std::vector< VniVtepPair > staleFlood;
-   for ( auto e = floodOut_.next(); e; e = floodOut_.next( e->second ) ) {
+   for ( auto e = tables_.floodOut.next(); e; e = tables_.floodOut.next( e->second ) ) {
       if ( !selection_.floodPresent( e->first.key() ) ) {
          staleFlood.push_back( e->first.key() );
       }
    }
    for ( const auto& k : staleFlood ) {
-      floodOut_.remove( k );
+      tables_.floodOut.remove( k );
    }
    if ( !staleHosts.empty() || !staleFlood.empty() ) {
       log_ << fmt::format( "orbevpn-bgp: removed {} hosts and {} flood entries no route supports any more\n",

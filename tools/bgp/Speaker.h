@@ -17,10 +17,11 @@
 // import hold time has passed (peers need a moment to send their routes
 // again); then what no route supports is removed.
 //
-// Type-2 routes go to gobgpd in batches (AddPathStream): for each one it
-// looks through its whole EVPN table (its MAC-mobility check), and a batch
-// saves the rest of a call's cost. A refused batch is redone one route at a
-// time.
+// Routes and their withdrawals go to gobgpd in batches (AddPathStream,
+// withdrawals flagged in the same messages, in order): for each type-2
+// route, withdrawals included, it looks through its whole EVPN table (its
+// MAC-mobility check), and a batch saves the rest of a call's cost. A
+// refused batch is redone one route at a time.
 //
 // gobgpd's MAC mobility check refuses a route whose sequence number is
 // below that of any best route for the same MAC, in any VNI. A host whose
@@ -41,7 +42,7 @@
 #include "tools/bgp/GobgpClient.h"
 #include "tools/bgp/ImportSelection.h"
 #include "tools/bgp/RdIndex.h"
-#include "tools/common/BoundaryRecords.h"
+#include "tools/common/EvpnSide.h"
 
 #include <chrono>
 #include <map>
@@ -66,7 +67,7 @@ struct SpeakerOptions {
    int importHoldMs = 10000;
    int retryMs = 2000;
    int maxRestarts = 5;          // daemon restarts within a minute before giving up
-   size_t addBatch = 128;        // type-2 routes per AddPathStream message
+   size_t addBatch = 128;        // routes and withdrawals per AddPathStream message
 };
 
 struct SpeakerStats {
@@ -77,6 +78,7 @@ struct SpeakerStats {
    uint64_t importIgnored = 0;     // not EVPN type 2/3, unparsable, or label/RT mismatch
    uint64_t daemonRestarts = 0;
    uint64_t reconciles = 0;
+   uint64_t pathMessages = 0;      // AddPathStream messages (routes and withdrawals) sent
 };
 
 class Speaker {
@@ -97,6 +99,11 @@ class Speaker {
    // Milliseconds until step() has timed work (at most retryMs).
    int msUntilDue( Clock::time_point now ) const;
 
+   // Lets gobgpd go on with its sessions and our routes after us, for the
+   // next run to adopt (Daemon.h); returns its pid (-1 if none ran). The
+   // speaker does nothing more after it.
+   pid_t handOver();
+
    const SpeakerStats& stats() const { return stats_; }
    size_t advertised() const { return advertisedHosts_.size() + advertisedFlood_.size(); }
    size_t refusedNow() const { return refusedHosts_.size(); }
@@ -108,13 +115,17 @@ class Speaker {
    void markAllDirty();
    void syncExport();
    void syncHost( const MacVniPair& k );
+   void queueHost( const MacVniPair& k, const std::optional< MacRoute >& want );
+   apipb::Path hostPathOf( const MacVniPair& k, const std::optional< MacRoute >& want ) const;
+   void hostSent( const MacVniPair& k, const std::optional< MacRoute >& want );
    void addHost( const MacVniPair& k, const MacRoute& want );
    void flushHosts();
    void syncFlood( const VniVtepPair& k );
+   void flushFlood();
+   void sendPaths( const std::vector< apipb::Path >& paths );
    std::optional< MacRoute > wantHost( const MacVniPair& k );
    std::optional< FloodRoute > wantFlood( const VniVtepPair& k );
    std::optional< RouteDistinguisher > rdOf( uint32_t vni );
-   bool advertisable( uint32_t vni ) const;
    void takeImport();
    void applyImport( const ImportSelection::Touched& t );
    void endImportHold();
@@ -125,13 +136,7 @@ class Speaker {
    Wire::IpAddr routerId_;
    RdIndex rdIndex_;
 
-   Lumen::Writer< Host > hostOut_;
-   Lumen::Writer< FloodEntry > floodOut_;
-   Lumen::Writer< EvpnCapabilityRecord > capabilityOut_;
-   std::unique_ptr< Lumen::Reader< Host > > exportHost_;
-   std::unique_ptr< Lumen::Reader< FloodEntry > > exportFlood_;
-   std::unique_ptr< Lumen::Reader< BrIdListRecord > > brIdList_;
-   std::unique_ptr< Lumen::Reader< OrbEvpnConfigRecord > > config_;
+   Boundary::EvpnSideTables tables_;
 
    Daemon daemon_;
    std::unique_ptr< GobgpClient > client_;
@@ -148,11 +153,15 @@ class Speaker {
    std::set< uint32_t > dirtyVnis_;
    bool allDirty_ = false;
    std::set< MacVniPair > refusedHosts_;
-   // Type-2 routes waiting for one AddPathStream message; at most one per
-   // MAC, so that the daemon's MAC-mobility check (against its table, not
-   // the rest of the batch) decides as it would one route at a time.
-   std::vector< std::pair< MacVniPair, MacRoute > > pendingHosts_;
+   // Type-2 routes and withdrawals (nullopt: the advertised route goes)
+   // waiting for one AddPathStream message; at most one per MAC, so that
+   // the daemon's MAC-mobility check (against its table, not the rest of
+   // the batch) decides as it would one route at a time.
+   std::vector< std::pair< MacVniPair, std::optional< MacRoute > > > pendingHosts_;
    std::set< Wire::EthAddr > pendingMacs_;
+   // Type-3 routes and withdrawals likewise (one per key: a sync pass
+   // takes each key once and sends them at its end).
+   std::vector< std::pair< VniVtepPair, std::optional< FloodRoute > > > pendingFlood_;
    Clock::time_point nextRetry_{};
 
    ImportSelection selection_;

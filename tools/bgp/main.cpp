@@ -2,35 +2,33 @@
 // gobgpd child that it configures over gRPC on a private Unix socket.
 //
 // One thread: poll() over the table readers, the route-event queue, the
-// child's pidfd and a signalfd. SIGINT and SIGTERM end the loop; the child
-// is then stopped and the tables are left as they are (the capability
-// included), for the next run to take over. Killed instead, it leaves the
-// child running with its sessions, and the next run takes that over.
+// child's pidfd and a signalfd. SIGINT and SIGTERM end the loop and hand
+// the child over: it goes on with its sessions and our routes, and the
+// next run over the same state directory takes it over and reconciles, so
+// that a restart withdraws nothing; the keeper forked at the start
+// (Keeper.h) stops it if no run has taken it over within the handover
+// window. A killed run leaves it the same way. With a window of 0, SIGINT
+// and SIGTERM stop the child at once, withdrawing our routes. The tables
+// are left as they are (the capability included), for the next run.
+#include "tools/bgp/Keeper.h"
 #include "tools/bgp/Speaker.h"
 
-#include "platform/lumen/Options.h"
+#include "tools/common/ProgramOptions.h"
 
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <optional>
 #include <poll.h>
 #include <sys/signalfd.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
-
-int signalFd() {
-   sigset_t set;
-   sigemptyset( &set );
-   sigaddset( &set, SIGINT );
-   sigaddset( &set, SIGTERM );
-   // Blocked before any thread starts, so every thread inherits it.
-   pthread_sigmask( SIG_BLOCK, &set, nullptr );
-   return signalfd( -1, &set, SFD_CLOEXEC | SFD_NONBLOCK );
-}
 
 OrbEvpn::Bgp::NeighborConfig neighborOf( const std::string& text ) {
    auto comma = text.find( ',' );
@@ -63,7 +61,7 @@ int main( int argc, char** argv ) {
    OrbEvpn::Bgp::SpeakerOptions options;
    std::vector< std::string > neighbors;
    std::string rtScheme = "auto";
-   std::string root;
+   OrbEvpn::Boundary::TableOptions tables;
    options.daemon.stateDir = "/run/orbevpn-bgp";
    app.add_option( "--asn", options.asn, "local AS number" )->required()->check( CLI::Range( 1u, 0xFFFFFFFFu ) );
    app.add_option( "--router-id", options.routerId, "BGP router id (IPv4), also the RD's administrator" )
@@ -71,13 +69,13 @@ int main( int argc, char** argv ) {
    app.add_option( "--neighbor", neighbors, "a BGP peer, ADDR,AS (repeatable)" );
    app.add_option( "--rt-scheme", rtScheme, "route targets per VNI: auto (AS low 16 bits:VNI) or asn:vni" )
       ->default_val( rtScheme );
-   app.add_option( "--prefix", options.prefix, "table path prefix" )->default_val( options.prefix );
-   app.add_option( "--root", root, "Lumen root folder (default: ORBEVPN_LUMEN_ROOT or /dev/shm)" );
+   OrbEvpn::Boundary::addTableOptions( app, tables );
    app.add_option( "--gobgpd", options.daemon.program, "the gobgpd program" )
       ->default_val( options.daemon.program );
    app.add_option( "--state-dir", options.daemon.stateDir,
-                   "folder for the API socket (in a 0700 subfolder), the RD index, gobgpd.log and gobgpd.pid "
-                   "(a gobgpd a killed run left is taken over from there)" )
+                   "folder for the API socket (in a 0700 subfolder), the RD index, gobgpd.log, gobgpd.pid and "
+                   "the lock that lets one run at a time use it (the gobgpd an earlier run left is taken over "
+                   "from there)" )
       ->default_val( options.daemon.stateDir );
    app.add_option( "--listen-port", options.listenPort, "BGP port to listen on (0: do not listen)" )
       ->default_val( options.listenPort )
@@ -87,11 +85,18 @@ int main( int argc, char** argv ) {
    app.add_option( "--restart-time", options.restartTime, "graceful restart time announced to peers, seconds" )
       ->default_val( options.restartTime )
       ->check( CLI::Range( 1u, 4095u ) );
+   std::optional< uint32_t > handoverSeconds;
+   app.add_option( "--handover-seconds", handoverSeconds,
+                   "after SIGTERM or SIGINT (or a kill), how long gobgpd goes on with its sessions and our routes "
+                   "for the next run over the same --state-dir to take over before it is stopped (default: "
+                   "--restart-time; 0: stop it at once, withdrawing our routes)" )
+      ->check( CLI::Range( 0u, 86400u ) );
    app.add_option( "--import-hold-ms", options.importHoldMs,
                    "after a (re)start, keep imported entries this long for peers to confirm them" )
       ->default_val( options.importHoldMs );
    CLI11_PARSE( app, argc, argv );
 
+   options.prefix = tables.prefix;
    try {
       options.rtScheme = OrbEvpn::Bgp::rtSchemeOf( rtScheme );
       for ( const auto& n : neighbors ) {
@@ -102,14 +107,34 @@ int main( int argc, char** argv ) {
       return 2;
    }
 
-   int sfd = signalFd();
+   // Forked before any thread and any descriptor of the speaker's: the
+   // keeper holds nothing a successor needs.
+   std::chrono::milliseconds window( uint64_t( handoverSeconds.value_or( options.restartTime ) ) * 1000 );
+   try {
+      options.daemon.ownerToken = OrbEvpn::Bgp::newOwnerToken();
+      int self = int( ::syscall( SYS_pidfd_open, ::getpid(), 0 ) );
+      if ( self < 0 ) {
+         throw std::runtime_error( std::string( "pidfd_open: " ) + std::strerror( errno ) );
+      }
+      OrbEvpn::Bgp::KeeperOptions k;
+      k.stateDir = options.daemon.stateDir;
+      k.program = options.daemon.program;
+      k.ownerToken = options.daemon.ownerToken;
+      k.ownerPidFd = self;
+      k.window = window;
+      OrbEvpn::Bgp::spawnKeeper( k );
+      ::close( self );
+   } catch ( const std::exception& e ) {
+      std::cerr << "orbevpn-bgp: cannot start the keeper: " << e.what() << "\n";
+      return 1;
+   }
+
+   int sfd = OrbEvpn::Boundary::stopSignalFd();
    if ( sfd < 0 ) {
       std::perror( "orbevpn-bgp: signalfd" );
       return 1;
    }
-   if ( !root.empty() ) {
-      Lumen::rootIs( root );
-   }
+   OrbEvpn::Boundary::useTableOptions( tables );
 
    std::optional< OrbEvpn::Bgp::Speaker > speaker;
    try {
@@ -120,6 +145,7 @@ int main( int argc, char** argv ) {
    }
 
    int rc = 0;
+   bool handOver = false;   // on an error the daemon stops with us
    for ( ;; ) {
       std::vector< pollfd > pfds{ { sfd, POLLIN, 0 } };
       for ( int fd : speaker->fds() ) {
@@ -133,6 +159,7 @@ int main( int argc, char** argv ) {
          break;
       }
       if ( n > 0 && ( pfds[ 0 ].revents & POLLIN ) ) {
+         handOver = window.count() > 0;
          break;
       }
       try {
@@ -147,6 +174,14 @@ int main( int argc, char** argv ) {
    std::cerr << "orbevpn-bgp: " << s.routesAdded << " routes added, " << s.routesWithdrawn << " withdrawn, "
              << s.refused << " refused, " << s.importEvents << " route events (" << s.importIgnored
              << " ignored), " << s.daemonRestarts << " daemon restarts\n";
+   if ( handOver ) {
+      pid_t pid = speaker->handOver();
+      if ( pid > 0 ) {
+         std::cerr << "orbevpn-bgp: leaving gobgpd " << pid << " with its sessions and routes to the next run over "
+                   << options.daemon.stateDir << "; it is stopped if none takes it over within "
+                   << window.count() / 1000 << " s\n";
+      }
+   }
    speaker.reset();
    ::close( sfd );
    return rc;

@@ -13,10 +13,18 @@ with advertise-all-vni over a VXLAN device in a bridge. The checks:
      becomes FRR's remote VTEP);
   2. a MAC added on FRR's bridge reaches our import mirror (VniStatusV2);
   3. FRR's own type-3 route reaches our import flood list;
-  4. a MAC move with a higher sequence number wins on both sides;
+  4. a MAC move with a higher sequence number wins on both sides, and a MAC
+     the controller forgets after it moved to FRR has our route withdrawn
+     (gobgpd would refuse that below FRR's sequence number);
   5. killing (SIGKILL) and restarting orbevpn-agent, then orbevpn-bgp, leaves
      FRR with the same routes, and withdraws none meanwhile (orbevpn-bgp's
-     gobgpd outlives it and is taken over by the next one).
+     gobgpd outlives it and is taken over by the next one);
+  6. stopping orbevpn-bgp with SIGTERM (a restart) and starting it again does
+     the same: it hands its gobgpd over instead of stopping it;
+  7. SIGTERM with no successor: FRR keeps our routes for the handover window,
+     then they are withdrawn, and neither gobgpd nor its keeper is left;
+  8. (between 5 and 6) FRR's bgpd killed and restarted: every route is back
+     both ways afterwards.
 
 --plain checks the lab itself against a bare gobgpd: routes added with the
 gobgp CLI reach FRR's tables and kernel FDB, FRR's routes reach gobgpd's RIB.
@@ -43,6 +51,7 @@ VTEP1, VTEP2, VTEP3 = "198.18.0.11", "198.18.0.12", "198.18.0.13"
 M_LEARNT = "02:00:00:00:01:01"    # learnt by the controller, then moved by it
 M_FRR = "02:00:00:00:02:02"       # added on FRR's bridge
 M_MOVER = "02:00:00:00:03:03"     # learnt by the controller, moves to FRR, moves back
+M_GONE = "02:00:00:00:04:04"      # learnt by the controller, moves to FRR, forgotten by the controller
 
 
 class CheckFailed(Exception):
@@ -170,6 +179,25 @@ def run_ours(args, lab, say):
     c.expect("%s gone from our import once FRR withdrew it" % M_MOVER,
              lambda: (M_MOVER not in stack.imported(VNI)[0], stack.imported(VNI)[0]))
     c.done("a MAC move with a higher sequence number wins on both sides")
+
+    # Moved to FRR, then forgotten by the controller: our route goes,
+    # although FRR's for the MAC has a higher sequence number, and without
+    # a restart of gobgpd (which drops the session).
+    stack.feed.send({"op": "mac", "vni": VNI, "mac": M_GONE, "vtep": VTEP1, "seqNo": 1})
+    c.expect("%s in FRR (VTEP %s, seq 1)" % (M_GONE, VTEP1), c.frr_mac_is(M_GONE, VTEP1, 1))
+    lab.frr_fdb_add(VNI, M_GONE, "dynamic", verb="replace")
+    c.expect("%s behind %s in our import" % (M_GONE, L.FRR_ADDR),
+             lambda: (stack.imported(VNI)[0].get(M_GONE, (None,))[0] == L.FRR_ADDR, stack.imported(VNI)[0]))
+    stack.feed.send({"op": "macDel", "vni": VNI, "mac": M_GONE})
+
+    def our_routes_for(mac):
+        return sorted(r for r in lab.frr_evpn_routes() if mac in r[1])
+    c.expect("our route for %s withdrawn at FRR" % M_GONE, lambda: (not our_routes_for(M_GONE), our_routes_for(M_GONE)))
+    if "restarting it" in stack.bgp.log_tail():
+        raise CheckFailed("orbevpn-bgp restarted gobgpd\n%s" % stack.bgp.log_tail())
+    c.expect("%s still local in FRR" % M_GONE,
+             lambda: (lab.frr_macs(VNI).get(M_GONE, {}).get("type") == "local", lab.frr_macs(VNI).get(M_GONE)))
+    c.done("a MAC forgotten after it moved to FRR has our route withdrawn, below FRR's sequence number")
     c.show("FRR: show evpn mac vni %d" % VNI, lab.vtysh("show evpn mac vni %d" % VNI))
 
     # 5. restarts
@@ -196,7 +224,7 @@ def run_ours(args, lab, say):
         changes = watch.stop()
     if changes:
         raise CheckFailed("FRR's routes changed while the agent was killed and restarted (%d of %d looks): %s"
-                          % (len(changes), watch.looks, changes[0]))
+                          % (len(changes), watch.looks, changes[0][1]))
     c.expect("FRR's routes after the agent's restart", unchanged)
     c.done("SIGKILL and restart of orbevpn-agent: FRR keeps the same routes (%.1f s, %d looks, none differed)"
            % (time.monotonic() - t0, watch.looks))
@@ -235,7 +263,7 @@ def run_ours(args, lab, say):
     c.expect("FRR's routes 2 s later", unchanged, timeout=1)
     if changes:
         raise CheckFailed("FRR's routes changed while orbevpn-bgp was killed and restarted (%d of %d looks): %s"
-                          % (len(changes), watch.looks, changes[0][:1500]))
+                          % (len(changes), watch.looks, changes[0][1][:1500]))
     if "adopting the running gobgpd" not in stack.bgp.log_tail():
         raise CheckFailed("the restarted orbevpn-bgp did not take over the running gobgpd\n%s"
                           % stack.bgp.log_tail())
@@ -246,16 +274,99 @@ def run_ours(args, lab, say):
                       and L.FRR_ADDR in stack.imported(VNI)[1], stack.imported(VNI)))
     c.done("our import holds FRR's MAC and VTEP again after the restarts")
 
-    for p in (stack.agent, stack.bgp):
-        rc = p.stop()
-        if rc != 0:
-            raise CheckFailed("%s exited %s on SIGTERM\n%s" % (p.name, rc, p.log_tail()))
+    # FRR's bgpd killed (its session just drops) and started again: every
+    # route is back both ways. gobgpd 3.10, as the graceful-restart helper
+    # of a peer that held type-2 routes, dies on a nil pointer in its
+    # MAC-mobility check when the session drops; orbevpn-bgp restarts it,
+    # and its import hold keeps what FRR had sent meanwhile.
+    restarts = stack.bgp.log_tail(400).count("restarting it and reconciling")
+    t0 = time.monotonic()
+    lab.kill_bgpd()
+    time.sleep(2)
+    lab.start_bgpd()
+    L.wait_for("the BGP session after FRR's restart", lambda: lab.frr_session_up(), args.timeout,
+               period=0.3, procs=[stack.bgp, lab.bgpd])
+    c.expect("FRR's routes from us after its restart", unchanged, timeout=args.timeout)
+    c.expect("FRR's MAC and VTEP in our import after its restart",
+             lambda: (stack.imported(VNI)[0].get(M_FRR, (None,))[0] == L.FRR_ADDR
+                      and L.FRR_ADDR in stack.imported(VNI)[1], stack.imported(VNI)))
+    helper_died = stack.bgp.log_tail(400).count("restarting it and reconciling") > restarts
+    say("  gobgpd %s" % ("died when FRR's session dropped, and was restarted" if helper_died
+                         else "survived the drop of FRR's session"))
+    c.done("FRR's bgpd killed and restarted: FRR has our routes and we have FRR's again, %.1f s after the kill"
+           % (time.monotonic() - t0))
+
+    # orbevpn-bgp stopped with SIGTERM, as `systemctl restart` does, and
+    # started again: it hands its gobgpd over instead of stopping it, so FRR
+    # again keeps every route throughout. The new run gets a short handover
+    # window for the last check.
+    window = 5
+    watch = Watch(unchanged)
+    rc = stack.bgp.stop()
+    lab.forget(stack.bgp)
+    if rc != 0:
+        watch.stop()
+        raise CheckFailed("orbevpn-bgp exited %s on SIGTERM\n%s" % (rc, stack.bgp.log_tail()))
+    if not ns_procs(lab, "gobgpd"):
+        watch.stop()
+        raise CheckFailed("gobgpd did not outlive orbevpn-bgp's SIGTERM\n%s" % stack.bgp.log_tail())
+    t0 = time.monotonic()
+    stack.start_bgp(["--handover-seconds", str(window)])
+    L.wait_for("the BGP session after orbevpn-bgp's restart", lambda: lab.frr_session_up(), args.timeout,
+               period=0.3, procs=[stack.bgp])
+    try:
+        c.expect("FRR's routes after orbevpn-bgp's SIGTERM and restart", unchanged, timeout=args.timeout)
+        time.sleep(3)
+    finally:
+        changes = watch.stop()
+    took = time.monotonic() - t0
+    if changes:
+        raise CheckFailed("FRR's routes changed while orbevpn-bgp was stopped (SIGTERM) and restarted "
+                          "(%d of %d looks): %s" % (len(changes), watch.looks, changes[0][1][:1500]))
+    if "adopting the running gobgpd" not in stack.bgp.log_tail():
+        raise CheckFailed("the restarted orbevpn-bgp did not take over the running gobgpd\n%s"
+                          % stack.bgp.log_tail())
+    c.done("SIGTERM and restart of orbevpn-bgp: it hands its gobgpd over, FRR keeps the same routes throughout "
+           "(%.1f s, %d looks, none differed)" % (took, watch.looks))
+
+    # SIGTERM and no successor: the keeper stops gobgpd once the window has
+    # passed, and FRR withdraws our routes then, not before.
+    rc = stack.bgp.stop()
+    lab.forget(stack.bgp)
+    t0 = time.monotonic()
+    if rc != 0:
+        raise CheckFailed("orbevpn-bgp exited %s on SIGTERM\n%s" % (rc, stack.bgp.log_tail()))
+
+    def ours_gone():
+        st = c.frr_remote_state()
+        return (not st["bgp"]["routes"] and not st[VNI]["macs"] and L.OURS_ADDR not in st[VNI]["vteps"],
+                diff(before, st))
+    watch = Watch(unchanged)
+    try:
+        c.expect("FRR's withdrawal of our routes after the handover window", ours_gone,
+                 timeout=window + args.timeout)
+    finally:
+        changes = watch.stop()
+    gone_after = time.monotonic() - t0
+    if changes and changes[0][0] - t0 < window - 1:
+        raise CheckFailed("FRR lost our routes %.1f s after SIGTERM, within the %d s handover window: %s"
+                          % (changes[0][0] - t0, window, changes[0][1][:1500]))
+    L.wait_for("gobgpd and the keeper to end",
+               lambda: not (ns_procs(lab, "gobgpd") or ns_procs(lab, "orbevpn-keeper")), args.timeout)
+    if "no successor took gobgpd" not in stack.bgp.log_tail():
+        raise CheckFailed("the keeper did not report stopping gobgpd\n%s" % stack.bgp.log_tail())
+    c.done("SIGTERM of orbevpn-bgp and no successor: FRR keeps our routes for the %d s window, has them "
+           "withdrawn %.1f s after, and no gobgpd or keeper is left" % (window, gone_after))
+
+    rc = stack.agent.stop()
+    if rc != 0:
+        raise CheckFailed("%s exited %s on SIGTERM\n%s" % (stack.agent.name, rc, stack.agent.log_tail()))
     return c.passed
 
 
 class Watch:
     """Calls look() (which returns (ok, detail)) every 0.2 s on a thread and
-    keeps the details of the looks that were not ok."""
+    keeps (time.monotonic(), detail) of the looks that were not ok."""
 
     def __init__(self, look):
         self.look, self.changes, self.looks = look, [], 0
@@ -271,13 +382,18 @@ class Watch:
                 ok, detail = True, None       # a failed read is no evidence either way
             self.looks += 1
             if not ok:
-                self.changes.append(detail)
+                self.changes.append((time.monotonic(), detail))
             self.stopping.wait(0.2)
 
     def stop(self):
         self.stopping.set()
         self.thread.join(30)
         return self.changes
+
+
+def ns_procs(lab, name):
+    """The pids of the processes named `name` in our namespace."""
+    return [pid for pid in L.run(["ip", "netns", "pids", lab.ns_ours]).stdout.split() if proc_name(pid) == name]
 
 
 def proc_name(pid):

@@ -312,7 +312,19 @@ class Lab:
         self.zebra = self.start("zebra", args("zebra"), self.ns_frr, log=os.path.join(self.work, "zebra.out"))
         wait_for("zebra's zserv socket", lambda: os.path.exists(os.path.join(d, "zserv.api")), 20,
                  procs=[self.zebra])
-        self.bgpd = self.start("bgpd", args("bgpd"), self.ns_frr, log=os.path.join(self.work, "bgpd.out"))
+        self.bgpd_cmd = args("bgpd")
+        self.bgpd = self.start("bgpd", self.bgpd_cmd, self.ns_frr, log=os.path.join(self.work, "bgpd.out"))
+        wait_for("bgpd's vty", lambda: self.vtysh_ok("show bgp summary"), 20, procs=[self.zebra, self.bgpd])
+
+    def kill_bgpd(self):
+        """FRR's bgpd killed (SIGKILL): no NOTIFICATION, its sessions just
+        drop, as in a crash; zebra stays."""
+        self.bgpd.kill()
+        self.forget(self.bgpd)
+
+    def start_bgpd(self):
+        """bgpd started again after kill_bgpd(), with the same config."""
+        self.bgpd = self.start("bgpd", self.bgpd_cmd, self.ns_frr, log=os.path.join(self.work, "bgpd.out"))
         wait_for("bgpd's vty", lambda: self.vtysh_ok("show bgp summary"), 20, procs=[self.zebra, self.bgpd])
 
     def vtysh_ok(self, cmd):
@@ -438,12 +450,12 @@ class OurStack:
         self.feed = EventFeed()
         self.runs = 0
 
-    def start_bgp(self):
+    def start_bgp(self, extra_args=()):
         self.runs += 1
         cmd = [self.bgp_bin, "--asn", str(OURS_ASN), "--router-id", OURS_ADDR,
                "--neighbor", "%s,%d" % (FRR_ADDR, FRR_ASN), "--rt-scheme", "asn:vni",
                "--root", self.root, "--gobgpd", self.gobgpd, "--state-dir", self.state,
-               "--log-level", "info"] + self.extra_bgp_args
+               "--log-level", "info"] + self.extra_bgp_args + list(extra_args)
         self.bgp = self.lab.start("orbevpn-bgp-%d" % self.runs, cmd, self.lab.ns_ours)
         return self.bgp
 

@@ -1,7 +1,5 @@
 #include "tools/peer/Peer.h"
 
-#include "tools/common/Boundary.h"
-#include "tools/common/Recovery.h"
 #include "tools/peer/RemoteEntries.h"
 
 #include <nlohmann/json.hpp>
@@ -12,7 +10,6 @@
 
 namespace OrbEvpn::Peer {
 
-namespace B = OrbEvpn::Boundary;
 using Json = nlohmann::ordered_json;
 
 uint64_t macKey( const Wire::EthAddr& mac ) {
@@ -29,8 +26,6 @@ Wire::EthAddr macOfKey( uint64_t k ) {
 }
 
 namespace {
-
-bool vacantHost( const Host& h ) { return h == Host(); }
 
 Json hostJson( const char* op, const Host& h ) {
    Json j;
@@ -55,52 +50,39 @@ Json floodJson( const char* op, uint32_t vni, uint32_t vtep ) {
 
 }  // namespace
 
-Peer::Peer( PeerOptions options, std::ostream* log ) : options_( std::move( options ) ), log_( log ) {
-   B::checkPrefix( options_.prefix );
-   const std::string& p = options_.prefix;
-   // A table damaged while no peer held it is made anew; its content
-   // follows from the export again (reconcile below).
-   for ( const std::string& line : B::setAsideDamagedTables( p, B::Side::evpn ) ) {
-      std::fprintf( stderr, "orbevpn-peer: %s\n", line.c_str() );
-   }
-   hostOut_.attach( B::pathOf( p, B::evpnHost ) );
-   floodOut_.attach( B::pathOf( p, B::evpnFlood ) );
-   capabilityOut_.attach( B::pathOf( p, B::evpnCapability ) );
-   EvpnCapabilityRecord cap;
-   cap.evpnEnabled = 1;
-   capabilityOut_.write( cap );
+Peer::Peer( PeerOptions options, std::ostream* log )
+      : options_( std::move( options ) ),
+        log_( log ),
+        tables_( options_.prefix,
+                 []( const std::string& line ) { std::fprintf( stderr, "orbevpn-peer: %s\n", line.c_str() ); } ) {
+   tables_.announce();
    ++writes_;
    logLine( R"({"op":"capability","evpnEnabled":true})" );
 
-   exportHost_ = std::make_unique< Lumen::Reader< Host > >( B::pathOf( p, B::exportHost ), Host(), &vacantHost );
-   exportFlood_ = std::make_unique< Lumen::Reader< FloodEntry > >( B::pathOf( p, B::exportFlood ) );
-   brIdList_ = std::make_unique< Lumen::Reader< BrIdListRecord > >( B::pathOf( p, B::brIdList ) );
-   config_ = std::make_unique< Lumen::Reader< OrbEvpnConfigRecord > >( B::pathOf( p, B::config ) );
-
-   exportHost_->onKeyIs( [ this ]( const MacVniPair& k ) {
+   tables_.exportHost->onKeyIs( [ this ]( const MacVniPair& k ) {
       auto& macs = exportMacs_[ k.vni().value() ];
-      if ( exportHost_->contains( k ) ) {
+      if ( tables_.exportHost->contains( k ) ) {
          macs.insert( macKey( k.macAddr() ) );
       } else {
          macs.erase( macKey( k.macAddr() ) );
       }
       touch( k.vni().value() );
    } );
-   exportFlood_->onKeyIs( [ this ]( const VniVtepPair& k ) {
+   tables_.exportFlood->onKeyIs( [ this ]( const VniVtepPair& k ) {
       auto& vteps = exportVteps_[ k.vni().value() ];
-      if ( exportFlood_->contains( k ) ) {
+      if ( tables_.exportFlood->contains( k ) ) {
          vteps.insert( k.vtepAddr().value() );
       } else {
          vteps.erase( k.vtepAddr().value() );
       }
       touch( k.vni().value() );
    } );
-   brIdList_->onKeyIs( [ this ]( const Bridging::BridgeId& b ) {
+   tables_.brIdList->onKeyIs( [ this ]( const Bridging::BridgeId& b ) {
       if ( b.isVni() ) {
          touch( b.value() & Bridging::BridgeId::localMask );
       }
    } );
-   config_->onKeyIs( [ this ]( const SingletonKey& ) { touchAll(); } );
+   tables_.config->onKeyIs( [ this ]( const SingletonKey& ) { touchAll(); } );
 
    adoptOwnTables();
    indexExport();
@@ -114,7 +96,7 @@ Peer::~Peer() = default;
 // echoes stay echoes (chosen again they might differ, and the agent would
 // see them come and go).
 void Peer::adoptOwnTables() {
-   for ( auto e = hostOut_.next(); e; e = hostOut_.next( e->second ) ) {
+   for ( auto e = tables_.hostOut.next(); e; e = tables_.hostOut.next( e->second ) ) {
       const Host& h = e->first;
       uint32_t vni = h.vni().value();
       VniState& s = vnis_[ vni ];
@@ -123,7 +105,7 @@ void Peer::adoptOwnTables() {
          s.echoHosts[ macKey( h.macAddr() ) ] = h;
       }
    }
-   for ( auto e = floodOut_.next(); e; e = floodOut_.next( e->second ) ) {
+   for ( auto e = tables_.floodOut.next(); e; e = tables_.floodOut.next( e->second ) ) {
       uint32_t vni = e->first.vni().value();
       uint32_t vtep = e->first.vtepAddr().value();
       VniState& s = vnis_[ vni ];
@@ -140,10 +122,10 @@ void Peer::adoptOwnTables() {
 void Peer::indexExport() {
    exportMacs_.clear();
    exportVteps_.clear();
-   for ( auto e = exportHost_->next(); e; e = exportHost_->next( e->second ) ) {
+   for ( auto e = tables_.exportHost->next(); e; e = tables_.exportHost->next( e->second ) ) {
       exportMacs_[ e->first.vni().value() ].insert( macKey( e->first.macAddr() ) );
    }
-   for ( auto e = exportFlood_->next(); e; e = exportFlood_->next( e->second ) ) {
+   for ( auto e = tables_.exportFlood->next(); e; e = tables_.exportFlood->next( e->second ) ) {
       exportVteps_[ e->first.vni().value() ].insert( e->first.vtepAddr().value() );
    }
 }
@@ -166,16 +148,9 @@ void Peer::touchAll() {
    allDirty_ = true;
 }
 
-std::vector< int > Peer::fds() const {
-   return { exportHost_->fd(), exportFlood_->fd(), brIdList_->fd(), config_->fd() };
-}
+std::vector< int > Peer::fds() const { return tables_.fds(); }
 
-void Peer::dispatch() {
-   exportHost_->dispatch();
-   exportFlood_->dispatch();
-   brIdList_->dispatch();
-   config_->dispatch();
-}
+void Peer::dispatch() { tables_.dispatch(); }
 
 int Peer::msUntilDue( Clock::time_point now ) const {
    if ( idle() ) {
@@ -190,13 +165,9 @@ int Peer::msUntilDue( Clock::time_point now ) const {
    return int( std::chrono::ceil< std::chrono::milliseconds >( due - now ).count() );
 }
 
-bool Peer::integrationMode() const {
-   return config_->count() > 0 && config_->lookup( SingletonKey{} ).orbEvpnIntegrationMode != 0;
-}
+bool Peer::integrationMode() const { return tables_.integrationMode(); }
 
-bool Peer::listed( uint32_t vni ) const {
-   return vni <= Vxlan::Vni::max && brIdList_->contains( Bridging::BridgeId( Vxlan::Vni( vni ) ) );
-}
+bool Peer::listed( uint32_t vni ) const { return tables_.listed( vni ); }
 
 std::set< uint32_t > Peer::advertisedVnis() const {
    std::set< uint32_t > out;
@@ -214,7 +185,7 @@ void Peer::reconcile() {
       for ( const auto& [ vni, s ] : vnis_ ) {
          vnis.insert( vni );
       }
-      for ( auto e = brIdList_->next(); e; e = brIdList_->next( e->second ) ) {
+      for ( auto e = tables_.brIdList->next(); e; e = tables_.brIdList->next( e->second ) ) {
          if ( e->first.brId.isVni() ) {
             vnis.insert( e->first.brId.value() & Bridging::BridgeId::localMask );
          }
@@ -245,8 +216,8 @@ void Peer::chooseEchoes( uint32_t vni, VniState& s ) {
          if ( s.echoHosts.size() >= options_.echoPerVni ) {
             break;
          }
-         Host h = exportHost_->lookup( MacVniPair( macOfKey( m ), Vxlan::Vni( vni ) ) );
-         if ( !vacantHost( h ) ) {
+         Host h = tables_.exportHost->lookup( MacVniPair( macOfKey( m ), Vxlan::Vni( vni ) ) );
+         if ( !( h == Host() ) ) {   // gone meanwhile: a vacant slot reads as the default host
             s.echoHosts[ m ] = h;
          }
       }
@@ -319,28 +290,28 @@ void Peer::reconcileVni( uint32_t vni ) {
 }
 
 void Peer::writeHost( const Host& h ) {
-   hostOut_.write( h );
+   tables_.hostOut.write( h );
    ++writes_;
    lastChange_ = Clock::now();
    logLine( hostJson( "host", h ).dump() );
 }
 
 void Peer::removeHost( const Host& h ) {
-   hostOut_.remove( h.key() );
+   tables_.hostOut.remove( h.key() );
    ++writes_;
    lastChange_ = Clock::now();
    logLine( hostJson( "hostDel", h ).dump() );
 }
 
 void Peer::writeFlood( uint32_t vni, uint32_t vtep ) {
-   floodOut_.write( FloodEntry( VniVtepPair( Vxlan::Vni( vni ), Wire::IpAddr( vtep ) ) ) );
+   tables_.floodOut.write( FloodEntry( VniVtepPair( Vxlan::Vni( vni ), Wire::IpAddr( vtep ) ) ) );
    ++writes_;
    lastChange_ = Clock::now();
    logLine( floodJson( "flood", vni, vtep ).dump() );
 }
 
 void Peer::removeFlood( uint32_t vni, uint32_t vtep ) {
-   floodOut_.remove( VniVtepPair( Vxlan::Vni( vni ), Wire::IpAddr( vtep ) ) );
+   tables_.floodOut.remove( VniVtepPair( Vxlan::Vni( vni ), Wire::IpAddr( vtep ) ) );
    ++writes_;
    lastChange_ = Clock::now();
    logLine( floodJson( "floodDel", vni, vtep ).dump() );

@@ -32,7 +32,7 @@
 #include "orbevpn/exchange/Host.h"
 #include "platform/lumen/Table.h"
 #include "platform/model/OrbBrIdList.h"
-#include "tools/common/BoundaryRecords.h"
+#include "tools/common/EvpnSide.h"
 
 #include <chrono>
 #include <cstdint>
@@ -109,13 +109,7 @@ class Peer {
    PeerOptions options_;
    std::ostream* log_;
 
-   Lumen::Writer< Host > hostOut_;
-   Lumen::Writer< FloodEntry > floodOut_;
-   Lumen::Writer< EvpnCapabilityRecord > capabilityOut_;
-   std::unique_ptr< Lumen::Reader< Host > > exportHost_;
-   std::unique_ptr< Lumen::Reader< FloodEntry > > exportFlood_;
-   std::unique_ptr< Lumen::Reader< BrIdListRecord > > brIdList_;
-   std::unique_ptr< Lumen::Reader< OrbEvpnConfigRecord > > config_;
+   Boundary::EvpnSideTables tables_;
 
    // What the export holds, by VNI: MACs and flood VTEPs.
    std::unordered_map< uint32_t, std::set< uint64_t > > exportMacs_;

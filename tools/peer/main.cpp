@@ -5,7 +5,7 @@
 // tables are left as they are (the capability included).
 #include "tools/peer/Peer.h"
 
-#include "platform/lumen/Options.h"
+#include "tools/common/ProgramOptions.h"
 
 #include <CLI/CLI.hpp>
 
@@ -23,29 +23,18 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-int signalFd() {
-   sigset_t set;
-   sigemptyset( &set );
-   sigaddset( &set, SIGINT );
-   sigaddset( &set, SIGTERM );
-   // Blocked before any reader starts its thread, so every thread inherits it.
-   pthread_sigmask( SIG_BLOCK, &set, nullptr );
-   return signalfd( -1, &set, SFD_CLOEXEC | SFD_NONBLOCK );
-}
-
 }  // namespace
 
 int main( int argc, char** argv ) {
    CLI::App app{ "orbevpn-peer: stand-in EVPN agent; advertises remote hosts and flood VTEPs for every "
                  "VNI whose bridge id the agent lists while integration mode is on" };
    OrbEvpn::Peer::PeerOptions options;
-   std::string root;
+   OrbEvpn::Boundary::TableOptions tables;
    std::string logPath;
    bool untilSteady = false;
    double duration = 0;
    int steadyMs = 1000;
-   app.add_option( "--prefix", options.prefix, "table path prefix" )->default_val( "/orbevpn" );
-   app.add_option( "--root", root, "Lumen root folder (default: ORBEVPN_LUMEN_ROOT or /dev/shm)" );
+   OrbEvpn::Boundary::addTableOptions( app, tables );
    app.add_option( "--log", logPath, "write one JSON line per table write to FILE" );
    app.add_option( "--remote-hosts-per-vni", options.remoteHostsPerVni, "remote hosts per advertised VNI" )
       ->default_val( options.remoteHostsPerVni )
@@ -61,14 +50,13 @@ int main( int argc, char** argv ) {
    app.add_option( "--duration", duration, "exit after SECONDS (non-zero with --until-steady if not steady)" );
    CLI11_PARSE( app, argc, argv );
 
-   int sfd = signalFd();
+   options.prefix = tables.prefix;
+   int sfd = OrbEvpn::Boundary::stopSignalFd();
    if ( sfd < 0 ) {
       std::perror( "orbevpn-peer: signalfd" );
       return 1;
    }
-   if ( !root.empty() ) {
-      Lumen::rootIs( root );
-   }
+   OrbEvpn::Boundary::useTableOptions( tables );
    std::ofstream logFile;
    std::ostream* log = nullptr;
    if ( !logPath.empty() ) {

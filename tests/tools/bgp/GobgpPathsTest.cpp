@@ -166,4 +166,30 @@ TEST( GobgpPaths, WithdrawalsNeedOnlyTheirNlriOthersAreIgnored ) {
    EXPECT_FALSE( learntOf( v4 ) );
 }
 
+// What we send to withdraw our own route: its NLRI, flagged, and no MAC
+// Mobility community, which gobgpd would check against other routes for
+// the MAC and refuse.
+TEST( GobgpPaths, OurWithdrawalKeepsTheNlriAndDropsTheSequenceNumber ) {
+   apipb::Path w = withdrawalOf( pathOf( sampleMac() ) );
+   EXPECT_TRUE( w.is_withdraw() );
+   EXPECT_EQ( w.nlri().SerializeAsString(), pathOf( sampleMac() ).nlri().SerializeAsString() );
+   auto ext = attrs< apipb::ExtendedCommunitiesAttribute >( w );
+   ASSERT_EQ( ext.size(), 1u );
+   int mobility = 0, targets = 0;
+   for ( const auto& c : ext[ 0 ].communities() ) {
+      mobility += c.Is< apipb::MacMobilityExtended >();
+      targets += c.Is< apipb::TwoOctetAsSpecificExtended >();
+   }
+   EXPECT_EQ( mobility, 0 );
+   EXPECT_EQ( targets, 1 );
+   auto lw = learntOf( w );
+   ASSERT_TRUE( lw && lw->mac );
+   EXPECT_TRUE( lw->withdraw );
+   EXPECT_FALSE( lw->mac->sequence );
+
+   apipb::Path f = withdrawalOf( pathOf( sampleFlood() ) );
+   EXPECT_TRUE( f.is_withdraw() );
+   EXPECT_EQ( f.nlri().SerializeAsString(), pathOf( sampleFlood() ).nlri().SerializeAsString() );
+}
+
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include "tools/common/Boundary.h"
 #include "tests/support/LumenRoot.h"
+#include "tests/tools/common/AgentTables.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -22,11 +23,9 @@
 namespace {
 
 namespace B = OrbEvpn::Boundary;
-using OrbEvpn::BrIdListRecord;
 using OrbEvpn::FloodEntry;
 using OrbEvpn::Host;
 using OrbEvpn::MacVniPair;
-using OrbEvpn::OrbEvpnConfigRecord;
 using OrbEvpn::VniVtepPair;
 using OrbEvpn::Peer::ipText;
 using OrbEvpn::Peer::macText;
@@ -74,22 +73,9 @@ std::set< uint32_t > vnisIn( const std::map< std::string, Host >& hosts ) {
    return out;
 }
 
-// The agent's side of the boundary, written the way the agent writes it.
-class AgentTables {
+// The agent's tables, with what a test exports for a VNI.
+class AgentTables : public OrbEvpn::Testing::AgentTables {
  public:
-   AgentTables() {
-      host.attach( B::pathOf( prefix, B::exportHost ) );
-      flood.attach( B::pathOf( prefix, B::exportFlood ) );
-      brIds.attach( B::pathOf( prefix, B::brIdList ) );
-      config.attach( B::pathOf( prefix, B::config ) );
-   }
-   void flag( bool on ) {
-      OrbEvpnConfigRecord r;
-      r.orbEvpnIntegrationMode = on;
-      config.write( r );
-   }
-   void list( uint32_t vni ) { brIds.write( BrIdListRecord( Bridging::BridgeId( Vxlan::Vni( vni ) ), true ) ); }
-   void unlist( uint32_t vni ) { brIds.remove( Bridging::BridgeId( Vxlan::Vni( vni ) ) ); }
    // `macs` hosts and two flood VTEPs (192.0.2.101, .102) for `vni`.
    void exportVni( uint32_t vni, uint32_t macs ) {
       for ( uint32_t i = 0; i < macs; ++i ) host.write( controllerHost( vni, i ) );
@@ -97,11 +83,6 @@ class AgentTables {
          flood.write( FloodEntry( VniVtepPair( Vxlan::Vni( vni ), Wire::IpAddr::fromOctets( 192, 0, 2, d ) ) ) );
       }
    }
-
-   Lumen::Writer< Host > host;
-   Lumen::Writer< FloodEntry > flood;
-   Lumen::Writer< BrIdListRecord > brIds;
-   Lumen::Writer< OrbEvpnConfigRecord > config;
 };
 
 PeerOptions testOptions() {
