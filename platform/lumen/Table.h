@@ -81,7 +81,9 @@ class Writer {
    // existing content is kept, then entries written while unattached are merged
    // in (they win). Throws WriterConflictException if a live writer holds it.
    void attach( const std::string& path );
-   // Keeps a process-memory copy of the content; the segment stays.
+   // Keeps the content, as a copy-on-write view of the segment: what this
+   // writer changes afterwards stays in its own memory, and the segment
+   // stays as it is for readers and the next writer.
    void detach();
    bool attached() const { return control_ != nullptr; }
    const std::string& path() const { return path_; }

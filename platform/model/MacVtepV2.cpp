@@ -15,9 +15,9 @@ MacVtepV2::MacVtepV2( Mox::String::IteratorConst& it, const Mox::String::Iterato
    Mox::requireText( it, end, "'macAddr': " );
    macAddr_ = Mox::readAttribute( "macAddr", [ & ] { return Wire::EthAddr( it, end ); } );
    Mox::requireText( it, end, ", 'vtepAddr': " );
-   vtepAddr_ = Mox::readAttribute( "vtepAddr", [ & ] { return Wire::IpAddr( it, end ); } );
+   vtepAddrIs( Mox::readAttribute( "vtepAddr", [ & ] { return Wire::IpAddr( it, end ); } ) );
    Mox::requireText( it, end, ", 'seqNo': " );
-   seqNo_ = Mox::readAttribute( "seqNo", [ & ] { return Keel::Seqno32( it, end ); } );
+   seqNoIs( Mox::readAttribute( "seqNo", [ & ] { return Keel::Seqno32( it, end ); } ) );
    Mox::requireText( it, end, ", 'preference': " );
    preference_ = static_cast< uint8_t >(
       Mox::readAttribute( "preference", [ & ] { return Mox::readUnsigned( it, end, 255 ); } ) );

@@ -40,19 +40,20 @@ class MacVtepV2 {
    MacVtepV2() = default;
    MacVtepV2( const Wire::EthAddr& macAddr, Wire::IpAddr vtepAddr, Keel::Seqno32 seqNo,
               uint8_t preference = defaultPreference )
-         : macAddr_( macAddr ), vtepAddr_( vtepAddr ), seqNo_( seqNo ), preference_( preference ) {}
+         : macAddr_( macAddr ), vtepAddr_( vtepAddr.value() ), seqNo_( seqNo.value() ),
+           preference_( preference ) {}
    // Parses the text form at `it` and leaves `it` after it.
    MacVtepV2( Mox::String::IteratorConst& it, const Mox::String::IteratorConst& end );
 
    const Wire::EthAddr& macAddr() const { return macAddr_; }
-   Wire::IpAddr vtepAddr() const { return vtepAddr_; }
-   Keel::Seqno32 seqNo() const { return seqNo_; }
+   Wire::IpAddr vtepAddr() const { return Wire::IpAddr( vtepAddr_.value() ); }
+   Keel::Seqno32 seqNo() const { return Keel::Seqno32( seqNo_.value() ); }
    uint8_t preference() const { return preference_; }
 
    // The MAC is the entry's key in its table and stays fixed; the rest may
    // be rewritten.
-   void vtepAddrIs( Wire::IpAddr v ) { vtepAddr_ = v; }
-   void seqNoIs( Keel::Seqno32 s ) { seqNo_ = s; }
+   void vtepAddrIs( Wire::IpAddr v ) { vtepAddr_ = Half32( v.value() ); }
+   void seqNoIs( Keel::Seqno32 s ) { seqNo_ = Half32( s.value() ); }
    void preferenceIs( uint8_t p ) { preference_ = p; }
 
    bool operator==( const MacVtepV2& ) const = default;
@@ -60,11 +61,25 @@ class MacVtepV2 {
    static void moxDescribe( Mox::TypeBuilder< MacVtepV2 >& b );
 
  private:
+   // A 32-bit field kept at the MAC's two-byte alignment. A controller
+   // holds one entry per host in an ordered map keyed by the MAC: at 16
+   // bytes (rather than 20 with four-byte fields) the map's node takes a
+   // 64-byte heap block instead of an 80-byte one.
+   struct Half32 {
+      uint16_t high = 0;
+      uint16_t low = 0;
+      constexpr Half32() = default;
+      constexpr explicit Half32( uint32_t v ) : high( uint16_t( v >> 16 ) ), low( uint16_t( v ) ) {}
+      constexpr uint32_t value() const { return uint32_t( high ) << 16 | low; }
+      bool operator==( const Half32& ) const = default;
+   };
+
    Wire::EthAddr macAddr_;
-   Wire::IpAddr vtepAddr_;
-   Keel::Seqno32 seqNo_;
+   Half32 vtepAddr_;
+   Half32 seqNo_;
    uint8_t preference_ = defaultPreference;
 };
+static_assert( sizeof( MacVtepV2 ) == 16 && alignof( MacVtepV2 ) == 2 );
 
 Mox::String valueToStrep( const MacVtepV2& v );
 std::ostream& operator<<( std::ostream& os, const MacVtepV2& v );

@@ -13,7 +13,6 @@ Demo::Demo( const DemoOptions& o ) : o_( o ), rng_( o.seed ) {
    const size_t n = vnis_.size();
    // controllerdb, one "vni" per VNI, its MACs, two flood VTEPs, synced.
    snapshotSize_ = 1 + n + n * o.macs + n * 2 + 1;
-   seq_.assign( n * o.macs, 1 );
 }
 
 Mac Demo::macOf( uint32_t vni, uint32_t i ) {
@@ -56,6 +55,12 @@ bool Demo::snapshot( std::vector< Event >& out, size_t max ) {
 }
 
 void Demo::churn( std::vector< Event >& out, size_t n ) {
+   if ( !churnStarted_ ) {
+      // Only churn needs a number per MAC: a run without it (most runs,
+      // --until-steady ones among them) does not pay for one.
+      churnStarted_ = true;
+      seq_.assign( vnis_.size() * o_.macs, 1 );
+   }
    if ( seq_.empty() ) {
       return;
    }

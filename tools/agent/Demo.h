@@ -58,7 +58,8 @@ class Demo {
    size_t snapshotSize_ = 0;
    size_t pos_ = 0;
    // Churn state: per (VNI index, MAC) its last sequence number, 0 = forgotten.
-   std::vector< uint32_t > seq_;
+   std::vector< uint32_t > seq_;   // per MAC, from the first churn on
+   bool churnStarted_ = false;
    std::vector< uint32_t > forgotten_;   // indices into seq_
    uint64_t churned_ = 0;
    std::optional< uint32_t > removed_;   // VNI index

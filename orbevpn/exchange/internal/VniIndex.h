@@ -3,8 +3,11 @@
 // VNI's records instead of the whole shared table.
 //
 // Per VNI it keeps a flat vector of the key's remainder (the key without its
-// VNI: 8 bytes for a host's MAC, 4 for a flood entry's VTEP), the number of
-// live keys and the number of removals not yet swept out of the vector.
+// VNI: a host's MAC, a flood entry's VTEP), the number of live keys and the
+// number of removals not yet swept out of the vector. A remainder is stored
+// in as many bytes as the VNI's widest one needs, not in its type's: a MAC
+// held in a 64-bit remainder takes 6, so a host costs the index 6 bytes
+// rather than 8.
 // Removal is lazy: it only counts. The vector is compacted (removed keys
 // dropped, keys removed and written again deduplicated) when a caller asks
 // for the VNI's keys, or when removals outnumber the live keys, so a VNI's
@@ -23,6 +26,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <type_traits>
 #include <unordered_map>
 #include <vector>
 
@@ -50,12 +54,12 @@ class VniIndex {
       clear();
       each( [ & ]( const Key& k ) {
          Bucket& b = buckets_[ Traits::indexVni( k ) ];
-         b.rest.push_back( Traits::indexRest( k ) );
+         b.push( Traits::indexRest( k ) );
          ++b.live;
       } );
       for ( auto& [ vni, b ] : buckets_ ) {
-         if ( b.rest.capacity() > b.rest.size() + b.rest.size() / 4 ) {
-            b.rest.shrink_to_fit();
+         if ( b.bytes.capacity() > b.bytes.size() + b.bytes.size() / 4 ) {
+            b.bytes.shrink_to_fit();
          }
       }
       built_ = true;
@@ -66,7 +70,7 @@ class VniIndex {
          return;
       }
       Bucket& b = buckets_[ Traits::indexVni( k ) ];
-      b.rest.push_back( Traits::indexRest( k ) );
+      b.push( Traits::indexRest( k ) );
       ++b.live;
    }
 
@@ -103,9 +107,10 @@ class VniIndex {
             return keys;
          }
       }
-      keys.reserve( it->second.rest.size() );
-      for ( const Rest& r : it->second.rest ) {
-         keys.push_back( Traits::indexKey( vni, r ) );
+      const Bucket& b = it->second;
+      keys.reserve( b.size() );
+      for ( size_t i = 0; i < b.size(); ++i ) {
+         keys.push_back( Traits::indexKey( vni, b.at( i ) ) );
       }
       return keys;
    }
@@ -115,24 +120,86 @@ class VniIndex {
    size_t keys() const {
       size_t n = 0;
       for ( const auto& [ vni, b ] : buckets_ ) {
-         n += b.rest.size();
+         n += b.size();
       }
       return n;
    }
    size_t bytes() const {
       size_t n = buckets_.bucket_count() * sizeof( void* );
       for ( const auto& [ vni, b ] : buckets_ ) {
-         n += b.rest.capacity() * sizeof( Rest ) + sizeof( Bucket ) + 2 * sizeof( void* ) +
-              sizeof( uint32_t );
+         n += b.bytes.capacity() + sizeof( Bucket ) + 2 * sizeof( void* ) + sizeof( uint32_t );
       }
       return n;
    }
 
  private:
+   static_assert( std::is_unsigned_v< Rest >, "VniIndex: a key's remainder is an unsigned integer" );
+
+   // Bytes that hold r: its value's low-order bytes up to the highest
+   // non-zero one (at least one).
+   static uint8_t widthOf( Rest r ) {
+      uint8_t w = 1;
+      while ( w < sizeof( Rest ) && ( r >> ( 8 * w ) ) != 0 ) {
+         ++w;
+      }
+      return w;
+   }
+
    struct Bucket {
-      std::vector< Rest > rest;
+      std::vector< uint8_t > bytes;   // `width` bytes per key, low-order byte first
       uint32_t live = 0;
       uint32_t stale = 0;   // removals since the last compaction
+      uint8_t width = 0;
+
+      size_t size() const { return width == 0 ? 0 : bytes.size() / width; }
+      Rest at( size_t i ) const {
+         const uint8_t* p = bytes.data() + i * width;
+         Rest r = 0;
+         for ( uint8_t j = width; j-- > 0; ) {
+            r = Rest( r << 8 | p[ j ] );
+         }
+         return r;
+      }
+      void push( Rest r ) {
+         const uint8_t w = widthOf( r );
+         if ( w > width ) {
+            widen( w );
+         }
+         const size_t end = bytes.size();
+         bytes.resize( end + width );
+         for ( uint8_t j = 0; j < width; ++j ) {
+            bytes[ end + j ] = uint8_t( r >> ( 8 * j ) );
+         }
+      }
+      // Every key stored again at `w` bytes: rare, as a VNI's keys tend to
+      // need the same width, and at most once per byte of Rest.
+      void widen( uint8_t w ) {
+         std::vector< Rest > all = unpack();
+         bytes.clear();
+         width = w;
+         bytes.reserve( all.size() * w );
+         for ( Rest r : all ) {
+            push( r );
+         }
+      }
+      std::vector< Rest > unpack() const {
+         std::vector< Rest > all( size() );
+         for ( size_t i = 0; i < all.size(); ++i ) {
+            all[ i ] = at( i );
+         }
+         return all;
+      }
+      void repack( const std::vector< Rest >& all ) {
+         uint8_t w = 0;
+         for ( Rest r : all ) {
+            w = std::max( w, widthOf( r ) );
+         }
+         bytes.clear();
+         width = w;
+         for ( Rest r : all ) {
+            push( r );
+         }
+      }
    };
    using Iterator = typename std::unordered_map< uint32_t, Bucket >::iterator;
 
@@ -144,16 +211,20 @@ class VniIndex {
    void compact( Iterator it, Present& present ) {
       const uint32_t vni = it->first;
       Bucket& b = it->second;
-      std::erase_if( b.rest,
+      std::vector< Rest > rest = b.unpack();
+      std::erase_if( rest,
                      [ & ]( const Rest& r ) { return !present( Traits::indexKey( vni, r ) ); } );
-      std::sort( b.rest.begin(), b.rest.end() );
-      b.rest.erase( std::unique( b.rest.begin(), b.rest.end() ), b.rest.end() );
-      MOX_ASSERT_MSG( b.rest.size() == b.live, "VniIndex: live count out of step" );
+      std::sort( rest.begin(), rest.end() );
+      rest.erase( std::unique( rest.begin(), rest.end() ), rest.end() );
+      MOX_ASSERT_MSG( rest.size() == b.live, "VniIndex: live count out of step" );
       b.stale = 0;
-      if ( b.rest.empty() ) {
+      if ( rest.empty() ) {
          buckets_.erase( it );
-      } else if ( b.rest.capacity() > 2 * b.rest.size() + 16 ) {
-         b.rest.shrink_to_fit();
+         return;
+      }
+      b.repack( rest );
+      if ( b.bytes.capacity() > 2 * b.bytes.size() + 16 * size_t( b.width ) ) {
+         b.bytes.shrink_to_fit();
       }
    }
 

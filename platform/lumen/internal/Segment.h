@@ -152,6 +152,11 @@ class SlotArray {
                               const RecordLayout& layout, uint64_t generation, uid_t owner,
                               const CorruptionHandler& handler );
    static uint32_t slotCountFor( uint32_t capacity );
+   // A copy-on-write mapping of this writer's own file (createFile): reads
+   // come from the file's pages and cost nothing, stores go to pages of the
+   // process's own, so the file keeps what it holds now. Empty when this is
+   // no file, or the name no longer leads to the file mapped here.
+   SlotArray privateView( const RecordLayout& layout ) const;
 
    explicit operator bool() const { return bool( map_ ); }
    // The file was truncated under a reader's mapping (see Mapping::guard).
@@ -200,6 +205,7 @@ class SlotArray {
    DataHeader& header() const { return *reinterpret_cast< DataHeader* >( map_.data() ); }
    Mapping map_;
    std::string file_;
+   FileIdentity identity_;   // of file_, when this writer created it
    uint8_t* slots_ = nullptr;
    uint64_t generation_ = 0;
    uint32_t slotCount_ = 0;

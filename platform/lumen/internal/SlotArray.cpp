@@ -184,6 +184,7 @@ SlotArray SlotArray::createFile( const std::string& root, const std::string& pat
       ::unlink( name.c_str() );
       raiseSizeError( name, err );
    }
+   FileIdentity identity = identityOf( file.fd() );
    Mapping map;
    try {
       map = mapClosing( file.release(), size, true );
@@ -192,7 +193,31 @@ SlotArray SlotArray::createFile( const std::string& root, const std::string& pat
       throw;
    }
    initData( map.data(), layout, capacity, slots, generation );
-   return fromMapping( std::move( map ), layout, name );
+   SlotArray t = fromMapping( std::move( map ), layout, name );
+   t.identity_ = identity;
+   return t;
+}
+
+SlotArray SlotArray::privateView( const RecordLayout& layout ) const {
+   if ( file_.empty() || !map_ ) {
+      return {};
+   }
+   int fd = ::open( file_.c_str(), O_RDONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC );
+   if ( fd < 0 ) {
+      return {};
+   }
+   FileIdentity now = identityOf( fd );
+   if ( now.device != identity_.device || now.inode != identity_.inode ||
+        fileSize( fd ) != map_.size() ) {
+      ::close( fd );
+      return {};
+   }
+   void* addr = ::mmap( nullptr, map_.size(), PROT_READ | PROT_WRITE, MAP_PRIVATE, fd, 0 );
+   ::close( fd );
+   if ( addr == MAP_FAILED ) {
+      return {};
+   }
+   return fromMapping( Mapping( addr, map_.size() ), layout, {} );
 }
 
 SlotArray SlotArray::openFile( const std::string& root, const std::string& path,

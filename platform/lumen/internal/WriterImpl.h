@@ -129,18 +129,27 @@ void Writer< Record >::detach() {
    if ( !control_ ) {
       return;
    }
-   auto copy = internal::SlotArray::createAnonymous( layout_, table_.capacity(),
-                                                     table_.generation() );
-   uint32_t count = 0;
-   for ( uint32_t i = 0; i < table_.slotCount(); ++i ) {
-      if ( ( table_.word( i ).load( std::memory_order_relaxed ) & 3 ) == internal::slotLive ) {
-         Record r = Ops::recordAt( table_, i );
-         auto f = Ops::find( copy, r.key(), path_, corruptionHandler_ );
-         Ops::store( copy, f.slot, &r, internal::slotLive );
-         ++count;
+   // From here on the file must keep what it holds, for readers and for the
+   // writer that takes the table over; what this writer does next is its
+   // own. A copy-on-write view of the file gives both without copying the
+   // table, whose pages the file holds anyway: only pages changed after the
+   // detach cost memory of their own. Where the file cannot be mapped
+   // again, the content is copied.
+   internal::SlotArray copy = table_.privateView( layout_ );
+   if ( !copy ) {
+      copy = internal::SlotArray::createAnonymous( layout_, table_.capacity(),
+                                                   table_.generation() );
+      uint32_t count = 0;
+      for ( uint32_t i = 0; i < table_.slotCount(); ++i ) {
+         if ( ( table_.word( i ).load( std::memory_order_relaxed ) & 3 ) == internal::slotLive ) {
+            Record r = Ops::recordAt( table_, i );
+            auto f = Ops::find( copy, r.key(), path_, corruptionHandler_ );
+            Ops::store( copy, f.slot, &r, internal::slotLive );
+            ++count;
+         }
       }
+      copy.liveCountIs( count );
    }
-   copy.liveCountIs( count );
    control_->markDetached();
    control_->wake();
    control_.reset();

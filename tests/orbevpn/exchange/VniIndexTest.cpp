@@ -93,6 +93,58 @@ TEST( VniIndex, IgnoresChangesUntilBuiltAndForgetsOnClear ) {
    EXPECT_EQ( t.index.keys(), 0u );
 }
 
+// Remainders are kept in as few bytes as the VNI's widest needs: keys of
+// every width, arriving narrow first and wide later (and the reverse),
+// through the build, later inserts and compactions, come back unchanged.
+TEST( VniIndex, KeysOfEveryWidthComeBackWhole ) {
+   using Key64 = std::pair< uint32_t, uint64_t >;
+   struct Traits64 {
+      using Key = Key64;
+      using IndexRest = uint64_t;
+      static uint32_t indexVni( const Key64& k ) { return k.first; }
+      static uint64_t indexRest( const Key64& k ) { return k.second; }
+      static Key64 indexKey( uint32_t vni, uint64_t rest ) { return { vni, rest }; }
+   };
+   std::set< Key64 > table;
+   OrbEvpn::internal::VniIndex< Traits64 > index;
+   auto present = [ & ]( const Key64& k ) { return table.contains( k ); };
+   auto insert = [ & ]( Key64 k ) {
+      if ( table.insert( k ).second ) index.inserted( k );
+   };
+   auto listed = [ & ]( uint32_t vni ) {
+      auto v = index.keysOf( vni, present );
+      std::sort( v.begin(), v.end() );
+      return v;
+   };
+   auto inTable = [ & ]( uint32_t vni ) {
+      std::vector< Key64 > v;
+      for ( const Key64& k : table ) {
+         if ( k.first == vni ) v.push_back( k );
+      }
+      return v;
+   };
+   std::vector< uint64_t > values{ 0, 1, 0xff, 0x100, 0xbeef, 0x12345678, 0x02a0b0c0d0e0ull,
+                                   0x0100000000000000ull, ~0ull };
+   for ( uint64_t v : values ) table.insert( { 7, v } );                     // narrow first
+   for ( auto v = values.rbegin(); v != values.rend(); ++v ) table.insert( { 8, *v } );   // wide first
+   index.build( [ & ]( auto&& f ) {
+      for ( const Key64& k : table ) f( k );
+   } );
+   EXPECT_EQ( listed( 7 ), inTable( 7 ) );
+   EXPECT_EQ( listed( 8 ), inTable( 8 ) );
+   insert( { 9, 0x42 } );
+   insert( { 9, 0x02a0b0c0d0e1ull } );   // widens a VNI first seen narrow
+   insert( { 9, 0x43 } );
+   EXPECT_EQ( listed( 9 ), inTable( 9 ) );
+   for ( uint64_t r = 0; r < 100; ++r ) insert( { 10, 0x0200000000ull + r } );
+   for ( uint64_t r = 0; r < 90; ++r ) {   // removals compact the VNI as they go
+      table.erase( { 10, 0x0200000000ull + r } );
+      index.removed( { 10, 0x0200000000ull + r }, present );
+   }
+   EXPECT_EQ( listed( 10 ), inTable( 10 ) );
+   EXPECT_EQ( index.keys(), table.size() );
+}
+
 TEST( VniIndexDeathTest, AChangeThatBypassedItIsFatal ) {
    Indexed t;
    t.insert( { 7, 1 } );

@@ -9,6 +9,7 @@
 #include <sys/mount.h>
 
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <random>
 #include <string>
@@ -305,4 +306,74 @@ TEST( LumenWriter, OpenTablesKeepTheirRootWhenItChanges ) {
    Lumen::Writer< HostRec > other;
    other.attach( "/lumen/moving" );   // the same path under the new root: another table
    EXPECT_EQ( other.count(), 0u );
+}
+
+namespace {
+
+std::string bytesOf( const std::string& name ) {
+   std::ifstream f( name, std::ios::binary );
+   return std::string( std::istreambuf_iterator< char >( f ), {} );
+}
+
+// Detaching, then overwriting, removing and adding (through growth), then
+// checking that the detached writer holds its own changes, the segment file
+// kept every byte it had at the detach, and a successor takes over exactly
+// that content.
+void detachThenChange( LumenRoot& root, const std::string& path, bool unlinkFirst ) {
+   const std::string flat = "lumen." + path.substr( path.rfind( '/' ) + 1 );
+   Lumen::Writer< HostRec > writer( HostRec{}, { 64, 1u << 20, 64 } );
+   writer.attach( path );
+   std::map< MacKey, HostRec > atDetach;
+   for ( uint32_t n = 0; n < 200; ++n ) {
+      writer.write( atDetach[ MacKey::of( n ) ] = HostRec::of( n, n ) );
+   }
+   writer.remove( MacKey::of( 199 ) );   // a tombstone in the detached table
+   atDetach.erase( MacKey::of( 199 ) );
+   const std::string data = root.file( fmt::format( "{}@{}", flat, generationOf( root, flat ) ) );
+   const std::string before = bytesOf( data );
+   std::string moved = data + ".aside";
+   if ( unlinkFirst ) {
+      // The name no longer leads to the mapped file: the detach must copy.
+      ASSERT_EQ( ::rename( data.c_str(), moved.c_str() ), 0 );
+   }
+   writer.detach();
+   EXPECT_FALSE( writer.attached() );
+   EXPECT_EQ( contentsOf( writer ), atDetach );
+
+   std::map< MacKey, HostRec > mine = atDetach;
+   for ( uint32_t n = 0; n < 50; ++n ) {
+      writer.write( mine[ MacKey::of( n ) ] = HostRec::of( n, n + 1000 ) );
+   }
+   for ( uint32_t n = 50; n < 100; ++n ) {
+      EXPECT_TRUE( writer.remove( MacKey::of( n ) ) );
+      mine.erase( MacKey::of( n ) );
+   }
+   for ( uint32_t n = 1000; n < 1400; ++n ) {   // grows the detached table
+      writer.write( mine[ MacKey::of( n ) ] = HostRec::of( n, n ) );
+   }
+   writer.sanityCheck();
+   EXPECT_EQ( writer.count(), mine.size() );
+   EXPECT_EQ( contentsOf( writer ), mine );
+
+   if ( unlinkFirst ) {
+      EXPECT_EQ( bytesOf( moved ), before );
+      ASSERT_EQ( ::rename( moved.c_str(), data.c_str() ), 0 );
+   } else {
+      EXPECT_EQ( bytesOf( data ), before ) << "the detached writer changed the shared segment";
+   }
+   Lumen::Writer< HostRec > successor( HostRec{}, { 64, 1u << 20, 64 } );
+   successor.attach( path );
+   EXPECT_EQ( contentsOf( successor ), atDetach );
+   successor.sanityCheck();
+}
+
+}  // namespace
+
+// A detached writer keeps its content and goes on changing it privately; the
+// segment stays as it was for readers and for the writer taking over, whether
+// the detach maps the file again or has to copy it.
+TEST( LumenWriter, DetachedWriterChangesOnlyItsOwnCopy ) {
+   LumenRoot root;
+   detachThenChange( root, "/lumen/detached", false );
+   detachThenChange( root, "/lumen/renamed", true );
 }
