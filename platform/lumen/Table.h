@@ -216,7 +216,8 @@ class Reader {
    bool sharedState( const Key& k, Record& out ) const;   // false: absent
    bool deliverable( const Record& r ) const { return !vacant_ || !vacant_( r ); }
    struct Changes;
-   void note( Changes& changes, const Key& k, const Record* now ) const;
+   void note( Changes& changes, const Key& k, uint32_t hash, const Record* now,
+              std::vector< uint64_t >* seen ) const;
    void gather();                                // queues what changed
    void resync( Changes& changes );              // queues every difference
    void remount();                               // the table was replaced
@@ -254,7 +255,9 @@ class Reader {
       MountStatus status;
       bool present;   // changed: the key's new state, applied to replica_
       Record value;
+      uint32_t hash = 0;   // changed: key.hash(), computed once per change
    };
+   void queueInDeliveryOrder( std::vector< Event >& events );   // a pass's events, to pending_
    // The control file of a table found damaged; {} when none. Until a
    // file that is not this one bears the table's name, the reader mounts
    // nothing and reports writerGone.
