@@ -72,10 +72,11 @@ class Collection {
    void set( const K& k, V v ) {
       if constexpr ( order == Order::ordered ) {
          // Keys often come in order (a table's dump, a resync's delivery):
-         // offered the place after the last one set, the tree inserts there
-         // without a search from the root (a wrong hint costs a compare or
-         // two before the plain search).
-         const auto hint = lastSetValid_ ? std::next( lastSet_ ) : map_.end();
+         // offered the last key set as a hint, the tree inserts next to it
+         // without a search from the root, and past the greatest key with
+         // no step at all (a wrong hint costs a compare or two before the
+         // plain search).
+         const auto hint = lastSetValid_ ? lastSet_ : map_.end();
          lastSet_ = map_.insert_or_assign( hint, k, std::move( v ) );
          lastSetValid_ = true;
       } else {

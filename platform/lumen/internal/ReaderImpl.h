@@ -97,6 +97,7 @@ template< class Record >
 struct Reader< Record >::Changes {
    std::vector< Event > events;
    std::vector< uint32_t > cells;
+   size_t adds = 0;   // events of keys the replica did not hold
 
    // The event queued for k, or null.
    Event* find( const Key& k, uint32_t hash ) {
@@ -105,6 +106,13 @@ struct Reader< Record >::Changes {
       }
       const uint32_t c = cells[ cellOf( k, hash ) ];
       return c ? &events[ c - 1 ] : nullptr;
+   }
+   // Fetches k's first cell early (its address only: harmless if the
+   // cells grow meanwhile).
+   void prefetch( uint32_t hash ) const {
+      if ( !cells.empty() ) {
+         __builtin_prefetch( &cells[ internal::mixHash( hash ) & ( cells.size() - 1 ) ] );
+      }
    }
    // Queues e (for k, not queued yet).
    void add( const Key& k, uint32_t hash, const Event& e ) {
@@ -688,6 +696,7 @@ void Reader< Record >::note( Changes& changes, const Key& k, uint32_t hash, cons
       *e = ev;
    } else {
       changes.add( k, hash, ev );
+      changes.adds += !f.present;
    }
 }
 
@@ -721,13 +730,28 @@ void Reader< Record >::resync( Changes& changes ) {
       const internal::SlotArray& shared = *t;
       auto ctx = stuckContext();
       const uint32_t n = shared.slotCount();
+      // Room for every key the pass may queue, so the events are not
+      // copied on the way up; pages not written cost nothing (the count is
+      // shared memory: bounded by the slots, whatever a damaged header says).
+      changes.events.reserve( std::min( shared.liveCount(), n ) );
       // The replica is probed at random: its home for the key `ahead`
       // slots on is fetched early, so that many misses are in flight while
       // the pass compares. The key is read unchecked, for the address only.
+      // Its hash is kept for when the pass gets there, if the key is still
+      // the same then.
       constexpr uint32_t ahead = 16;
+      // Each entry is a key and its hash, whatever the slot held.
+      Key aheadKeys[ ahead ] = {};
+      uint32_t aheadHashes[ ahead ];
+      std::fill( aheadHashes, aheadHashes + ahead, Key{}.hash() );
       auto prefetchHome = [ & ]( uint32_t j ) {
          if ( ( shared.word( j ).load( std::memory_order_relaxed ) & 3 ) == internal::slotLive ) {
-            __builtin_prefetch( mine.slot( mine.home( Ops::recordAt( shared, j ).key().hash() ) ) );
+            const Key k = Ops::recordAt( shared, j ).key();
+            const uint32_t h = k.hash();
+            aheadKeys[ j % ahead ] = k;
+            aheadHashes[ j % ahead ] = h;
+            __builtin_prefetch( mine.slot( mine.home( h ) ) );
+            changes.prefetch( h );
          }
       };
       for ( uint32_t j = 0; j < std::min( ahead, n ); ++j ) {
@@ -740,7 +764,8 @@ void Reader< Record >::resync( Changes& changes ) {
          try {
             if ( Ops::read( shared, i, r, ctx ) == internal::slotLive ) {
                const Key k = r.key();
-               note( changes, k, k.hash(), &r, &seen );
+               const bool known = aheadKeys[ i % ahead ] == k;
+               note( changes, k, known ? aheadHashes[ i % ahead ] : k.hash(), &r, &seen );
             }
          } catch ( const Fable::CorruptionDetectedException& ) {
             // A slot its dead writer left mid-update, already reported to
@@ -764,6 +789,7 @@ void Reader< Record >::resync( Changes& changes ) {
    }
    cursor_ = head;
    synced_ = control_ != nullptr;
+   reserveReplica( changes.adds );
    pending_.push_back( { Event::quiescedTrue, {}, {}, false, default_ } );
    queueInDeliveryOrder( changes.events );
    pending_.push_back( { Event::quiescedFalse, {}, {}, false, default_ } );
@@ -771,6 +797,27 @@ void Reader< Record >::resync( Changes& changes ) {
    // freed by the end of delivery but kept by the heap.
    constexpr size_t trimAbove = 16384;
    trimAfterDelivery_ = trimAfterDelivery_ || changes.events.size() > trimAbove;
+}
+
+// A pass may add far more keys than the replica holds (the first catch-up
+// of a reader lapped while its writer filled the table): grown once to hold
+// them all, rather than doubled step by step with every key moved at each
+// step. Until they are delivered, the replica does not shrink below that.
+template< class Record >
+void Reader< Record >::reserveReplica( size_t adds ) {
+   const uint64_t need = uint64_t( replica_.count() ) + adds;
+   const uint32_t most = replica_.options_.maxCapacity;
+   if ( need <= replica_.capacity() || replica_.capacity() >= most ) {
+      return;
+   }
+   uint64_t capacity = replica_.capacity();
+   while ( capacity < need && capacity < most ) {
+      capacity *= 2;
+   }
+   capacity = std::min< uint64_t >( capacity, most );
+   replica_.rebuild( uint32_t( capacity ) );
+   replica_.options_.initialCapacity = uint32_t( capacity );
+   replicaReserved_ = true;
 }
 
 // A pass queues keys in the order of their homes in shared memory, which
@@ -793,6 +840,7 @@ void Reader< Record >::queueInDeliveryOrder( std::vector< Event >& events ) {
       }
       std::sort( order.begin(), order.end(),
                  []( const auto& a, const auto& b ) { return a.first < b.first; } );
+      pending_.reserve( order.size() + 1 );
       for ( const auto& [ k, i ] : order ) {
          pending_.push_back( events[ i ] );
       }
@@ -962,6 +1010,10 @@ void Reader< Record >::dispatch() {
    deliver();
    gather();
    deliver();
+   if ( replicaReserved_ && pending_.empty() ) {
+      replicaReserved_ = false;
+      replica_.options_.initialCapacity = internal::replicaOptions().initialCapacity;
+   }
    if ( trimAfterDelivery_ && pending_.empty() ) {
       trimAfterDelivery_ = false;
       pending_.shrink_to_fit();
