@@ -730,10 +730,11 @@ void Reader< Record >::resync( Changes& changes ) {
       const internal::SlotArray& shared = *t;
       auto ctx = stuckContext();
       const uint32_t n = shared.slotCount();
-      // Room for every key the pass may queue, so the events are not
-      // copied on the way up; pages not written cost nothing (the count is
-      // shared memory: bounded by the slots, whatever a damaged header says).
-      changes.events.reserve( std::min( shared.liveCount(), n ) );
+      // Room for every key the pass may queue, so that neither the events
+      // are copied nor the cells rehashed (at random) on the way up; event
+      // pages not written cost nothing (the count is shared memory: bounded
+      // by the slots, whatever a damaged header says).
+      changes.reserve( std::min( shared.liveCount(), n ) );
       // The replica is probed at random: its home for the key `ahead`
       // slots on is fetched early, so that many misses are in flight while
       // the pass compares. The key is read unchecked, for the address only.
