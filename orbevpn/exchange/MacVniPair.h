@@ -39,10 +39,11 @@ class MacVniPair {
       return macAddr_ == o.macAddr_ && vni_ == o.vni_;
    }
    bool operator<( const MacVniPair& o ) const {
-      if ( !( macAddr_ == o.macAddr_ ) ) {
-         return macAddr_ < o.macAddr_;
-      }
-      return vni_.value() < o.vni_.value();
+      // One three-way compare of the MACs, not an equality test and then an
+      // ordering: sorting a reader's catch-up compares keys a few million
+      // times.
+      const auto byMac = macAddr_ <=> o.macAddr_;
+      return byMac != 0 ? byMac < 0 : vni_.value() < o.vni_.value();
    }
    uint32_t hash() const;
 

@@ -78,14 +78,24 @@ void OrbEvpnRxSm::deleteHostEntry( const OrbEvpn::MacVniPair& key ) {
 }
 
 void OrbEvpnRxSm::handleHost( const OrbEvpn::MacVniPair& key ) {
-   Mox::Ptr< const OrbEvpn::HostTable > table = hostTable();
+   // Once per imported change: plain pointers rather than counted ones (a
+   // pair of locked operations each), the reactor holding the table and the
+   // directory the status.
+   const auto* table = hostTable_ ? static_cast< const OrbEvpn::HostTable* >(
+                                       hostTable_->NotifieeConst::notifier() )
+                                  : nullptr;
    // A corrupt record reads as absent (the table reports the corruption).
    const OrbEvpn::Host host = table ? table->host( key ) : OrbEvpn::Host();
    if ( hostAbsent( host ) ) {
       deleteHostEntry( key );
       return;
    }
-   Mox::Ptr< VniStatusV2 > vniStatus = vniStatusDir_->vniStatusV2Is( key.vni() );
+   VniStatusV2* vniStatus;
+   if ( const Mox::Ptr< VniStatusV2 >* filed = vniStatusDir_->vniStatusV2Coll().find( key.vni() ) ) {
+      vniStatus = filed->ptr();
+   } else {
+      vniStatus = vniStatusDir_->vniStatusV2Is( key.vni() ).ptr();
+   }
    vniStatus->macVtepTableIs(
       MacVtepV2( key.macAddr(), host.vtepAddr(), host.seqNo(), host.preference() ) );
 }

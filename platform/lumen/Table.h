@@ -218,7 +218,8 @@ class Reader {
    bool sharedState( const Key& k, Record& out ) const;   // false: absent
    bool deliverable( const Record& r ) const { return !vacant_ || !vacant_( r ); }
    struct Changes;
-   void note( Changes& changes, const Key& k, const Record* now ) const;
+   void note( Changes& changes, const Key& k, uint32_t hash, const Record* now,
+              std::vector< uint64_t >* seen ) const;
    void gather();                                // queues what changed
    void resync( Changes& changes );              // queues every difference
    void remount();                               // the table was replaced
@@ -256,7 +257,10 @@ class Reader {
       MountStatus status;
       bool present;   // changed: the key's new state, applied to replica_
       Record value;
+      uint32_t hash = 0;   // changed: key.hash(), computed once per change
    };
+   void queueInDeliveryOrder( std::vector< Event >& events );   // a pass's events, to pending_
+   void reserveReplica( size_t adds );   // room for a pass's additions
    // The control file of a table found damaged; {} when none. Until a
    // file that is not this one bears the table's name, the reader mounts
    // nothing and reports writerGone.
@@ -267,12 +271,38 @@ class Reader {
    // compares the shared table with. Unattached, so process memory only.
    Writer< Record > replica_;
    MountStatus reportedStatus_ = MountStatus::unmounted;
-   std::deque< Event > pending_;   // gathered, not yet delivered
+   // Gathered, not yet delivered: a vector and the place of its first
+   // event, so that a pass's million events are one allocation rather than
+   // a block per few events, and are read in place.
+   struct Pending {
+      std::vector< Event > v;
+      size_t head = 0;
+      bool empty() const { return head == v.size(); }
+      size_t size() const { return v.size() - head; }
+      const Event& operator[]( size_t i ) const { return v[ head + i ]; }
+      const Event& front() const { return v[ head ]; }
+      void pop_front() {
+         if ( ++head == v.size() ) {
+            v.clear();
+            head = 0;
+         }
+      }
+      void push_back( const Event& e ) { v.push_back( e ); }
+      void reserve( size_t more ) { v.reserve( v.size() + more ); }
+      void shrink_to_fit() {
+         if ( empty() ) {
+            std::vector< Event >().swap( v );   // `v = {}` would keep the capacity
+            head = 0;
+         }
+      }
+   };
+   Pending pending_;
    bool dispatching_ = false;
    // A resync queued enough to leave megabytes of freed heap behind once
    // delivered: handed back to the system then, or a reader lapped once
    // under load keeps the memory of its largest catch-up for good.
    bool trimAfterDelivery_ = false;
+   bool replicaReserved_ = false;   // replica_ grown for a pass: no shrink until delivered
 };
 
 }  // namespace Lumen

@@ -70,7 +70,18 @@ class Collection {
 
    // Insert or replace, then notify (also when the value did not change).
    void set( const K& k, V v ) {
-      map_.insert_or_assign( k, std::move( v ) );
+      if constexpr ( order == Order::ordered ) {
+         // Keys often come in order (a table's dump, a resync's delivery):
+         // offered the last key set as a hint, the tree inserts next to it
+         // without a search from the root, and past the greatest key with
+         // no step at all (a wrong hint costs a compare or two before the
+         // plain search).
+         const auto hint = lastSetValid_ ? lastSet_ : map_.end();
+         lastSet_ = map_.insert_or_assign( hint, k, std::move( v ) );
+         lastSetValid_ = true;
+      } else {
+         map_.insert_or_assign( k, std::move( v ) );
+      }
       ++version_;
       notify( k );
    }
@@ -98,6 +109,11 @@ class Collection {
       }
       std::optional< V > old( std::move( it->second ) );
       K key = it->first;
+      if constexpr ( order == Order::ordered ) {
+         if ( lastSetValid_ && lastSet_ == it ) {
+            lastSetValid_ = false;
+         }
+      }
       map_.erase( it );
       ++version_;
       notify( key );
@@ -185,6 +201,8 @@ class Collection {
    AttributeId id_;
    V default_;
    Map map_;
+   typename Map::iterator lastSet_{};   // ordered: where set() last put a key
+   bool lastSetValid_ = false;
    uint64_t version_ = 0;
 };
 

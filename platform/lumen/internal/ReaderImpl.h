@@ -61,11 +61,100 @@ inline void prefault( const uint8_t* begin, const uint8_t* end, int advice ) {
 
 }  // namespace internal
 
-// The keys one gather() found changed, by key: their events in pending_.
+// Where a key is in a writer-side table, from its hash computed once by the
+// caller (the replica is private: no concurrent writer, no retries).
+template< class Record >
+typename internal::SlotOps< Record >::Found
+findWithHash( const internal::SlotArray& t, const typename internal::SlotOps< Record >::Key& k,
+              uint32_t hash, const std::string& path, const CorruptionHandler& handler ) {
+   const uint32_t n = t.slotCount();
+   uint32_t i = t.home( hash );
+   uint32_t freeSlot = internal::noSlot;
+   for ( uint32_t steps = 0; steps < n; ++steps, i = i + 1 == n ? 0 : i + 1 ) {
+      const uint32_t state = t.word( i ).load( std::memory_order_relaxed ) & 3;
+      if ( state == internal::slotEmpty ) {
+         return { false, freeSlot != internal::noSlot ? freeSlot : i };
+      }
+      if ( state == internal::slotTombstone ) {
+         freeSlot = freeSlot != internal::noSlot ? freeSlot : i;
+      } else if ( state == internal::slotLive ) [[likely]] {
+         if ( internal::SlotOps< Record >::recordAt( t, i ).key() == k ) {
+            return { true, i };
+         }
+      } else {
+         // The writer's own find reports the busy slot.
+         return internal::SlotOps< Record >::find( t, k, path, handler );
+      }
+   }
+   return internal::SlotOps< Record >::find( t, k, path, handler );
+}
+
+// The keys one gather() found changed: their events, and where each key's
+// event is, in a flat table over the key's hash (a cell holds an event's
+// index plus one; zero is empty). Flat, so that noting a change allocates
+// nothing of its own: a node per key was a malloc and a free per change.
 template< class Record >
 struct Reader< Record >::Changes {
-   std::unordered_map< Key, size_t, KeyHash > queued;
    std::vector< Event > events;
+   std::vector< uint32_t > cells;
+   size_t adds = 0;   // events of keys the replica did not hold
+
+   // The event queued for k, or null.
+   Event* find( const Key& k, uint32_t hash ) {
+      if ( cells.empty() ) {
+         return nullptr;
+      }
+      const uint32_t c = cells[ cellOf( k, hash ) ];
+      return c ? &events[ c - 1 ] : nullptr;
+   }
+   // Fetches k's first cell early (its address only: harmless if the
+   // cells grow meanwhile).
+   void prefetch( uint32_t hash ) const {
+      if ( !cells.empty() ) {
+         __builtin_prefetch( &cells[ internal::mixHash( hash ) & ( cells.size() - 1 ) ] );
+      }
+   }
+   // Queues e (for k, not queued yet).
+   void add( const Key& k, uint32_t hash, const Event& e ) {
+      if ( ( events.size() + 1 ) * 2 > cells.size() ) {
+         grow( events.size() + 1 );
+      }
+      cells[ cellOf( k, hash ) ] = uint32_t( events.size() + 1 );
+      events.push_back( e );
+   }
+   // Room for n events without regrowing the cells.
+   void reserve( size_t n ) {
+      events.reserve( n );
+      if ( n * 2 > cells.size() ) {
+         grow( n );
+      }
+   }
+
+ private:
+   size_t cellOf( const Key& k, uint32_t hash ) const {
+      const size_t mask = cells.size() - 1;
+      for ( size_t i = internal::mixHash( hash ) & mask;; i = ( i + 1 ) & mask ) {
+         const uint32_t c = cells[ i ];
+         if ( c == 0 || events[ c - 1 ].key == k ) {
+            return i;
+         }
+      }
+   }
+   void grow( size_t n ) {
+      size_t size = 1024;
+      while ( size < n * 2 ) {
+         size *= 2;
+      }
+      cells.assign( size, 0 );
+      const size_t mask = size - 1;
+      for ( uint32_t j = 0; j < events.size(); ++j ) {
+         size_t i = internal::mixHash( events[ j ].hash ) & mask;
+         while ( cells[ i ] ) {
+            i = ( i + 1 ) & mask;
+         }
+         cells[ i ] = j + 1;
+      }
+   }
 };
 
 template< class Record >
@@ -575,24 +664,39 @@ bool Reader< Record >::readFeed( std::vector< Key >& keys ) {
 // delivered, and queues k with its new state if they differ. A key noted
 // again in the same gather (repeated in the feed, or moved under a pass)
 // keeps its first place and takes the later state; if that is the delivered
-// one after all, nothing is reported.
+// one after all, nothing is reported. `hash` is k.hash(). `seen`, in a full
+// pass, marks the replica slots of the keys noted: a key whose replica slot
+// was not marked yet cannot have been queued, and needs no search for it.
 template< class Record >
-void Reader< Record >::note( Changes& changes, const Key& k, const Record* now ) const {
+void Reader< Record >::note( Changes& changes, const Key& k, uint32_t hash, const Record* now,
+                             std::vector< uint64_t >* seen ) const {
    if ( now && !deliverable( *now ) ) {
       now = nullptr;
    }
-   Record mine;
-   bool had = deliveredState( k, mine );
-   bool differs = had != ( now != nullptr ) ||
-                  ( had && std::memcmp( static_cast< const void* >( &mine ),
-                                        static_cast< const void* >( now ), sizeof( Record ) ) != 0 );
-   Event e{ differs ? Event::changed : Event::none, k, {}, now != nullptr, now ? *now : default_ };
-   auto it = changes.queued.find( k );
-   if ( it != changes.queued.end() ) {
-      changes.events[ it->second ] = e;
-   } else if ( differs ) {
-      changes.queued.emplace( k, changes.events.size() );
-      changes.events.push_back( e );
+   const internal::SlotArray& mine = replica_.table_;
+   const auto f = findWithHash< Record >( mine, k, hash, path_, corruptionHandler_ );
+   const bool differs =
+      f.present != ( now != nullptr ) ||
+      ( f.present && std::memcmp( mine.record( f.slot ), static_cast< const void* >( now ),
+                                  sizeof( Record ) ) != 0 );
+   bool queued = true;
+   if ( f.present && seen ) {
+      uint64_t& w = ( *seen )[ f.slot / 64 ];
+      const uint64_t bit = uint64_t( 1 ) << ( f.slot % 64 );
+      queued = ( w & bit ) != 0;
+      w |= bit;
+   }
+   Event* e = queued ? changes.find( k, hash ) : nullptr;
+   if ( !e && !differs ) {
+      return;
+   }
+   const Event ev{ differs ? Event::changed : Event::none, k, {}, now != nullptr,
+                   now ? *now : default_, hash };
+   if ( e ) {
+      *e = ev;
+   } else {
+      changes.add( k, hash, ev );
+      changes.adds += !f.present;
    }
 }
 
@@ -616,21 +720,53 @@ template< class Record >
 void Reader< Record >::resync( Changes& changes ) {
    uint64_t head = control_ ? control_->header().feedHead.load( std::memory_order_acquire ) : 0;
    const internal::SlotArray* t = control_ ? current() : nullptr;
+   const internal::SlotArray& mine = replica_.table_;
+   // The replica slots whose keys the shared pass met: only the others can
+   // be gone (or have been passed over while they moved).
+   std::vector< uint64_t > seen( ( size_t( mine.slotCount() ) + 63 ) / 64 );
    Record r;
    if ( t ) {
       // Nothing in this loop remaps: t stays valid throughout.
       const internal::SlotArray& shared = *t;
       auto ctx = stuckContext();
-      // Sized once for every key the pass may queue, rather than rehashed
-      // a dozen times on the way up (the count is shared memory: bounded
+      const uint32_t n = shared.slotCount();
+      // Room for every key the pass may queue, so that neither the events
+      // are copied nor the cells rehashed (at random) on the way up; event
+      // pages not written cost nothing (the count is shared memory: bounded
       // by the slots, whatever a damaged header says).
-      const size_t live = std::min( shared.liveCount(), shared.slotCount() );
-      changes.queued.reserve( live + replica_.count() );
-      changes.events.reserve( live );
-      for ( uint32_t i = 0; i < shared.slotCount(); ++i ) {
+      changes.reserve( std::min( shared.liveCount(), n ) );
+      // The replica is probed at random: its home for the key `ahead`
+      // slots on is fetched early, so that many misses are in flight while
+      // the pass compares. The key is read unchecked, for the address only.
+      // Its hash is kept for when the pass gets there, if the key is still
+      // the same then.
+      constexpr uint32_t ahead = 16;
+      // Each entry is a key and its hash, whatever the slot held.
+      Key aheadKeys[ ahead ] = {};
+      uint32_t aheadHashes[ ahead ];
+      std::fill( aheadHashes, aheadHashes + ahead, Key{}.hash() );
+      auto prefetchHome = [ & ]( uint32_t j ) {
+         if ( ( shared.word( j ).load( std::memory_order_relaxed ) & 3 ) == internal::slotLive ) {
+            const Key k = Ops::recordAt( shared, j ).key();
+            const uint32_t h = k.hash();
+            aheadKeys[ j % ahead ] = k;
+            aheadHashes[ j % ahead ] = h;
+            __builtin_prefetch( mine.slot( mine.home( h ) ) );
+            changes.prefetch( h );
+         }
+      };
+      for ( uint32_t j = 0; j < std::min( ahead, n ); ++j ) {
+         prefetchHome( j );
+      }
+      for ( uint32_t i = 0; i < n; ++i ) {
+         if ( i + ahead < n ) {
+            prefetchHome( i + ahead );
+         }
          try {
             if ( Ops::read( shared, i, r, ctx ) == internal::slotLive ) {
-               note( changes, r.key(), &r );
+               const Key k = r.key();
+               const bool known = aheadKeys[ i % ahead ] == k;
+               note( changes, k, known ? aheadHashes[ i % ahead ] : k.hash(), &r, &seen );
             }
          } catch ( const Fable::CorruptionDetectedException& ) {
             // A slot its dead writer left mid-update, already reported to
@@ -638,35 +774,84 @@ void Reader< Record >::resync( Changes& changes ) {
          }
       }
    }
-   // Delivered keys the pass did not queue: gone, or passed over while they
+   // Delivered keys the pass did not meet: gone, or passed over while they
    // moved; a probe tells which.
-   const internal::SlotArray& mine = replica_.table_;
    for ( uint32_t i = 0; i < mine.slotCount(); ++i ) {
-      if ( ( mine.word( i ).load( std::memory_order_relaxed ) & 3 ) != internal::slotLive ) {
+      if ( ( seen[ i / 64 ] >> ( i % 64 ) & 1 ) != 0 ||
+           ( mine.word( i ).load( std::memory_order_relaxed ) & 3 ) != internal::slotLive ) {
          continue;
       }
-      Key k = Ops::recordAt( mine, i ).key();
-      if ( changes.queued.count( k ) ) {
-         continue;
-      }
+      const Key k = Ops::recordAt( mine, i ).key();
       try {
-         note( changes, k, sharedState( k, r ) ? &r : nullptr );
+         note( changes, k, k.hash(), sharedState( k, r ) ? &r : nullptr, nullptr );
       } catch ( const Fable::CorruptionDetectedException& ) {
          // Left as delivered: a lookup of it reports the damage.
       }
    }
    cursor_ = head;
    synced_ = control_ != nullptr;
+   reserveReplica( changes.adds );
    pending_.push_back( { Event::quiescedTrue, {}, {}, false, default_ } );
-   // Scattered: the pass queued keys in the order of their homes, and
-   // deliver() inserts them into the replica in queue order.
-   internal::forEachScattered( uint32_t( changes.events.size() ),
-                               [ & ]( uint32_t i ) { pending_.push_back( changes.events[ i ] ); } );
+   queueInDeliveryOrder( changes.events );
    pending_.push_back( { Event::quiescedFalse, {}, {}, false, default_ } );
-   // The pass's map and the queued events come to about a hundred bytes a
-   // changed key, all freed by the end of delivery but kept by the heap.
+   // The pass's events come to about a hundred bytes a changed key, all
+   // freed by the end of delivery but kept by the heap.
    constexpr size_t trimAbove = 16384;
    trimAfterDelivery_ = trimAfterDelivery_ || changes.events.size() > trimAbove;
+}
+
+// A pass may add far more keys than the replica holds (the first catch-up
+// of a reader lapped while its writer filled the table): grown once to hold
+// them all, rather than doubled step by step with every key moved at each
+// step. Until they are delivered, the replica does not shrink below that.
+template< class Record >
+void Reader< Record >::reserveReplica( size_t adds ) {
+   const uint64_t need = uint64_t( replica_.count() ) + adds;
+   const uint32_t most = replica_.options_.maxCapacity;
+   if ( need <= replica_.capacity() || replica_.capacity() >= most ) {
+      return;
+   }
+   uint64_t capacity = replica_.capacity();
+   while ( capacity < need && capacity < most ) {
+      capacity *= 2;
+   }
+   capacity = std::min< uint64_t >( capacity, most );
+   replica_.rebuild( uint32_t( capacity ) );
+   replica_.options_.initialCapacity = uint32_t( capacity );
+   replicaReserved_ = true;
+}
+
+// A pass queues keys in the order of their homes in shared memory, which
+// deliver() must not hand to the growing replica as they are (they would
+// pile up in its first slots). Keys with an order go in that order: a
+// consumer that files them in ordered containers then inserts each next to
+// the one before, rather than at random. Others go scattered.
+template< class Record >
+void Reader< Record >::queueInDeliveryOrder( std::vector< Event >& events ) {
+   if constexpr ( requires( const Key& a, const Key& b ) {
+                     { a < b } -> std::convertible_to< bool >;
+                  } ) {
+      // Sorted as (key, index) pairs: a fraction of the events' bytes to move.
+      std::vector< std::pair< Key, uint32_t > > order;
+      order.reserve( events.size() );
+      for ( uint32_t i = 0; i < events.size(); ++i ) {
+         if ( events[ i ].kind != Event::none ) {
+            order.emplace_back( events[ i ].key, i );
+         }
+      }
+      std::sort( order.begin(), order.end(),
+                 []( const auto& a, const auto& b ) { return a.first < b.first; } );
+      pending_.reserve( order.size() + 1 );
+      for ( const auto& [ k, i ] : order ) {
+         pending_.push_back( events[ i ] );
+      }
+   } else {
+      internal::forEachScattered( uint32_t( events.size() ), [ & ]( uint32_t i ) {
+         if ( events[ i ].kind != Event::none ) {
+            pending_.push_back( events[ i ] );
+         }
+      } );
+   }
 }
 
 template< class Record >
@@ -705,19 +890,43 @@ void Reader< Record >::gather() {
    std::vector< Key > keys;
    if ( control_ && synced_ && readFeed( keys ) ) {
       // One callback per changed key, in the order of first change.
-      changes.queued.reserve( keys.size() );
-      changes.events.reserve( keys.size() );
+      changes.reserve( keys.size() );
+      // Both probes of a key land at random: the homes of the key `ahead`
+      // places on are fetched early, so that many misses are in flight.
+      constexpr size_t ahead = 8;
+      uint32_t hashes[ ahead ];
+      // The generation mapped now, for the addresses only (sharedState()
+      // checks for a newer one, and reports damage, as it probes).
+      const internal::SlotArray* shared = current_ ? &current_ : nullptr;
+      const internal::SlotArray& mine = replica_.table_;
+      auto prefetch = [ & ]( size_t j ) {
+         const uint32_t h = keys[ j ].hash();
+         hashes[ j % ahead ] = h;
+         if ( shared ) {
+            __builtin_prefetch( shared->slot( shared->home( h ) ) );
+         }
+         __builtin_prefetch( mine.slot( mine.home( h ) ) );
+      };
+      for ( size_t j = 0; j < std::min( ahead, keys.size() ); ++j ) {
+         prefetch( j );
+      }
       Record r;
-      for ( const Key& k : keys ) {
+      for ( size_t j = 0; j < keys.size(); ++j ) {
+         const uint32_t h = hashes[ j % ahead ];
+         if ( j + ahead < keys.size() ) {
+            prefetch( j + ahead );
+         }
          try {
-            note( changes, k, sharedState( k, r ) ? &r : nullptr );
+            note( changes, keys[ j ], h, sharedState( keys[ j ], r ) ? &r : nullptr, nullptr );
          } catch ( const Fable::CorruptionDetectedException& ) {
             // Reported to the handler; the key stays as delivered, and a
             // shared lookup of it reports the damage to whoever asks.
          }
       }
       for ( const Event& e : changes.events ) {
-         pending_.push_back( e );
+         if ( e.kind != Event::none ) {
+            pending_.push_back( e );
+         }
       }
       return;
    }
@@ -745,12 +954,23 @@ void Reader< Record >::deliver() {
    auto onMountStatus = onMountStatus_;
    auto onQuiesced = onQuiesced_;
    auto onKey = onKey_;
+   constexpr size_t ahead = 8;
+   internal::SlotArray& mine = replica_.table_;
    while ( !pending_.empty() ) {
+      // The replica slot of a change a few events on, fetched early.
+      if ( pending_.size() > ahead && pending_[ ahead ].kind == Event::changed ) {
+         __builtin_prefetch( mine.slot( mine.home( pending_[ ahead ].hash ) ) );
+      }
       Event e = pending_.front();
       pending_.pop_front();
       if ( e.kind == Event::changed ) {
          if ( e.present ) {
-            replica_.write( e.value );
+            const auto f = findWithHash< Record >( mine, e.key, e.hash, path_, corruptionHandler_ );
+            if ( f.present ) {
+               Ops::store( mine, f.slot, &e.value, internal::slotLive );
+            } else {
+               replica_.insertNew( e.value, e.key, f.slot );
+            }
          } else {
             replica_.remove( e.key );
          }
@@ -791,6 +1011,10 @@ void Reader< Record >::dispatch() {
    deliver();
    gather();
    deliver();
+   if ( replicaReserved_ && pending_.empty() ) {
+      replicaReserved_ = false;
+      replica_.options_.initialCapacity = internal::replicaOptions().initialCapacity;
+   }
    if ( trimAfterDelivery_ && pending_.empty() ) {
       trimAfterDelivery_ = false;
       pending_.shrink_to_fit();

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -219,6 +220,44 @@ TEST( LumenReader, AKeyReAddedWhileDeliveredAndRemovedBeforeAResyncIsReportedGon
       EXPECT_FALSE( held.count( MacKey::of( 3 ) ) ) << "a removed key is held for good";
       EXPECT_EQ( held, contentsOf( *writer ) );
    }
+}
+
+// A resync hands its changes over in key order, removals, changes and
+// additions alike: a consumer that files keys in an ordered container then
+// inserts each next to the one before rather than at random.
+TEST( LumenReader, AResyncDeliversItsChangesInKeyOrder ) {
+   LumenRoot root;
+   Lumen::Writer< HostRec > writer( HostRec{}, { 64, 1u << 20, 8 } );
+   writer.attach( "/lumen/ordered" );
+   for ( uint32_t n = 0; n < 600; n += 3 ) {
+      writer.write( HostRec::of( n, 1 ) );
+   }
+   Lumen::Reader< HostRec > reader( "/lumen/ordered" );
+   std::vector< MacKey > keys;
+   std::vector< bool > quiesced;
+   reader.onKeyIs( [ & ]( const MacKey& k ) { keys.push_back( k ); } );
+   reader.onQuiescedIs( [ & ]( bool q ) { quiesced.push_back( q ); } );
+   // In no order, lapping the 8-entry feed many times over.
+   std::set< MacKey > expected;
+   for ( uint32_t i = 0; i < 600; ++i ) {
+      const uint32_t n = i * 97 % 600;
+      if ( n % 3 == 0 && n % 2 == 0 ) {
+         writer.remove( MacKey::of( n ) );
+         expected.insert( MacKey::of( n ) );
+      } else if ( n % 3 == 0 && n % 5 == 0 ) {
+         writer.write( HostRec::of( n, 2 ) );
+         expected.insert( MacKey::of( n ) );
+      } else if ( n % 3 != 0 && n % 4 == 0 ) {
+         writer.write( HostRec::of( n, 1 ) );
+         expected.insert( MacKey::of( n ) );
+      }
+   }
+   reader.dispatch();
+   EXPECT_EQ( quiesced, ( std::vector< bool >{ true, false } ) ) << "delivered from the feed, not a resync";
+   EXPECT_TRUE( std::is_sorted( keys.begin(), keys.end() ) );
+   EXPECT_EQ( keys.size(), expected.size() );
+   EXPECT_EQ( std::set< MacKey >( keys.begin(), keys.end() ), expected );
+   EXPECT_EQ( contentsOf( reader ), contentsOf( writer ) );
 }
 
 // A throw inside dispatch() (a damaged table, or a callback) loses no change

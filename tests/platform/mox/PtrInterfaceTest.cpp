@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -400,6 +401,48 @@ TYPED_TEST( CollectionTest, IterationVisitsEachKeyOnceInOrderAndToleratesDeletio
    }
    EXPECT_EQ( seen.size(), 6u );
    EXPECT_TRUE( this->t.empty() );
+}
+
+// Keys set in order, against it, at random, and around deletions of the key
+// set last (where an ordered collection offers its next insertion): the
+// content stays exactly what was set, each set notifying once.
+TYPED_TEST( CollectionTest, SetsInAnyOrderAroundDeletionsKeepExactlyWhatWasSet ) {
+   auto& t = this->t;
+   std::map< uint32_t, int > expected;
+   size_t changes = 0;   // sets, and deletions of a present key
+   auto set = [ & ]( uint32_t k, int v ) {
+      t.set( k, v );
+      expected[ k ] = v;
+      ++changes;
+   };
+   auto del = [ & ]( uint32_t k ) {
+      changes += t.del( k ).has_value();
+      expected.erase( k );
+   };
+   for ( uint32_t k = 10; k < 40; ++k ) {
+      set( k, int( k ) );
+   }
+   for ( uint32_t k = 9; k > 0; --k ) {
+      set( k, int( k ) );
+   }
+   for ( uint32_t i = 0; i < 200; ++i ) {
+      const uint32_t k = i * 7919 % 97;
+      set( k, int( i ) );
+      if ( i % 3 == 0 ) {
+         del( k );   // the key set last
+      }
+      if ( i % 5 == 0 ) {
+         del( ( k + 1 ) % 97 );   // the one the next ordered set would go before
+      }
+      set( k + 1000, int( i ) );
+   }
+   std::map< uint32_t, int > content;
+   for ( auto it = t.iterator(); !it.done(); ++it ) {
+      content[ it.key() ] = it.value();
+   }
+   EXPECT_EQ( content, expected );
+   EXPECT_EQ( t.size(), expected.size() );
+   EXPECT_EQ( this->rec->keys( tableId ).size(), changes );
 }
 
 }  // namespace
