@@ -12,7 +12,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <functional>
+#include <string>
 
 inline pid_t startChild( const std::function< int () >& body ) {
    pid_t pid = ::fork();
@@ -69,4 +71,14 @@ bool dispatchUntil( T& reader, Done done, int ms = 5000 ) {
       reader.dispatch();
    }
    return done();
+}
+
+// Running, not merely unreaped: a zombie, which an orphan stays until
+// whoever adopted it reaps it, counts as gone.
+inline bool isRunning( pid_t pid ) {
+   std::ifstream in( "/proc/" + std::to_string( pid ) + "/stat" );
+   std::string text;
+   std::getline( in, text );
+   auto close = text.rfind( ')' );
+   return close != std::string::npos && close + 2 < text.size() && text[ close + 2 ] != 'Z';
 }

@@ -3,6 +3,7 @@
 // real gobgpd processes (no BGP started: they only serve their API socket).
 // The departing run is a forked child that the test kills; the keeper runs
 // on a thread of the test.
+#include "tests/support/ChildProcess.h"
 #include "tools/bgp/Daemon.h"
 #include "tools/bgp/Handover.h"
 #include "tools/bgp/Keeper.h"
@@ -26,15 +27,6 @@ using namespace OrbEvpn::Bgp;
 using namespace std::chrono_literals;
 
 const char* gobgpd = "/usr/bin/gobgpd";
-
-// Running, not merely unreaped.
-bool running( pid_t pid ) {
-   std::ifstream in( "/proc/" + std::to_string( pid ) + "/stat" );
-   std::string text;
-   std::getline( in, text );
-   auto close = text.rfind( ')' );
-   return close != std::string::npos && close + 2 < text.size() && text[ close + 2 ] != 'Z';
-}
 
 // A process standing for a run of orbevpn-bgp (or any process of ours):
 // it waits until killed.
@@ -153,12 +145,12 @@ TEST_F( KeeperTest, StopsTheDaemonOfARunNobodyTookOverAfterTheWindow ) {
    Process owner;
    auto end = keeper( token, owner, 300ms );
    EXPECT_EQ( end.wait_for( 1s ), std::future_status::timeout ) << "the keeper acted while its run ran";
-   EXPECT_TRUE( running( daemon ) );
+   EXPECT_TRUE( isRunning( daemon ) );
 
    owner.end();
    ASSERT_EQ( end.wait_for( 20s ), std::future_status::ready );
    EXPECT_EQ( end.get(), KeeperEnd::stopped ) << log.str();
-   EXPECT_FALSE( running( daemon ) );
+   EXPECT_FALSE( isRunning( daemon ) );
    int status = 0;
    ASSERT_EQ( ::waitpid( daemon, &status, 0 ), daemon );
    EXPECT_TRUE( WIFEXITED( status ) ) << "not stopped by SIGTERM, as gobgpd's own shutdown";
@@ -182,7 +174,7 @@ TEST_F( KeeperTest, LeavesTheDaemonToASuccessorThatAdoptsIt ) {
    EXPECT_EQ( daemonOwner( dir + "/state" ), successor.ownerToken() );
    ASSERT_EQ( end.wait_for( 20s ), std::future_status::ready ) << "the keeper did not see the successor's claim";
    EXPECT_EQ( end.get(), KeeperEnd::takenOver );
-   EXPECT_TRUE( running( daemon ) );
+   EXPECT_TRUE( isRunning( daemon ) );
 }
 
 // A successor holding the lock is starting: past the window the keeper
@@ -196,11 +188,11 @@ TEST_F( KeeperTest, WaitsPastTheWindowForASuccessorThatHoldsTheLock ) {
    auto end = keeper( token, owner, 100ms );
    owner.end();
    EXPECT_EQ( end.wait_for( 1s ), std::future_status::timeout ) << log.str();
-   EXPECT_TRUE( running( daemon ) );
+   EXPECT_TRUE( isRunning( daemon ) );
    starting.reset();
    ASSERT_EQ( end.wait_for( 20s ), std::future_status::ready );
    EXPECT_EQ( end.get(), KeeperEnd::stopped ) << log.str();
-   EXPECT_FALSE( running( daemon ) );
+   EXPECT_FALSE( isRunning( daemon ) );
 }
 
 // Whatever the pid file names by the time the keeper looks (an unrelated
@@ -220,8 +212,8 @@ TEST_F( KeeperTest, SignalsNoProcessButAGobgpdOnItsOwnSocket ) {
       ASSERT_EQ( end.wait_for( 20s ), std::future_status::ready );
       EXPECT_EQ( end.get(), KeeperEnd::daemonGone ) << log.str();
    }
-   EXPECT_TRUE( running( unrelated.pid() ) );
-   EXPECT_TRUE( running( other ) );
+   EXPECT_TRUE( isRunning( unrelated.pid() ) );
+   EXPECT_TRUE( isRunning( other ) );
    EXPECT_EQ( openGobgpd( other, gobgpd, Daemon::socketPathIn( dir + "/state" ) ), -1 );
    int fd = openGobgpd( other, gobgpd, Daemon::socketPathIn( dir + "/other" ) );
    EXPECT_GE( fd, 0 );

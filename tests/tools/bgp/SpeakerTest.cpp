@@ -2,6 +2,7 @@
 // no BGP listener) and Lumen writers standing in for the agent's tables.
 #include "tools/bgp/Speaker.h"
 
+#include "tests/support/ChildProcess.h"
 #include "tests/support/LumenRoot.h"
 #include "tests/tools/common/AgentTables.h"
 #include "tools/bgp/GobgpClient.h"
@@ -40,15 +41,6 @@ Host hostOf( uint32_t vni, uint32_t i, uint32_t seq, uint8_t vtep = 1 ) {
    h.vtepAddrIs( Wire::IpAddr::fromOctets( 198, 18, 1, vtep ) );
    h.seqNoIs( Keel::Seqno32( seq ) );
    return h;
-}
-
-// Running, not merely unreaped (an orphan waits for whoever reaps it).
-bool running( pid_t pid ) {
-   std::ifstream in( "/proc/" + std::to_string( pid ) + "/stat" );
-   std::string text;
-   std::getline( in, text );
-   auto close = text.rfind( ')' );
-   return close != std::string::npos && close + 2 < text.size() && text[ close + 2 ] != 'Z';
 }
 
 // Steps the speaker until `done` holds or ten seconds pass.
@@ -214,7 +206,7 @@ TEST_F( SpeakerTest, NextRunTakesOverTheDaemonOfAKilledOne ) {
    pid_t firstDaemon = 0;
    std::ifstream( options().daemon.stateDir + "/gobgpd.pid" ) >> firstDaemon;
    ASSERT_GT( firstDaemon, 1 );
-   ASSERT_TRUE( running( firstDaemon ) ) << "gobgpd did not outlive the killed run";
+   ASSERT_TRUE( isRunning( firstDaemon ) ) << "gobgpd did not outlive the killed run";
    {
       Speaker second( options(), log );
       EXPECT_NE( log.str().find( "adopting the running gobgpd" ), std::string::npos ) << log.str();
@@ -226,7 +218,7 @@ TEST_F( SpeakerTest, NextRunTakesOverTheDaemonOfAKilledOne ) {
    }
    // The second run stopped the daemon it took over; one it did not take
    // over is ended here, not left behind.
-   if ( running( firstDaemon ) ) {
+   if ( isRunning( firstDaemon ) ) {
       ADD_FAILURE() << "the first run's gobgpd outlived the second run";
       ::kill( firstDaemon, SIGKILL );
    }
@@ -246,7 +238,7 @@ TEST_F( SpeakerTest, HandedOverDaemonGoesToTheNextRunWithItsRoutes ) {
       first.step();   // nothing left to do, and nothing fails
    }
    ASSERT_GT( daemon, 1 );
-   ASSERT_TRUE( running( daemon ) ) << "the handed-over gobgpd did not outlive its run";
+   ASSERT_TRUE( isRunning( daemon ) ) << "the handed-over gobgpd did not outlive its run";
    {
       Speaker second( options(), log );
       EXPECT_NE( log.str().find( fmt::format( "adopting the running gobgpd {}", daemon ) ), std::string::npos )
@@ -255,7 +247,7 @@ TEST_F( SpeakerTest, HandedOverDaemonGoesToTheNextRunWithItsRoutes ) {
       EXPECT_EQ( second.stats().routesAdded, 0u );
       EXPECT_EQ( second.stats().routesWithdrawn, 0u );
    }
-   EXPECT_FALSE( running( daemon ) ) << "the second run did not stop the daemon it took over";
+   EXPECT_FALSE( isRunning( daemon ) ) << "the second run did not stop the daemon it took over";
    ::waitpid( daemon, nullptr, 0 );   // our child: the first run forked it
 }
 
