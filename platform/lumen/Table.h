@@ -116,6 +116,8 @@ class Writer {
    using Ops = internal::SlotOps< Record >;
    void insertNew( const Record& r, const Key& k, uint32_t slot );   // slot: where find() put k
    void rebuild( uint32_t newCapacity );
+   // Puts every live record of this writer's table into `to`; returns how many.
+   uint32_t copyLiveInto( internal::SlotArray& to );
    void keepUndo( uint32_t slot );   // before slot's live record is overwritten
    void publish( const Key& k );
    void refreshStaged( const Key& k, const Record* now );   // now: null = removed

@@ -139,16 +139,7 @@ void Writer< Record >::detach() {
    if ( !copy ) {
       copy = internal::SlotArray::createAnonymous( layout_, table_.capacity(),
                                                    table_.generation() );
-      uint32_t count = 0;
-      for ( uint32_t i = 0; i < table_.slotCount(); ++i ) {
-         if ( ( table_.word( i ).load( std::memory_order_relaxed ) & 3 ) == internal::slotLive ) {
-            Record r = Ops::recordAt( table_, i );
-            auto f = Ops::find( copy, r.key(), path_, corruptionHandler_ );
-            Ops::store( copy, f.slot, &r, internal::slotLive );
-            ++count;
-         }
-      }
-      copy.liveCountIs( count );
+      copy.liveCountIs( copyLiveInto( copy ) );
    }
    control_->markDetached();
    control_->wake();
@@ -176,22 +167,27 @@ uint32_t Writer< Record >::shrinkTarget() const {
 }
 
 template< class Record >
+uint32_t Writer< Record >::copyLiveInto( internal::SlotArray& to ) {
+   uint32_t count = 0;
+   for ( uint32_t i = 0; i < table_.slotCount(); ++i ) {
+      if ( ( table_.word( i ).load( std::memory_order_relaxed ) & 3 ) == internal::slotLive ) {
+         Record r = Ops::recordAt( table_, i );
+         auto f = Ops::find( to, r.key(), path_, corruptionHandler_ );
+         Ops::store( to, f.slot, &r, internal::slotLive );
+         ++count;
+      }
+   }
+   return count;
+}
+
+template< class Record >
 void Writer< Record >::rebuild( uint32_t newCapacity ) {
    uint64_t generation = table_.generation() + 1;
    auto next = control_ ? internal::SlotArray::createFile( root_, path_, layout_, newCapacity,
                                                            generation,
                                                            internal::FileAccess::of( options_ ) )
                         : internal::SlotArray::createAnonymous( layout_, newCapacity, generation );
-   uint32_t count = 0;
-   for ( uint32_t i = 0; i < table_.slotCount(); ++i ) {
-      if ( ( table_.word( i ).load( std::memory_order_relaxed ) & 3 ) == internal::slotLive ) {
-         Record r = Ops::recordAt( table_, i );
-         auto f = Ops::find( next, r.key(), path_, corruptionHandler_ );
-         Ops::store( next, f.slot, &r, internal::slotLive );
-         ++count;
-      }
-   }
-   next.liveCountIs( count );
+   next.liveCountIs( copyLiveInto( next ) );
    if ( control_ ) {
       // Readers see the new generation from here on; ones still probing the
       // old mapping re-check the generation afterwards and retry.
