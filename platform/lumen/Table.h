@@ -311,3 +311,4 @@ class Reader {
 
 #include "platform/lumen/internal/WriterImpl.h"
 #include "platform/lumen/internal/ReaderImpl.h"
+#include "platform/lumen/internal/ReaderDelivery.h"

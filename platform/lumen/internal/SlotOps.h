@@ -1,6 +1,6 @@
 // Typed access to a SlotArray: probing, reading a slot whole, storing a
 // record, and the hint arithmetic of iteration. Shared by the Writer and the
-// Reader members (WriterImpl.h, ReaderImpl.h), which platform/lumen/Table.h
+// Reader members (WriterImpl.h, ReaderImpl.h, ReaderDelivery.h), which platform/lumen/Table.h
 // includes.
 //
 // Table scheme: open addressing with linear probing. A key's home slot is the
