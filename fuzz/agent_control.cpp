@@ -8,6 +8,7 @@
 #include "platform/lumen/Options.h"
 #include "platform/lumen/Table.h"
 #include "tools/agent/Agent.h"
+#include "tools/agent/Control.h"
 #include "tools/common/Boundary.h"
 #include "tools/common/BoundaryRecords.h"
 
@@ -52,16 +53,7 @@ std::string ask( std::string_view line, bool& connected ) {
          off += size_t( n );
       }
       ::shutdown( fd, SHUT_WR );
-      char buf[ 65536 ];
-      for ( ssize_t n; ( n = ::read( fd, buf, sizeof buf ) ) != 0; ) {
-         if ( n < 0 ) {
-            if ( errno == EINTR ) {
-               continue;
-            }
-            break;
-         }
-         reply.append( buf, size_t( n ) );
-      }
+      reply = Agent::readUntilClosed( fd );
    }
    if ( fd >= 0 ) {
       ::close( fd );

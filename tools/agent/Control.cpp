@@ -277,7 +277,18 @@ int controlClient( const std::string& path, const std::string& line ) {
    }
    writeAll( fd, line + "\n" );
    ::shutdown( fd, SHUT_WR );
-   std::string reply;
+   const std::string reply = readUntilClosed( fd );
+   ::close( fd );
+   const bool failed = reply.rfind( "error:", 0 ) == 0 || reply.empty();
+   std::fwrite( reply.data(), 1, reply.size(), failed ? stderr : stdout );
+   if ( reply.empty() ) {
+      std::fprintf( stderr, "orbevpn-agent ctl: the agent closed the connection without a reply\n" );
+   }
+   return failed ? 1 : 0;
+}
+
+std::string readUntilClosed( int fd ) {
+   std::string out;
    char buf[ 65536 ];
    for ( ssize_t n; ( n = ::read( fd, buf, sizeof buf ) ) != 0; ) {
       if ( n < 0 ) {
@@ -286,15 +297,9 @@ int controlClient( const std::string& path, const std::string& line ) {
          }
          break;
       }
-      reply.append( buf, size_t( n ) );
+      out.append( buf, size_t( n ) );
    }
-   ::close( fd );
-   const bool failed = reply.rfind( "error:", 0 ) == 0 || reply.empty();
-   std::fwrite( reply.data(), 1, reply.size(), failed ? stderr : stdout );
-   if ( reply.empty() ) {
-      std::fprintf( stderr, "orbevpn-agent ctl: the agent closed the connection without a reply\n" );
-   }
-   return failed ? 1 : 0;
+   return out;
 }
 
 }  // namespace Agent

@@ -82,4 +82,8 @@ class ControlServer {
 // stderr); returns the exit code: 0 answered, 1 refused or unreachable.
 int controlClient( const std::string& path, const std::string& line );
 
+// What the other end sends on `fd` until it closes (EINTR retried; an error
+// ends the read with what came before).
+std::string readUntilClosed( int fd );
+
 }  // namespace Agent

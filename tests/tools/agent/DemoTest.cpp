@@ -19,6 +19,29 @@ std::vector< Event > everything( const DemoOptions& o, size_t churn ) {
    return out;
 }
 
+// A whole snapshot, and what it announces per VNI.
+struct Snapshot {
+   std::vector< Event > events;
+   size_t announcedSize = 0;   // Demo::snapshotSize()
+   std::set< uint32_t > vnis;
+   std::map< uint32_t, std::set< Mac > > macs;
+   std::map< uint32_t, std::set< uint32_t > > flood;
+};
+
+Snapshot snapshotOf( const DemoOptions& o ) {
+   Demo d( o );
+   Snapshot s;
+   while ( d.snapshot( s.events, 1000 ) ) {
+   }
+   s.announcedSize = d.snapshotSize();
+   for ( const Event& e : s.events ) {
+      if ( e.op == Event::Op::vni ) s.vnis.insert( e.vni );
+      if ( e.op == Event::Op::mac ) s.macs[ e.vni ].insert( e.mac );
+      if ( e.op == Event::Op::flood ) s.flood[ e.vni ].insert( e.vtep );
+   }
+   return s;
+}
+
 }  // namespace
 
 TEST( Demo, SameOptionsSameEventsAndTheSeedMatters ) {
@@ -45,32 +68,26 @@ TEST( Demo, SnapshotHoldsEveryVniMacAndTwoFloodVtepsThenSynced ) {
    o.vnis = 4;
    o.macs = 300;
    o.skipVni = 2;
-   Demo d( o );
-   std::vector< Event > s;
-   while ( d.snapshot( s, 1000 ) ) {
-   }
-   ASSERT_EQ( s.size(), d.snapshotSize() );
+   Snapshot snap = snapshotOf( o );
+   const std::vector< Event >& s = snap.events;
+   ASSERT_EQ( s.size(), snap.announcedSize );
    EXPECT_EQ( s.size(), 1 + 3 + 3 * 300 + 3 * 2 + 1u );
    EXPECT_EQ( s.front().op, Event::Op::controllerdb );
    EXPECT_TRUE( s.front().value );
    EXPECT_EQ( s.back().op, Event::Op::synced );
-   std::map< uint32_t, std::set< Mac > > macs;
-   std::map< uint32_t, std::set< uint32_t > > flood;
-   std::set< uint32_t > vnis;
+   std::set< uint32_t > seen;
    for ( const Event& e : s ) {
       EXPECT_NE( e.vni, 2u ) << "the skipped VNI appears";
-      if ( e.op == Event::Op::vni ) vnis.insert( e.vni );
+      if ( e.op == Event::Op::vni ) seen.insert( e.vni );
       if ( e.op == Event::Op::mac ) {
-         EXPECT_TRUE( vnis.count( e.vni ) ) << "a MAC before its VNI";
-         macs[ e.vni ].insert( e.mac );
+         EXPECT_TRUE( seen.count( e.vni ) ) << "a MAC before its VNI";
          EXPECT_EQ( e.vtep >> 8, 0xC00002u ) << "not in 192.0.2.0/24";
       }
-      if ( e.op == Event::Op::flood ) flood[ e.vni ].insert( e.vtep );
    }
-   EXPECT_EQ( vnis, ( std::set< uint32_t >{ 1, 3, 4 } ) );
-   for ( uint32_t v : vnis ) {
-      EXPECT_EQ( macs[ v ].size(), 300u ) << v;
-      EXPECT_EQ( flood[ v ].size(), 2u ) << v;
+   EXPECT_EQ( snap.vnis, ( std::set< uint32_t >{ 1, 3, 4 } ) );
+   for ( uint32_t v : snap.vnis ) {
+      EXPECT_EQ( snap.macs[ v ].size(), 300u ) << v;
+      EXPECT_EQ( snap.flood[ v ].size(), 2u ) << v;
    }
 }
 
@@ -81,22 +98,13 @@ TEST( Demo, VanishEveryLeavesOutTheMultiplesOnly ) {
    o.vnis = 9;
    o.macs = 3;
    o.vanishEvery = 4;
-   Demo d( o );
-   std::vector< Event > s;
-   while ( d.snapshot( s, 1000 ) ) {
-   }
-   ASSERT_EQ( s.size(), d.snapshotSize() );
-   EXPECT_EQ( s.size(), 1 + 7 + 7 * 3 + 7 * 2 + 1u );
-   std::set< uint32_t > vnis;
-   std::map< uint32_t, std::set< Mac > > macs;
-   std::map< uint32_t, std::set< uint32_t > > flood;
-   for ( const Event& e : s ) {
-      if ( e.op == Event::Op::vni ) vnis.insert( e.vni );
-      if ( e.op == Event::Op::mac ) macs[ e.vni ].insert( e.mac );
-      if ( e.op == Event::Op::flood ) flood[ e.vni ].insert( e.vtep );
-   }
-   EXPECT_EQ( vnis, ( std::set< uint32_t >{ 1, 2, 3, 5, 6, 7, 9 } ) );
-   for ( uint32_t v : vnis ) {
+   Snapshot snap = snapshotOf( o );
+   ASSERT_EQ( snap.events.size(), snap.announcedSize );
+   EXPECT_EQ( snap.events.size(), 1 + 7 + 7 * 3 + 7 * 2 + 1u );
+   EXPECT_EQ( snap.vnis, ( std::set< uint32_t >{ 1, 2, 3, 5, 6, 7, 9 } ) );
+   for ( uint32_t v : snap.vnis ) {
+      auto& macs = snap.macs;
+      auto& flood = snap.flood;
       EXPECT_EQ( macs[ v ], ( std::set< Mac >{ Demo::macOf( v, 0 ), Demo::macOf( v, 1 ), Demo::macOf( v, 2 ) } ) ) << v;
       EXPECT_EQ( flood[ v ], ( std::set< uint32_t >{ Demo::floodVtep( v, 0 ), Demo::floodVtep( v, 1 ) } ) ) << v;
    }
